@@ -1,0 +1,69 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+namespace Vel {
+
+/// Root of every failure that a caller may handle. The complete text, detail and place of the throw statement, is
+/// built once here; what() only returns it. The classes of the family add a category prefix and nothing else.
+///
+/// Every class takes the same three arguments: the detail text, and file and line of the throw statement
+/// (`__FILE__`, `__LINE__`). Immutable after construction, so it may be read on any thread.
+class Error : public std::exception {
+public:
+    Error(const std::string& message, const char* file, int line)
+        : m_Text(message + "(" + file + ":" + std::to_string(line) + ")") {}
+
+    const char* what() const noexcept override { return m_Text.c_str(); }
+
+private:
+    std::string m_Text;
+};
+
+namespace CppUtil {
+
+/// The program cannot start with the configuration it was given.
+class InitializationError : public Error {
+public:
+    InitializationError(const std::string& detail, const char* file, int line)
+        : Error("Initialization Error: " + detail, file, line) {}
+};
+
+/// A text or a serialized form does not follow its format.
+class ParsingError : public Error {
+public:
+    ParsingError(const std::string& detail, const char* file, int line)
+        : Error("Generic parsing Error: " + detail, file, line) {}
+};
+
+/// An index or a size lies outside of its range.
+class OutOfRangeError : public Error {
+public:
+    OutOfRangeError(const std::string& detail, const char* file, int line)
+        : Error("Out of Range Error: " + detail, file, line) {}
+};
+
+/// An argument is well-formed but not acceptable.
+class InvalidArgumentError : public Error {
+public:
+    InvalidArgumentError(const std::string& detail, const char* file, int line)
+        : Error("Invalid Argument Error: " + detail, file, line) {}
+};
+
+/// A call that the object does not offer in its present state.
+class NotImplementedError : public Error {
+public:
+    NotImplementedError(const std::string& detail, const char* file, int line)
+        : Error("Not Implemented Error: " + detail, file, line) {}
+};
+
+/// Reading from or writing to a file or device failed.
+class IOError : public Error {
+public:
+    IOError(const std::string& detail, const char* file, int line)
+        : Error("IOErrorr: " + detail, file, line) {}
+};
+
+}  // namespace CppUtil
+}  // namespace Vel
