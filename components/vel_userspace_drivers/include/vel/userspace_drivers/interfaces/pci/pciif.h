@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "vel/cpp_utils/error.h"
+#include "vel/userspace_drivers/interfaces/lindevmemaccessor.h"
+
+namespace Vel::Pci {
+
+class MappingGuard;
+
+/// A device cannot be opened or mapped, or its mapping cannot be accessed.
+class PciError : public Error {
+public:
+    PciError(const std::string& detail, const char* file, int line)
+        : Error("PCI Error: " + detail, file, line) {}
+};
+
+/// A character device, or a plain file that stands in for one, with a region of it mapped into this process.
+/// Changes are shared both ways with every other process that maps it. After construction no access makes a
+/// system call.
+///
+/// Built and released while nobody accesses it; in between thread-bound to the thread that does. Neither
+/// copied nor moved, since it owns the descriptor and the mapping.
+class PciIf : public Drivers::LinDevMemAccessor {
+public:
+    /// Opens `path` for reading and writing and maps `size` bytes from byte `offset` on (a multiple of the
+    /// page size). With size 0 nothing is mapped, and every access fails. Throws PciError when that fails,
+    /// and for a plain file that ends before the region does: the system lets it be mapped, but not be read.
+    PciIf(const std::string& path, std::uint32_t size, std::uint32_t offset);
+    ~PciIf() override;
+    PciIf(const PciIf&) = delete;
+    PciIf& operator=(const PciIf&) = delete;
+
+    bool isOpen() const { return m_FileDescriptor != NOT_OPEN; }
+    bool isMapped() const { return m_MapBase != nullptr; }
+    /// Releases mapping and descriptor; every later access fails.
+    void closeDevice();
+
+    Drivers::MemSegment getMemSegment() const override;
+    /// Throws PciError when the device is not open, not mapped, or has lost its memory: a file that is
+    /// truncated while it is mapped. What was read from such a file since the last successful call may be
+    /// zeros.
+    void checkAccessible() const override;
+
+private:
+    static constexpr std::int32_t NOT_OPEN = -1;
+
+    void openDevice();
+    void mapMemory();
+    void checkFileSize() const;
+
+    std::string m_Path;
+    std::int32_t m_FileDescriptor = NOT_OPEN;
+    std::int32_t m_MapSize;     ///< bytes
+    std::uint32_t m_MapOffset;  ///< bytes from the start of the device
+    void* m_MapBase = nullptr;
+    std::unique_ptr<MappingGuard> m_Guard;  ///< present while mapped
+};
+
+}  // namespace Vel::Pci

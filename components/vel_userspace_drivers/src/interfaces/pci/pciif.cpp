@@ -1,0 +1,102 @@
+#include "vel/userspace_drivers/interfaces/pci/pciif.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "mapping_guard.h"
+
+namespace Vel::Pci {
+
+PciIf::PciIf(const std::string& path, std::uint32_t size, std::uint32_t offset)
+    : m_Path(path), m_MapSize(static_cast<std::int32_t>(size)), m_MapOffset(offset) {
+    openDevice();
+    if (size == 0) {
+        return;
+    }
+    try {
+        mapMemory();
+    } catch (...) {
+        closeDevice();
+        throw;
+    }
+}
+
+PciIf::~PciIf() {
+    closeDevice();
+}
+
+void PciIf::openDevice() {
+    m_FileDescriptor = ::open(m_Path.c_str(), O_RDWR | O_CLOEXEC);  // NOLINT(*-vararg)
+    if (m_FileDescriptor == NOT_OPEN) {
+        const std::string reason = std::generic_category().message(errno);
+        throw PciError("Could not open device at path: " + m_Path + ". Error: \"" + reason + "\"", __FILE__,
+                       __LINE__);
+    }
+}
+
+void PciIf::mapMemory() {
+    checkFileSize();
+    // A size of 2 GiB and more is stored as a negative number; widened again it is one that cannot be mapped.
+    const auto length = static_cast<std::size_t>(m_MapSize);
+    void* base = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_FileDescriptor,
+                        static_cast<off_t>(m_MapOffset));
+    if (base == MAP_FAILED || base == nullptr) {
+        throw PciError("Failed mmap of " + std::to_string(m_MapSize) + " bytes (offset: " +
+                           std::to_string(m_MapOffset) + ") from device: " + m_Path + ". ",
+                       __FILE__, __LINE__);
+    }
+    m_MapBase = base;
+    m_Guard = std::make_unique<MappingGuard>(base, length);
+}
+
+void PciIf::checkFileSize() const {
+    struct stat status {};
+    // A device has no size to compare with; the mapping call of its driver checks the region.
+    if (::fstat(m_FileDescriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+        return;
+    }
+    const std::int64_t needed = std::int64_t{m_MapOffset} + m_MapSize;
+    if (status.st_size < needed) {
+        throw PciError("File " + m_Path + " is too short: it has " + std::to_string(status.st_size) +
+                           " bytes, but " + std::to_string(needed) + " are needed.",
+                       __FILE__, __LINE__);
+    }
+}
+
+void PciIf::closeDevice() {
+    m_Guard.reset();
+    if (isMapped()) {
+        ::munmap(m_MapBase, static_cast<std::size_t>(m_MapSize));
+        m_MapBase = nullptr;
+    }
+    if (isOpen()) {
+        ::close(m_FileDescriptor);
+        m_FileDescriptor = NOT_OPEN;
+    }
+}
+
+Drivers::MemSegment PciIf::getMemSegment() const {
+    return {.size = m_MapSize < 0 ? 0 : static_cast<std::uint32_t>(m_MapSize),
+            .base = static_cast<std::uint8_t*>(m_MapBase)};
+}
+
+void PciIf::checkAccessible() const {
+    const char* reason = nullptr;
+    if (!isOpen()) {
+        reason = " is not open.";
+    } else if (!isMapped()) {
+        reason = " has no memory mapped into user space.";
+    } else if (m_Guard->isLost()) {
+        reason = " has lost its mapped memory (the file was truncated).";
+    } else {
+        return;
+    }
+    throw PciError("Cannot access device memory. Device " + m_Path + reason, __FILE__, __LINE__);
+}
+
+}  // namespace Vel::Pci
