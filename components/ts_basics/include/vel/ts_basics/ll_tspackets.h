@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "vel/ts_basics/tspacket.h"
+
+namespace Vel::Ts {
+
+/// A transport packet that owns one heap buffer: header room for the next layer, then the 188 bytes of the packet at
+/// its end. It is moved from the reader through the queue to the writer and never copied. A packet without a buffer is
+/// dead. Thread-bound to whoever holds it.
+class LowlevInTSPacket final : public IO_TSPacket {
+public:
+    /// A packet with a fresh, uninitialised buffer of that many bytes.
+    /// @throws TsPacketError for fewer than 188
+    template <std::uint32_t TOTAL_PACKET_SIZE>
+    static LowlevInTSPacket create() {
+        return LowlevInTSPacket(TOTAL_PACKET_SIZE);
+    }
+
+    /// A dead packet of total size 0.
+    LowlevInTSPacket() = default;
+    /// Takes the buffer over; the source stays behind dead, with its total size, so that reset() can revive it.
+    LowlevInTSPacket(LowlevInTSPacket&& moveSrc) noexcept;
+
+    /// Gives the packet a fresh, uninitialised buffer of its total size.
+    /// @throws TsPacketError for a packet that never had one
+    void reset();
+    bool isDead() const { return m_Buffer == nullptr; }
+
+    /// @throws TsPacketError on a dead packet, as the next two do
+    const std::uint8_t* getDataPtr() const override;
+    std::uint8_t* getDataPtr() override;
+    /// First byte of the buffer: the header room. It is getTotalSize() bytes long.
+    std::uint8_t* getWriteDataPtr();
+    std::uint32_t getTotalSize() const { return m_TotalSize; }
+
+private:
+    explicit LowlevInTSPacket(std::uint32_t totalSize);
+    void allocate();
+
+    std::unique_ptr<std::uint8_t[]> m_Buffer;
+    std::uint32_t m_Offset = 0;     // of the 188 bytes in the buffer
+    std::uint32_t m_TotalSize = 0;  // of the buffer, in bytes
+};
+
+}  // namespace Vel::Ts

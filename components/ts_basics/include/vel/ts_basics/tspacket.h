@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+
+namespace Vel::Ts {
+
+/// Length of a transport packet in bytes and its first byte (ISO/IEC 13818-1, 2.4.3.2).
+inline constexpr std::uint32_t TS_PACKET_SIZE = 188;
+inline constexpr std::uint8_t SYNC_BYTE = 0x47;
+/// PIDs have 13 bits; the highest one marks null packets.
+inline constexpr std::uint32_t PID_COUNT = 8192;
+inline constexpr std::uint32_t NULL_PID = PID_COUNT - 1;
+
+/// The system clock behind a PCR runs at 27 MHz; a PCR is a base of 33 bits in units of 300 ticks and an extension
+/// (ISO/IEC 13818-1, 2.4.3.5), so it returns to 0 after PCR_WRAP ticks, a little over 26 hours.
+inline constexpr std::uint64_t PCR_TICKS_PER_BASE = 300;
+inline constexpr std::uint64_t PCR_WRAP = (std::uint64_t{1} << 33) * PCR_TICKS_PER_BASE;
+
+/// transport_scrambling_control (ISO/IEC 13818-1, table 2-4).
+enum class ScramblingControl : std::uint8_t {
+    NotScrambled = 0,
+    UserDefined1 = 1,
+    UserDefined2 = 2,
+    UserDefined3 = 3,
+};
+
+/// View of the 188 bytes of one transport packet: the fields of its 4-byte header and its PCR. No accessor looks at
+/// the sync byte. Every one goes through getDataPtr() and fails as that does. Reentrant.
+class TSPacket {
+public:
+    /// First of the 188 bytes.
+    virtual const std::uint8_t* getDataPtr() const = 0;
+    virtual std::uint8_t* getDataPtr() = 0;
+
+    virtual bool hasSyncByte() const;
+    /// 0..8191
+    virtual std::uint32_t getPid() const;
+    /// Stores the low 13 bits.
+    virtual void setPid(std::uint32_t pid);
+    /// 0..15
+    virtual std::uint32_t getContinuityCounter() const;
+    /// Stores the low 4 bits.
+    virtual void setContinuityCounter(std::uint32_t counter);
+    virtual bool hasPayload() const;
+    virtual ScramblingControl getScramblingControl() const;
+    virtual bool isScrambled() const;
+    virtual bool hasPcr() const;
+    virtual bool isPayloadUnitStart() const;
+    /// The PCR in 27 MHz ticks, base * 300 + extension with both as they stand in the packet.
+    /// @throws TsPacketError where hasPcr() is false
+    virtual std::uint64_t getPcr() const;
+    /// First byte of the payload; the end of the packet where there is none, never a place beyond it.
+    virtual const std::uint8_t* getPayloadPtr() const;
+    virtual std::uint8_t* getPayloadPtr();
+    virtual bool hasTransportError() const;
+
+    virtual ~TSPacket() = default;
+
+protected:
+    TSPacket() = default;
+    TSPacket(const TSPacket&) = default;
+    TSPacket& operator=(const TSPacket&) = default;
+};
+
+/// A packet that travels between an input or output and the program.
+class IO_TSPacket : public TSPacket {};
+
+}  // namespace Vel::Ts
