@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "vel/cpp_utils/error.h"
+
+namespace Vel::Drivers {
+
+/// Root of the errors of all drivers, to catch them together; never thrown itself.
+class DriverError : public Error {
+public:
+    DriverError(const std::string& detail, const char* file, int line)
+        : Error("Driver (user space) error: " + detail, file, line) {}
+};
+
+namespace Zep {
+
+/// A value does not fit the field of a table row.
+class ZepDriverError : public DriverError {
+public:
+    ZepDriverError(const std::string& detail, const char* file, int line)
+        : DriverError("ZEP Driver (user space) error: " + detail, file, line) {}
+};
+
+}  // namespace Zep
+}  // namespace Vel::Drivers

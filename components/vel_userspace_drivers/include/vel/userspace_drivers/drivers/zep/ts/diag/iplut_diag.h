@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "vel/userspace_drivers/drivers/zep/ts/ipinentry.h"
+#include "vel/userspace_drivers/interfaces/memif.h"
+
+/// Readers of the tables in the tsio device. All pass on the errors of the memory. They keep nothing: as
+/// reentrant as the memory that they are given.
+namespace Vel::Drivers::Zep {
+
+/// Rows of the IP LUT.
+constexpr std::uint32_t getIpLutSize() {
+    return IpLut::TABLE.rows;
+}
+/// Word index of row 0, the same for every bank. Reads the device once, so that one that cannot be read fails
+/// here.
+std::uint32_t getIpLutBase(IMemIf& memory, std::uint32_t bank);
+/// 0 or 1; a writer changes it when it changes the table.
+std::uint32_t getIpLutControlBit(IMemIf& memory);
+
+/// Rows `offset` to `offset + count - 1` of the IP LUT, in row order; without the disabled ones unless they
+/// are asked for. Throws InvalidArgumentError when the range passes the table's end.
+std::vector<IpInEntry> readIpLut(IMemIf& memory, std::uint32_t offset, std::uint32_t count,
+                                 bool includeDisabled);
+
+}  // namespace Vel::Drivers::Zep

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "vel/userspace_drivers/drivers/zep/ts/pidlutentry.h"
+#include "vel/userspace_drivers/interfaces/memif.h"
+
+/// Readers of the tables in the router device. All pass on the errors of the memory. They keep nothing: as
+/// reentrant as the memory that they are given.
+namespace Vel::Drivers::Zep {
+
+/// Rows of one bank of the PID LUT.
+constexpr std::uint32_t getPidLutSize() {
+    return PidLut::TABLE.rows;
+}
+/// Word index of row 0 of a bank. Bank 0 is the one that the select bit names, now; any other value the other
+/// one.
+std::uint32_t getPidLutBase(IMemIf& memory, std::uint32_t bank);
+/// 0 or 1; a writer changes it when it changes the table.
+std::uint32_t getPidLutControlBit(IMemIf& memory);
+
+/// Rows `offset` to `offset + count - 1` of bank 0 of the PID LUT, in row order; without those that have
+/// neither route unless they are asked for. The bank is looked up once, before the first row is read. Throws
+/// InvalidArgumentError when the range passes the table's end.
+std::vector<PidLutEntry> readPidLut(IMemIf& memory, std::uint32_t offset, std::uint32_t count,
+                                    bool includeUnrouted);
+
+}  // namespace Vel::Drivers::Zep

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "vel/cpp_utils/network/ipadrcontainer.h"
+#include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
+#include "vel/userspace_drivers/drivers/zep/ts/table_row.h"
+
+namespace Vel::Drivers::Zep {
+
+/// Row of the IP LUT: binds an IPv4 address and UDP port to an input transport stream while it is enabled.
+///
+/// Setters enable the row. They, and the constructors, throw ZepDriverError for a value that does not fit its
+/// field; a setter that throws changes nothing. A plain value; reentrant.
+class IpInEntry final : public TableRow<IpInEntry, IpLut::TABLE.wordsPerRow> {
+public:
+    /// A cleared row.
+    IpInEntry();
+    /// An enabled row of address 0.0.0.0, port 0.
+    /// @param tsiidx 0..255
+    explicit IpInEntry(std::uint32_t tsiidx);
+    /// An enabled row.
+    /// @param udpPort 0..65535
+    IpInEntry(std::uint32_t tsiidx, const CppUtil::IpAdrContainer& ip, std::uint32_t udpPort);
+    /// @param ip dotted decimal
+    IpInEntry(std::uint32_t tsiidx, const std::string& ip, std::uint32_t udpPort);
+
+    void setTSIIDX(std::uint32_t tsiidx);
+    void setIp(const CppUtil::IpAdrContainer& ip);
+    void setIp(const std::string& ip);
+    void setUdpPort(std::uint32_t udpPort);
+
+    std::uint32_t getTSIIDX() const { return m_TSIIDX; }
+    const CppUtil::IpAdrContainer& getIp() const { return m_Ip; }
+    std::uint32_t getUdpPort() const { return m_UdpPort; }
+    bool isEnabled() const { return m_Enabled; }
+
+    /// TSIIDX 255, address 255.255.255.255, port 65535, not enabled.
+    void clear() override;
+
+    /// By address, then by port.
+    friend bool operator<(const IpInEntry& left, const IpInEntry& right) {
+        const std::uint32_t leftIp = left.m_Ip.toUint32();
+        const std::uint32_t rightIp = right.m_Ip.toUint32();
+        return leftIp != rightIp ? leftIp < rightIp : left.m_UdpPort < right.m_UdpPort;
+    }
+    friend bool operator>(const IpInEntry& left, const IpInEntry& right) { return right < left; }
+    /// Same input at the same address and port, enabled or not.
+    friend bool operator==(const IpInEntry& left, const IpInEntry& right) {
+        return left.m_TSIIDX == right.m_TSIIDX && left.m_Ip.toUint32() == right.m_Ip.toUint32() &&
+               left.m_UdpPort == right.m_UdpPort;
+    }
+
+private:
+    friend TableRow;
+    template <class Self, class Visit>
+    static void visitFields(Self& row, Visit visit) {
+        visit(IpLut::ADDRESS, row.m_Ip);
+        visit(IpLut::UDP_PORT, row.m_UdpPort);
+        visit(IpLut::TSIIDX, row.m_TSIIDX);
+        visit(IpLut::ENABLED, row.m_Enabled);
+    }
+
+    std::uint32_t m_TSIIDX = 0;
+    CppUtil::IpAdrContainer m_Ip;
+    std::uint32_t m_UdpPort = 0;
+    bool m_Enabled = true;
+};
+
+}  // namespace Vel::Drivers::Zep

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <span>
+
+#include "vel/cpp_utils/network/ipadrcontainer.h"
+#include "vel/userspace_drivers/drivers/zep/ts/bitfield.h"
+#include "vel/userspace_drivers/drivers_misc/serentry.h"
+
+namespace Vel::Drivers::Zep {
+
+/// Returns `value`; throws ZepDriverError with `refusal`, the value and ")" when it lies outside of `range`.
+std::uint32_t requireInRange(std::uint32_t value, const Range& range, const char* refusal);
+
+/// Writes fields into the words of a row, which are all zero at first.
+struct RowEncoder {
+    std::span<std::uint32_t> words;
+
+    void operator()(const BitField& bits, std::uint32_t value) const {
+        words[bits.word] |= bits.place(value);
+    }
+    void operator()(const BitField& bits, const CppUtil::IpAdrContainer& address) const {
+        (*this)(bits, address.toUint32());
+    }
+};
+
+/// Reads fields from the words of a row.
+struct RowDecoder {
+    std::span<const std::uint32_t> words;
+
+    std::uint32_t extract(const BitField& bits) const { return bits.extract(words[bits.word]); }
+    void operator()(const BitField& bits, std::uint32_t& value) const { value = extract(bits); }
+    void operator()(const BitField& bits, bool& flag) const { flag = extract(bits) != 0; }
+    void operator()(const BitField& bits, CppUtil::IpAdrContainer& address) const {
+        address.setUint32(extract(bits));
+    }
+};
+
+/// A table row of `WordCount` words whose fields each lie in some of their bits. The derived class says
+/// which, once for both directions, by a static `visitFields(row, visit)` that calls `visit(bits, field)` for
+/// every stored field. Every combination of bits is a row, so reading from words never fails.
+template <class Row, std::uint32_t WordCount>
+class TableRow : public Misc::SerilizeableEntry<unsigned int> {
+public:
+    static constexpr std::uint32_t WORDS = WordCount;
+
+    void toWords() override {
+        std::ranges::fill(m_Words, 0U);
+        Row::visitFields(static_cast<const Row&>(*this), RowEncoder{m_Words});
+    }
+    bool fromWords() override {
+        Row::visitFields(static_cast<Row&>(*this), RowDecoder{m_Words});
+        return true;
+    }
+
+protected:
+    TableRow() : SerilizeableEntry(WordCount) {}
+
+    /// Stores a value that lies within `range`; otherwise throws as requireInRange() does and changes
+    /// nothing.
+    void assign(std::uint32_t& field, std::uint32_t value, const Range& range, const char* refusal) {
+        field = requireInRange(value, range, refusal);
+        setModified();
+    }
+    void assign(bool& flag, bool value) {
+        flag = value;
+        setModified();
+    }
+};
+
+}  // namespace Vel::Drivers::Zep

@@ -1,0 +1,62 @@
+#include "vel/userspace_drivers/drivers/zep/ts/ipinentry.h"
+
+#include "vel/userspace_drivers/drivers/driver_error.h"
+
+namespace Vel::Drivers::Zep {
+
+using CppUtil::IpAdrContainer;
+
+namespace {
+
+IpAdrContainer parseIp(const std::string& text, const char* refusal) {
+    try {
+        return IpAdrContainer(text);
+    } catch (const CppUtil::ParsingError&) {
+        throw ZepDriverError(refusal + text + ")", __FILE__, __LINE__);
+    }
+}
+
+}  // namespace
+
+IpInEntry::IpInEntry() {
+    clear();
+}
+
+IpInEntry::IpInEntry(std::uint32_t tsiidx) : IpInEntry(tsiidx, IpAdrContainer(), 0) {}
+
+IpInEntry::IpInEntry(std::uint32_t tsiidx, const IpAdrContainer& ip, std::uint32_t udpPort)
+    : m_TSIIDX(requireInRange(tsiidx, TSIIDX_RANGE, "IpInEntry created with invalid TSIidx (")),
+      m_Ip(ip),
+      m_UdpPort(requireInRange(udpPort, UDP_PORT_RANGE, "IpInEntry created with invalid UDP port (")) {}
+
+IpInEntry::IpInEntry(std::uint32_t tsiidx, const std::string& ip, std::uint32_t udpPort)
+    : IpInEntry(tsiidx, parseIp(ip, "IpInEntry created with invalid IP address ("), udpPort) {}
+
+void IpInEntry::setTSIIDX(std::uint32_t tsiidx) {
+    assign(m_TSIIDX, tsiidx, TSIIDX_RANGE, "Attempt to set invalid TSIidx (");
+    m_Enabled = true;
+}
+
+void IpInEntry::setIp(const IpAdrContainer& ip) {
+    m_Ip = ip;
+    setModified();
+    m_Enabled = true;
+}
+
+void IpInEntry::setIp(const std::string& ip) {
+    setIp(parseIp(ip, "Attempt to set invalid IP address ("));
+}
+
+void IpInEntry::setUdpPort(std::uint32_t udpPort) {
+    assign(m_UdpPort, udpPort, UDP_PORT_RANGE, "Attempt to set invalid UDP port (");
+    m_Enabled = true;
+}
+
+void IpInEntry::clear() {
+    setTSIIDX(TSIIDX_RANGE.max);
+    setIp(IpAdrContainer(IpLut::ADDRESS.mask()));
+    setUdpPort(UDP_PORT_RANGE.max);
+    m_Enabled = false;
+}
+
+}  // namespace Vel::Drivers::Zep
