@@ -1,0 +1,72 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <exception>
+#include <iostream>
+#include <system_error>
+
+#include "errors.h"
+#include "table_commands.h"
+#include "vel/cpp_utils/error.h"
+
+namespace {
+
+enum ExitStatus { DONE = 0, STREAM_FAULTY = 1, WRONG_USE = 2, DEVICE_UNUSABLE = 3 };
+
+int fail(ExitStatus status, const std::exception& error) {
+    std::cerr << "zepctl: " << error.what() << '\n';
+    return status;
+}
+
+int run(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);  // runs the command as well
+        return DONE;
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        return fail(WRONG_USE, error);
+    } catch (const Vel::Zepctl::UsageError& error) {
+        return fail(WRONG_USE, error);
+    } catch (const Vel::Zepctl::StreamFault& error) {
+        return fail(STREAM_FAULTY, error);
+    } catch (const std::exception& error) {
+        return fail(DEVICE_UNUSABLE, error);
+    }
+}
+
+/// Started with a standard descriptor closed, the next file opened would get its number, and what is printed
+/// would go into a table. Opened for reading only, so that printing fails as it would have.
+void occupyStandardDescriptors() {
+    int fd = -1;
+    do {
+        fd = ::open("/dev/null", O_RDONLY);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
+/// Output that got lost is worse than a faulty stream, but says nothing about an error already told.
+int flushOutput(int status) {
+    errno = 0;
+    if (std::cout.flush() || status > STREAM_FAULTY) {
+        return status;
+    }
+    return fail(DEVICE_UNUSABLE,
+                std::system_error(errno, std::generic_category(), "Cannot write to standard output"));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    occupyStandardDescriptors();
+    CLI::App app(
+        "Makes, changes and shows the tables of the transport stream hardware, and checks its records.",
+        "zepctl");
+    app.require_subcommand(1);
+    Vel::Zepctl::addTableCommands(app);
+    return flushOutput(run(app, argc, argv));
+}
