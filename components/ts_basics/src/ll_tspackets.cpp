@@ -29,9 +29,10 @@ void LowlevInTSPacket::allocate() {
     m_Buffer = std::make_unique_for_overwrite<std::uint8_t[]>(m_TotalSize);
     if (m_TotalSize < TS_PACKET_SIZE) {
         m_Buffer.reset();
-        throw TsPacketError("Cannot reset data container of the packet. template parameter TOTAL_PACKET_SIZE is "
-                            "less than 188 bytes.",
-                            __FILE__, __LINE__);
+        throw TsPacketError(
+            "Cannot reset data container of the packet. template parameter TOTAL_PACKET_SIZE is "
+            "less than 188 bytes.",
+            __FILE__, __LINE__);
     }
     m_Offset = m_TotalSize - TS_PACKET_SIZE;
 }

@@ -59,8 +59,10 @@ TEST(TSPacket, SettersKeepTheNeighbouringBits) {
 
 TEST(TSPacket, PcrIsBaseTimes300PlusExtensionAsRead) {
     EXPECT_EQ(packetOf({0x47, 0, 0, 0x30, 7, 0x10, 0, 0, 0, 1, 0x80, 42}).getPcr(), 942U);
-    EXPECT_EQ(packetOf({0x47, 0, 0, 0x20, 7, 0x10, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}).getPcr(), 2576980377811U);
-    EXPECT_EQ(packetOf({0x47, 0, 0, 0x20, 7, 0x10, 0x80, 0, 0, 0, 0x7F, 0}).getPcr(), (1ULL << 32) * 300 + 256);
+    EXPECT_EQ(packetOf({0x47, 0, 0, 0x20, 7, 0x10, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}).getPcr(),
+              2576980377811U);
+    EXPECT_EQ(packetOf({0x47, 0, 0, 0x20, 7, 0x10, 0x80, 0, 0, 0, 0x7F, 0}).getPcr(),
+              (1ULL << 32) * 300 + 256);
     for (const auto& without : {packetOf({0x47, 0, 0, 0x10, 7, 0x10}), packetOf({0x47, 0, 0, 0x30, 0, 0x10}),
                                 packetOf({0x47, 0, 0, 0x30, 7, 0xEF})}) {
         EXPECT_FALSE(without.hasPcr());
@@ -83,9 +85,10 @@ TEST(LowlevInTSPacket, HoldsThePacketAtTheEndOfItsBuffer) {
     EXPECT_EQ(packet.getTotalSize(), 192U);
     auto bare = LowlevInTSPacket::create<188>();
     EXPECT_EQ(bare.getDataPtr(), bare.getWriteDataPtr());
-    EXPECT_EQ(errorOf([] { LowlevInTSPacket::create<187>(); }),
-              "TS Packet Error: Cannot reset data container of the packet. template parameter TOTAL_PACKET_SIZE is "
-              "less than 188 bytes.");
+    EXPECT_EQ(
+        errorOf([] { LowlevInTSPacket::create<187>(); }),
+        "TS Packet Error: Cannot reset data container of the packet. template parameter TOTAL_PACKET_SIZE is "
+        "less than 188 bytes.");
 }
 
 TEST(LowlevInTSPacket, MovedFromPacketIsDeadUntilReset) {
@@ -93,10 +96,13 @@ TEST(LowlevInTSPacket, MovedFromPacketIsDeadUntilReset) {
     const std::uint8_t* bytes = source.getDataPtr();
     LowlevInTSPacket target(std::move(source));
     EXPECT_EQ(target.getDataPtr(), bytes);
-    ASSERT_TRUE(source.isDead());  // NOLINT(bugprone-use-after-move): the state that a move leaves is the subject
+    ASSERT_TRUE(
+        source.isDead());  // NOLINT(bugprone-use-after-move): the state that a move leaves is the subject
     EXPECT_EQ(source.getTotalSize(), 192U);
-    EXPECT_EQ(errorOf([&] { source.getPid(); }), "TS Packet Error: Cannot get const data pointer. Object is dead.");
-    EXPECT_EQ(errorOf([&] { source.setPid(1); }), "TS Packet Error: Cannot get data pointer. Object is dead.");
+    EXPECT_EQ(errorOf([&] { source.getPid(); }),
+              "TS Packet Error: Cannot get const data pointer. Object is dead.");
+    EXPECT_EQ(errorOf([&] { source.setPid(1); }),
+              "TS Packet Error: Cannot get data pointer. Object is dead.");
     EXPECT_EQ(errorOf([&] { source.getWriteDataPtr(); }),
               "TS Packet Error: Cannot get write data pointer. Object is dead.");
     source.reset();

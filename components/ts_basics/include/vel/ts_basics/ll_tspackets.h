@@ -7,9 +7,9 @@
 
 namespace Vel::Ts {
 
-/// A transport packet that owns one heap buffer: header room for the next layer, then the 188 bytes of the packet at
-/// its end. It is moved from the reader through the queue to the writer and never copied. A packet without a buffer is
-/// dead. Thread-bound to whoever holds it.
+/// A transport packet that owns one heap buffer: header room for the next layer, then the 188 bytes of the
+/// packet at its end. It is moved from the reader through the queue to the writer and never copied. A packet
+/// without a buffer is dead. Thread-bound to whoever holds it.
 class LowlevInTSPacket final : public IO_TSPacket {
 public:
     /// A packet with a fresh, uninitialised buffer of that many bytes.
@@ -21,7 +21,8 @@ public:
 
     /// A dead packet of total size 0.
     LowlevInTSPacket() = default;
-    /// Takes the buffer over; the source stays behind dead, with its total size, so that reset() can revive it.
+    /// Takes the buffer over; the source stays behind dead, with its total size, so that reset() can revive
+    /// it.
     LowlevInTSPacket(LowlevInTSPacket&& moveSrc) noexcept;
 
     /// Gives the packet a fresh, uninitialised buffer of its total size.

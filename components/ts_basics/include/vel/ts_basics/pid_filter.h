@@ -8,8 +8,8 @@
 
 namespace Vel::Ts::Misc {
 
-/// Which of the 8192 PIDs pass. PIDs beyond are ignored by the changing calls and never pass. Reentrant; an object
-/// that threads share is guarded by its owner.
+/// Which of the 8192 PIDs pass. PIDs beyond are ignored by the changing calls and never pass. Reentrant; an
+/// object that threads share is guarded by its owner.
 class PidFilter {
 public:
     /// Everything passes.

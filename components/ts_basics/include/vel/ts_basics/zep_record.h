@@ -6,8 +6,9 @@
 
 namespace Vel::Ts {
 
-/// A record of the pktio data device, a ZEP headered packet: the TSIIDX of the input, unsigned 32-bit little-endian, then
-/// the 188 bytes of the transport packet. Records follow each other without anything between them.
+/// A record of the pktio data device, a ZEP headered packet: the TSIIDX of the input, unsigned 32-bit
+/// little-endian, then the 188 bytes of the transport packet. Records follow each other without anything
+/// between them.
 inline constexpr std::uint32_t RECORD_HEADER_SIZE = 4;
 inline constexpr std::uint32_t RECORD_SIZE = RECORD_HEADER_SIZE + TS_PACKET_SIZE;
 

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+// One occurrence of a list option is one element: paths may hold commas, and no argument holds this.
+#define CXXOPTS_VECTOR_DELIMITER '\0'
+#include <cxxopts.hpp>
+
+#include "tspacket_streaming/stream_mode.h"
+#include "tspacket_streaming/uri_file_list.h"
+
+namespace Vel::Utils {
+
+/// What the program was asked to do.
+struct Settings {
+    UriFileList files;
+    std::string routerDevice;
+    std::string tsioDevice;
+    std::string pktioCtrlDevice;  // accepted, opened by nothing
+    std::string pktioDataDevice;
+    StreamMode streamMode = StreamMode::MaxRate;
+};
+
+/// The parser with the program's options.
+cxxopts::Options declareOptions();
+
+/// Parses the process arguments. Beyond what the library does by itself, an option whose value may be left
+/// out takes the next argument as its value unless that is missing or begins with "-".
+/// @throws cxxopts::exceptions::exception for anything that the options do not allow
+cxxopts::ParseResult parseArguments(cxxopts::Options& options, int argc, const char* const* argv);
+
+/// Reads the "URI PATH" pairs, in their order.
+/// @throws CppUtil::InitializationError for a pair that is not two texts with one blank between, or a
+/// repeated URI
+UriFileList parseUriFilePairs(const std::vector<std::string>& pairs);
+
+/// @throws CppUtil::InitializationError where the pairs are missing or wrong
+Settings readSettings(const cxxopts::ParseResult& options);
+
+}  // namespace Vel::Utils

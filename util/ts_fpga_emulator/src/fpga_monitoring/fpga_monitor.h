@@ -1,0 +1,39 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fpga_monitoring/lut_monitor.h"
+#include "vel/cpp_utils/log.h"
+
+namespace Vel::Utils {
+
+/// Owns the LUT monitors and the one thread that polls them, in the order of the list, with a pause of 1 ms
+/// between two rounds. Every event is delivered on that thread. Constructed and destroyed on the main thread.
+class FPGAMonitor {
+public:
+    static std::string loggerName() { return Log::makeLoggerName(__FILE__, "Vel::Utils::FPGAMonitor"); }
+
+    /// Starts polling. The list must not be empty.
+    explicit FPGAMonitor(std::vector<std::unique_ptr<LutMonitor>> monitors);
+    /// Ends the round in progress, joins the thread and destroys the monitors, first to last.
+    virtual ~FPGAMonitor();
+    FPGAMonitor(const FPGAMonitor&) = delete;
+    FPGAMonitor& operator=(const FPGAMonitor&) = delete;
+
+private:
+    void monitorThread() noexcept;
+    void pollMonitors() noexcept;
+
+    std::shared_ptr<spdlog::logger> m_Logger;
+    std::thread m_Thread;
+    std::atomic<bool> m_Stop = false;
+    std::vector<std::unique_ptr<LutMonitor>> m_LutMonitors;
+    std::vector<std::size_t> m_LastErrors;  // hash of the text that the last poll of each monitor ended with
+};
+
+}  // namespace Vel::Utils

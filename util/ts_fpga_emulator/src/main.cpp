@@ -1,0 +1,99 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stop_token>
+#include <utility>
+
+#include "signal_thread.h"
+#include "vel/cpp_utils/assertion.h"
+#include "vel/cpp_utils/log.h"
+#include "zeptfem_app.h"
+
+namespace {
+
+using Vel::Utils::SignalThread;
+using Vel::Utils::ZEPTFEMApplication;
+
+constexpr int EXIT_SETUP_FAILED = 1;
+
+/// The one application, its lock, and the signals that end it. Signals work while it is built, while it runs
+/// and while it is taken down: the lock is free during the last, and the application no longer found.
+class ApplicationOwner {
+public:
+    ~ApplicationOwner() {
+        std::unique_lock lock(m_ApplicationLock);
+        const auto application = std::move(m_Application);
+        lock.unlock();
+    }
+
+    /// The lock is held throughout, so a signal that comes early is handled as soon as the application is
+    /// there. Before that, the stop request has ended what the set-up may be waiting for.
+    void construct(int argc, char** argv) {
+        const std::lock_guard lock(m_ApplicationLock);
+        m_Signals.emplace([this](int signal) { onSignal(signal); });
+        m_Application = std::make_unique<ZEPTFEMApplication>(argc, argv, m_Stop);
+    }
+
+    int run() { return m_Application->doApplication(); }
+
+private:
+    void onSignal(int signal) {
+        m_Stop.request_stop();
+        const std::lock_guard lock(m_ApplicationLock);
+        if (m_Application) {
+            m_Application->handleSignal(signal);
+        }
+    }
+
+    std::stop_source m_Stop;
+    std::mutex m_ApplicationLock;
+    std::unique_ptr<ZEPTFEMApplication> m_Application;  // guarded by m_ApplicationLock
+    std::optional<SignalThread> m_Signals;              // uses all of the above, so it ends first
+};
+
+void configureAssertions() {
+    auto& assertions = Vel::CppUtil::AssertionHandler::instance();
+    assertions.setOutputHandler(
+        [](const std::string& text) { std::cerr << "ZEPTFEM - fatal Error: " << text << std::endl; });
+    assertions.setStacktraceProvider([] { return "ZEPTFEM - no stack unwinding implemented."; });
+    assertions.setAbortOnFailure(true);
+}
+
+/// Started with a standard descriptor closed, the next file opened would get its number, and log lines would
+/// go into a table or into the records.
+void occupyStandardDescriptors() {
+    int fd = -1;
+    do {
+        fd = ::open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    configureAssertions();
+    occupyStandardDescriptors();
+    SignalThread::blockSignals();
+    std::signal(SIGPIPE,
+                SIG_IGN);  // a reader of the records or of the log that leaves shows as a write error
+    std::signal(SIGXFSZ, SIG_IGN);  // so does a size limit
+    try {
+        Vel::Log::setLogsystem(std::make_unique<Vel::Log::StdoutLogger>(spdlog::level::info));
+        // Created behind the logging backend, so destroyed before it at process exit: the teardown can log.
+        static ApplicationOwner application;
+        application.construct(argc, argv);
+        return application.run();
+    } catch (const std::exception& e) {
+        std::cerr << e.what() << std::endl;
+        return EXIT_SETUP_FAILED;
+    }
+}

@@ -1,0 +1,52 @@
+#include "signal_thread.h"
+
+#include <pthread.h>
+
+#include <csignal>
+#include <utility>
+
+namespace Vel::Utils {
+
+namespace {
+
+sigset_t endingSignals() {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGINT);
+    ::sigaddset(&signals, SIGTERM);
+    return signals;
+}
+
+}  // namespace
+
+void SignalThread::blockSignals() {
+    const sigset_t signals = endingSignals();
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+}
+
+SignalThread::SignalThread(std::function<void(int)> onSignal)
+    : m_OnSignal(std::move(onSignal)), m_Thread(&SignalThread::waitForSignals, this) {}
+
+SignalThread::~SignalThread() {
+    m_Stop = true;
+    ::pthread_kill(m_Thread.native_handle(), SIGTERM);
+    m_Thread.join();
+}
+
+void SignalThread::waitForSignals() {
+    const sigset_t signals = endingSignals();
+    while (true) {
+        int signal = 0;
+        const bool received = ::sigwait(&signals, &signal) == 0;
+        if (m_Stop) {
+            return;
+        }
+        if (received) {
+            m_OnSignal(signal);
+        }
+    }
+}
+
+}  // namespace Vel::Utils

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+namespace Vel::Utils {
+
+/// Takes SIGINT and SIGTERM off the process and hands them to a callback on one dedicated thread, one after
+/// the other, where everything may be done that a signal handler may not. Constructed and destroyed on the
+/// main thread.
+class SignalThread {
+public:
+    /// Blocks the two signals in the calling thread and, by inheritance, in every thread that it starts
+    /// later; call it before the first one. They then wait until a SignalThread takes them. Their action
+    /// becomes the default one, since a parent may have had them ignored, and an ignored signal never
+    /// arrives.
+    static void blockSignals();
+
+    /// @param onSignal called with SIGINT or SIGTERM; must not throw
+    explicit SignalThread(std::function<void(int)> onSignal);
+    /// Waits for the callback in progress. The signals stay blocked, so that a late one cannot end the
+    /// process.
+    ~SignalThread();
+    SignalThread(const SignalThread&) = delete;
+    SignalThread& operator=(const SignalThread&) = delete;
+
+private:
+    void waitForSignals();
+
+    std::function<void(int)> m_OnSignal;
+    std::atomic<bool> m_Stop = false;
+    std::thread m_Thread;
+};
+
+}  // namespace Vel::Utils

@@ -1,0 +1,35 @@
+#include "tspacket_streaming/monotonic_clock.h"
+
+#include <time.h>
+
+#include <algorithm>
+
+namespace Vel::Utils {
+
+namespace {
+
+constexpr std::uint64_t NS_PER_SECOND = 1'000'000'000;
+/// The longest sleep between two looks at the stop request.
+constexpr std::uint64_t SLICE_NS = 100'000'000;
+
+}  // namespace
+
+std::uint64_t MonotonicClock::getMonotonicNs() const {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * NS_PER_SECOND + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+void MonotonicClock::sleepNs(std::uint64_t ns, const std::stop_token& stop) const {
+    // Each slice is what is left until the end, so overshoots of the slices do not add up; and a signal that
+    // cuts one short only leads to another.
+    const std::uint64_t end = getMonotonicNs() + ns;
+    for (std::uint64_t now = end - ns; now < end && !stop.stop_requested(); now = getMonotonicNs()) {
+        const std::uint64_t slice = std::min(end - now, SLICE_NS);
+        const timespec duration{static_cast<time_t>(slice / NS_PER_SECOND),
+                                static_cast<long>(slice % NS_PER_SECOND)};
+        ::clock_nanosleep(CLOCK_MONOTONIC, 0, &duration, nullptr);
+    }
+}
+
+}  // namespace Vel::Utils

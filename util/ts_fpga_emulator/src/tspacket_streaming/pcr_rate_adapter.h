@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <stop_token>
+
+#include "tspacket_streaming/irate_adapter.h"
+#include "tspacket_streaming/monotonic_clock.h"
+#include "tspacket_streaming/pcr_rate_adapter_states.h"
+
+namespace Vel::Utils {
+
+/// Replays a stream at the rate at which it was produced. Learns the time per packet from the PCRs of one
+/// PID, holds back up to about ten thousand packets, and lets one packet out per learnt packet delay on
+/// average: batches of 100 leave as fast as they can, and each lasts at least 100 packet delays. A PCR below
+/// its predecessor is taken as a wrap.
+///
+/// What it does when is decided by its state; docs/architecture.md has the table. One adapter serves one
+/// stream, on that stream's thread.
+class PCRRateAdapter final : public IRateAdapter {
+public:
+    /// Packets that may be held before the play-out starts, and how many of them a play-out leaves queued.
+    static constexpr std::uint32_t MAX_BUFFERED_PACKETS = 10000;
+    static constexpr std::uint32_t PLAY_OUT_PACKETS = 5000;
+    /// PCRs that are remembered between calls, and releases that share one pacing sleep.
+    static constexpr std::size_t PCR_HISTORY = 10;
+    static constexpr std::uint32_t BATCH_RELEASES = 100;
+    /// No PCR PID yet: the first value that is not a PID.
+    static constexpr std::uint32_t NO_PID = Ts::PID_COUNT;
+
+    /// @param stop ends the pacing, not the order: from then on packets leave as fast as they are released
+    /// @param clock where time comes from; the system's by default
+    explicit PCRRateAdapter(std::stop_token stop = {},
+                            std::unique_ptr<const MonotonicClock> clock = std::make_unique<MonotonicClock>());
+
+    /// @throws CppUtil::NotImplementedError for a packet behind the last one
+    std::int32_t bufferPacket(const Ts::TSPacket& packet, bool last) override;
+    std::uint32_t getMaxBufferedPackets() const override { return MAX_BUFFERED_PACKETS; }
+    /// @throws CppUtil::NotImplementedError where no release has been asked for yet
+    void delayPacket() override;
+
+    // For the states.
+
+    bool isBufferEmpty() const { return m_HeldPackets == 0; }
+    /// Packets held, without the one that is being handed in.
+    std::uint32_t getBufferedPackets() const { return m_HeldPackets; }
+    std::uint32_t getPacketCount() const { return m_PacketCount; }
+    /// At least two PCRs have been seen, so that the packet delay is known.
+    bool isPacketDelayKnown() const { return m_PcrHistory.size() > 1; }
+    std::uint64_t getPacketDelayNs() const { return m_PacketDelayNs; }
+    /// Destroys the present state, which must not use itself afterwards.
+    void setState(std::unique_ptr<Internal::PCRRateAdapterState> state) { m_State = std::move(state); }
+    /// The packet's PCR, if it has one and is of the PCR PID; the first packet with a PCR decides that PID
+    /// for good.
+    std::optional<std::uint64_t> extractPcr(const Ts::TSPacket& packet);
+    /// @param pcr 27 MHz ticks
+    void addPcr(std::uint64_t pcr, std::uint32_t packetIndex);
+    bool isPacketDelayElapsed() const;
+    void sleepPacketDelay();
+
+private:
+    struct PcrRecord {
+        std::uint32_t packetIndex;  // the first packet of the stream has 1
+        std::uint64_t pcr;          // 27 MHz ticks
+    };
+
+    std::uint32_t calculatePacketDelayNs() const;
+
+    std::unique_ptr<Internal::PCRRateAdapterState> m_State;  // never empty
+    std::deque<PcrRecord> m_PcrHistory;                      // oldest first
+    std::uint32_t m_PacketCount = 0;                         // handed in so far
+    std::uint32_t m_HeldPackets = 0;
+    std::uint32_t m_PcrPid = NO_PID;
+    std::uint64_t m_PacketDelayNs = 0;
+    std::uint64_t m_LastReleaseNs = 0;  // monotonic; 0: none yet
+    std::uint64_t m_BatchStartNs = 0;   // monotonic
+    std::uint32_t m_BatchCount = 0;     // releases in the present batch
+    std::stop_token m_Stop;
+    std::unique_ptr<const MonotonicClock> m_Clock;
+};
+
+}  // namespace Vel::Utils

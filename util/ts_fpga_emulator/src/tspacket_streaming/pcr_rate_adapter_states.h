@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+
+#include "vel/ts_basics/tspacket.h"
+
+namespace Vel::Utils {
+
+class PCRRateAdapter;
+
+namespace Internal {
+
+/// What a PCRRateAdapter does with a packet. The states hold no data; they go forwards only, LockPCR,
+/// FillBuffer, PlayOutBuffer, EmptyBuffer, and the last packet leads to EmptyBuffer from each of them.
+class PCRRateAdapterState {
+public:
+    virtual ~PCRRateAdapterState() = default;
+    /// Answers as IRateAdapter::bufferPacket() does. May replace the adapter's state and so destroy this
+    /// object.
+    virtual std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) = 0;
+    virtual void packetDelay(PCRRateAdapter& adapter) = 0;
+};
+
+/// Holds every packet until two PCRs are known, or until as many are held as memory is meant for.
+class PCRRateAdapterState_LockPCR final : public PCRRateAdapterState {
+public:
+    std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) override;
+    void packetDelay(PCRRateAdapter& adapter) override;
+};
+
+/// Holds every packet until the buffer is full.
+class PCRRateAdapterState_FillBuffer final : public PCRRateAdapterState {
+public:
+    std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) override;
+    void packetDelay(PCRRateAdapter& adapter) override;
+};
+
+/// Lets a packet out for each one that comes in, when its time has come, and half of the buffer when it is
+/// full.
+class PCRRateAdapterState_PlayOutBuffer final : public PCRRateAdapterState {
+public:
+    std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) override;
+    void packetDelay(PCRRateAdapter& adapter) override;
+};
+
+/// The last packet has come: what is left goes out.
+class PCRRateAdapterState_EmptyBuffer final : public PCRRateAdapterState {
+public:
+    std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) override;
+    void packetDelay(PCRRateAdapter& adapter) override;
+};
+
+}  // namespace Internal
+}  // namespace Vel::Utils

@@ -1,0 +1,87 @@
+#include "tspacket_streaming/ts_file.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "vel/cpp_utils/error.h"
+
+namespace Vel::Utils {
+
+namespace {
+
+/// One system call for some 350 packets.
+constexpr std::size_t BLOCK_SIZE = 64 * 1024;
+/// The longest wait between two looks at the stop request.
+constexpr int WAIT_SLICE_MS = 50;
+
+}  // namespace
+
+/// Non-blocking, so that a FIFO without a writer holds up neither this call nor a read that a stop request
+/// must end.
+TsFile::TsFile(std::string path, std::function<bool()> stopRequested)
+    : m_Path(std::move(path)),
+      m_StopRequested(std::move(stopRequested)),
+      m_File(::open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
+
+bool TsFile::readPacket(std::span<std::uint8_t, Ts::TS_PACKET_SIZE> packet) {
+    while (m_Filled - m_Position < packet.size()) {
+        if (!fill()) {
+            return false;
+        }
+    }
+    std::copy_n(m_Block.data() + m_Position, packet.size(), packet.data());
+    m_Position += packet.size();
+    return true;
+}
+
+bool TsFile::isAtEnd() {
+    if (m_Position == m_Filled) {
+        fill();
+    }
+    return m_Position == m_Filled && m_EndOfFile;
+}
+
+/// Appends what one read gives to the unread rest of the block. False at the end of the file and on a stop
+/// request.
+bool TsFile::fill() {
+    if (m_EndOfFile) {
+        return false;
+    }
+    m_Block.resize(BLOCK_SIZE);
+    std::copy(m_Block.begin() + static_cast<std::ptrdiff_t>(m_Position),
+              m_Block.begin() + static_cast<std::ptrdiff_t>(m_Filled), m_Block.begin());
+    m_Filled -= std::exchange(m_Position, 0);
+    while (waitForData()) {
+        const ssize_t got = ::read(m_File.get(), m_Block.data() + m_Filled, m_Block.size() - m_Filled);
+        if (got < 0 && errno != EAGAIN && errno != EINTR) {
+            throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Path + "\"", __FILE__,
+                                   __LINE__);
+        }
+        if (got >= 0) {
+            m_Filled += static_cast<std::size_t>(got);
+            m_EndOfFile = got == 0;
+            return !m_EndOfFile;
+        }
+    }
+    return false;
+}
+
+/// Waits until a read will not. A FIFO is waited for also before its first writer, when a read would take it
+/// as ended: poll() tells the two apart, since a FIFO hangs up only once a writer has left. False on a stop
+/// request.
+bool TsFile::waitForData() const {
+    while (!m_StopRequested()) {
+        pollfd file{m_File.get(), POLLIN, 0};
+        if (!m_File.isOpen() || ::poll(&file, 1, WAIT_SLICE_MS) > 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace Vel::Utils

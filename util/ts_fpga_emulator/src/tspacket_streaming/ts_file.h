@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tspacket_streaming/file_descriptor.h"
+#include "vel/ts_basics/tspacket.h"
+
+namespace Vel::Utils {
+
+/// A transport stream file, read front to back as consecutive units of 188 bytes, in blocks of many packets.
+/// A FIFO serves for a live feed: it is waited for, and it ends when its last writer has left. Constructed on
+/// any thread, then used by one streaming thread.
+class TsFile {
+public:
+    /// Opens the file. A failure is told by the first read.
+    /// @param stopRequested asked while the file gives nothing for now; true ends the wait
+    TsFile(std::string path, std::function<bool()> stopRequested);
+
+    /// Reads the next packet. False at the end of the file, where a torn packet is dropped, and on a stop
+    /// request.
+    /// @throws CppUtil::IOError when reading fails
+    bool readPacket(std::span<std::uint8_t, Ts::TS_PACKET_SIZE> packet);
+    /// Whether nothing at all follows; false on a stop request.
+    /// @throws CppUtil::IOError when reading fails
+    bool isAtEnd();
+
+    const std::string& getPath() const { return m_Path; }
+
+private:
+    bool fill();
+    bool waitForData() const;
+
+    std::string m_Path;
+    std::function<bool()> m_StopRequested;
+    FileDescriptor m_File;
+    std::vector<std::uint8_t> m_Block;  // empty until the first read: most inputs of a table never play
+    std::size_t m_Position = 0;         // of the next unread byte in the block
+    std::size_t m_Filled = 0;           // bytes of the block that hold data
+    bool m_EndOfFile = false;
+};
+
+}  // namespace Vel::Utils
