@@ -98,7 +98,7 @@ std::string Uri::toRelativeString() const {
     }
     char delimiter = '?';
     for (const auto& [key, value] : m_Query) {
-        text += delimiter + key + "=" + value;
+        text.append(1, delimiter).append(key).append("=").append(value);
         delimiter = '&';
     }
     if (!m_Fragment.empty()) {

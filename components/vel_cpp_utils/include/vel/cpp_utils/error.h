@@ -5,8 +5,9 @@
 
 namespace Vel {
 
-/// Root of every failure that a caller may handle. The complete text, detail and place of the throw statement, is
-/// built once here; what() only returns it. The classes of the family add a category prefix and nothing else.
+/// Root of every failure that a caller may handle. The complete text, detail and place of the throw
+/// statement, is built once here; what() only returns it. The classes of the family add a category prefix and
+/// nothing else.
 ///
 /// Every class takes the same three arguments: the detail text, and file and line of the throw statement
 /// (`__FILE__`, `__LINE__`). Immutable after construction, so it may be read on any thread.

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <fmt/format.h>
+#include <spdlog/logger.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace Vel::Log {
+
+/// A log system hands out named loggers. Components ask for theirs once, when they are constructed, and keep
+/// it.
+class ILogsystem {
+public:
+    virtual ~ILogsystem() = default;
+    /// The logger of that name, created with the log system's default level if there is none yet.
+    virtual std::shared_ptr<spdlog::logger> getLogger(const std::string& name) = 0;
+    /// The logger of that name, created with `level` if there is none yet; an existing one keeps its level.
+    virtual std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
+                                                      spdlog::level::level_enum level) = 0;
+    /// Drops all loggers, writes out what is queued and joins the worker.
+    virtual void shutdown() = 0;
+};
+
+/// Writes every line to standard output through one background worker, "[time] [level] message". A full queue
+/// drops its oldest line; no caller ever waits. Thread-safe, except for construction and shutdown(); of two
+/// threads that ask first for one name at the same time, one may get spdlog's exception.
+class StdoutLogger : public ILogsystem {
+public:
+    explicit StdoutLogger(spdlog::level::level_enum defaultLevel);
+
+    std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override;
+    std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
+                                              spdlog::level::level_enum level) override;
+    void shutdown() override;
+
+private:
+    spdlog::level::level_enum m_DefaultLevel;
+    std::vector<spdlog::sink_ptr> m_Sinks;
+};
+
+/// Replaces the process-wide log system. Thread-safe.
+void setLogsystem(std::unique_ptr<ILogsystem> logsystem);
+
+/// The process-wide log system; the first call without one installs a StdoutLogger and says so. Thread-safe.
+std::shared_ptr<ILogsystem> getLogsystem();
+
+/// Registry key of a class's logger: the header's file name without its folders, "::" and the qualified class
+/// name, which is `signature` up to "::<lambda()>".
+std::string makeLoggerName(std::string_view headerFile, std::string_view signature);
+
+/// A format text together with the place of the statement that uses it.
+template <typename... Args>
+struct LocatedFormat {
+    template <typename Text>
+    consteval LocatedFormat(const Text& format,  // not explicit, so that a literal converts
+                            const char* file = __builtin_FILE(), int line = __builtin_LINE(),
+                            const char* function = __builtin_FUNCTION())
+        : text(format), where(file, line, function) {}
+
+    fmt::format_string<Args...> text;
+    spdlog::source_loc where;
+};
+
+/// Formats and hands over one line. Never throws: a line that cannot be formed, for want of memory, is
+/// dropped, so that logging is safe in thread bodies, event handlers and destructors.
+template <typename... Args>
+void write(spdlog::logger& logger, spdlog::level::level_enum level,
+           LocatedFormat<std::type_identity_t<Args>...> format, Args&&... args) noexcept {
+    try {
+        // The backend reports its own failures on standard error for formatted lines only, hence the "{}".
+        logger.log(format.where, level, "{}", fmt::format(format.text, std::forward<Args>(args)...));
+    } catch (...) {  // nothing is left to tell it with
+    }
+}
+
+template <typename... Args>
+void debug(spdlog::logger& logger, LocatedFormat<std::type_identity_t<Args>...> format,
+           Args&&... args) noexcept {
+    write(logger, spdlog::level::debug, format, std::forward<Args>(args)...);
+}
+
+template <typename... Args>
+void info(spdlog::logger& logger, LocatedFormat<std::type_identity_t<Args>...> format,
+          Args&&... args) noexcept {
+    write(logger, spdlog::level::info, format, std::forward<Args>(args)...);
+}
+
+template <typename... Args>
+void warning(spdlog::logger& logger, LocatedFormat<std::type_identity_t<Args>...> format,
+             Args&&... args) noexcept {
+    write(logger, spdlog::level::warn, format, std::forward<Args>(args)...);
+}
+
+template <typename... Args>
+void error(spdlog::logger& logger, LocatedFormat<std::type_identity_t<Args>...> format,
+           Args&&... args) noexcept {
+    write(logger, spdlog::level::err, format, std::forward<Args>(args)...);
+}
+
+}  // namespace Vel::Log

@@ -1,0 +1,153 @@
+#include "vel/cpp_utils/uri/uri.h"
+
+#include <gmock/gmock.h>
+
+#include "thrown_text.h"
+
+namespace Vel::CppUtil {
+namespace {
+
+using testing::ElementsAre;
+using testing::Pair;
+using testing::StartsWith;
+
+UriAuthority authorityOf(const std::string& host, std::uint16_t port) {
+    UriAuthority authority;
+    authority.setHost(host);
+    authority.setPort(port);
+    return authority;
+}
+
+TEST(Uri, InputNameIsSchemeHostAndPortAboveZero) {
+    Uri uri;
+    EXPECT_EQ(uri.toString(), ":");
+    uri.setScheme("udp");
+    uri.setAuthority(authorityOf("239.10.0.1", 5000));
+    EXPECT_EQ(uri.toString(), "udp://239.10.0.1:5000");
+    uri.setAuthority(authorityOf("239.10.0.1", 65535));
+    EXPECT_EQ(uri.toString(), "udp://239.10.0.1:65535");
+    uri.setAuthority(authorityOf("239.10.0.1", 0));
+    EXPECT_EQ(uri.toString(), "udp://239.10.0.1");
+    uri.clear();
+    EXPECT_EQ(uri.toString(), ":");
+}
+
+TEST(Uri, UserInfoIsWrittenOnlyWithUserAndHost) {
+    const auto written = [](const char* user, const char* password, const char* host) {
+        UriAuthority authority = authorityOf(host, 0);
+        authority.setUser(user);
+        authority.setPassword(password);
+        Uri uri;
+        uri.setScheme("s");
+        uri.setAuthority(authority);
+        return uri.toString();
+    };
+    EXPECT_EQ(written("u", "p", "h"), "s://u:p@h");
+    EXPECT_EQ(written("u", "", "h"), "s://u@h");
+    EXPECT_EQ(written("", "p", "h"), "s://h");
+    EXPECT_EQ(written("u", "p", ""), "s:");
+}
+
+TEST(Uri, RelativePartIsPathQueryInKeyOrderAndFragment) {
+    Uri uri;
+    uri.setAuthority(authorityOf("h", 1));
+    EXPECT_EQ(uri.toRelativeString(), "");
+    uri.setQuery({{"b", "1"}, {"a", "2"}, {"", "3"}});
+    EXPECT_EQ(uri.toRelativeString(), "?=3&a=2&b=1");
+    uri.setPath("p/q");
+    uri.setFragment("f");
+    EXPECT_EQ(uri.toRelativeString(), "/p/q?=3&a=2&b=1#f");
+}
+
+TEST(UriParser, ComponentsAreTakenApartAndWrittenBack) {
+    const UriParser parser("udp://me:pass:word@239.1.1.1:5000/a/b?y=2&x=1#frag");
+    EXPECT_EQ(parser.getText(), "udp://me:pass:word@239.1.1.1:5000/a/b?y=2&x=1#frag");
+    const Uri& uri = parser.getUri();
+    EXPECT_EQ(uri.getScheme(), "udp");
+    EXPECT_EQ(uri.getAuthority().getUser(), "me");
+    EXPECT_EQ(uri.getAuthority().getPassword(), "pass:word");
+    EXPECT_EQ(uri.getAuthority().getHost(), "239.1.1.1");
+    EXPECT_EQ(uri.getAuthority().getPort(), 5000);
+    EXPECT_EQ(uri.getPath(), "a/b");
+    EXPECT_THAT(uri.getQuery(), ElementsAre(Pair("x", "1"), Pair("y", "2")));
+    EXPECT_EQ(uri.getFragment(), "frag");
+    EXPECT_EQ(uri.toString(), "udp://me:pass:word@239.1.1.1:5000/a/b?x=1&y=2#frag");
+}
+
+TEST(UriParser, UserInfoSetsUserAndPasswordEvenIfEmpty) {
+    const UriAuthority withUser = Uri::parse("udp://me@h").getAuthority();
+    EXPECT_EQ(withUser.getUser(), "me");
+    EXPECT_TRUE(withUser.isUserSet());
+    EXPECT_TRUE(withUser.isPasswordSet());
+
+    UriAuthority withoutUser = Uri::parse("udp://@h").getAuthority();
+    EXPECT_EQ(withoutUser.getHost(), "@h");
+    EXPECT_FALSE(withoutUser.isUserSet() || withoutUser.isPasswordSet());
+
+    withoutUser.setUser("");
+    EXPECT_TRUE(withoutUser.isUserSet());
+    withoutUser.clear();
+    EXPECT_FALSE(withoutUser.isUserSet());
+    EXPECT_EQ(withoutUser.getHost(), "");
+}
+
+TEST(UriParser, PortIsReadAsAStreamReadsIt) {
+    const std::vector<std::pair<const char*, std::int32_t>> cases{
+        {"udp://h", -1},       {"udp://h:", 0},       {"udp://h:abc", 0},   {"udp://h: 80", 80},
+        {"udp://h:+80", 80},   {"udp://h:80x", 80},   {"udp://h:010", 10},  {"udp://h:65535", 65535},
+        {"udp://h:65536", -1}, {"udp://h:70000", -1}, {"udp://h:-1", -1},   {"udp://h:99999999999", -1},
+        {"udp://h:0", 0},      {"udp://h:7/p", 7},    {"udp://h:8?a=1", 8}, {"udp://h:9#f", 9}};
+    for (const auto& [text, port] : cases) {
+        EXPECT_EQ(Uri::parse(text).getAuthority().getPort(), port) << text;
+        EXPECT_EQ(Uri::parse(text).getAuthority().getHost(), "h") << text;
+    }
+}
+
+TEST(UriParser, ParsedTextIsWrittenInCanonicalForm) {
+    const std::vector<std::pair<const char*, const char*>> cases{
+        {"file:///x", "file:/x"},
+        {"udp://h/", "udp://h"},
+        {"udp://h?a=1&a=2", "udp://h?a=2"},
+        {"udp://h?a&b=1&&", "udp://h?b=1"},
+        {"udp://h?b=1&a=2", "udp://h?a=2&b=1"},
+        {"udp://h?a=b=c&d=&=x", "udp://h?=x&a=b=c&d="},
+        {"udp://h?", "udp://h"},
+        {"udp://h#f", "udp://h#f"},
+        {"udp://h/p#f", "udp://h/p#f"},
+        {"udp://h/p#f#g", "udp://h/p#f#g"},
+        {"UDP://H", "UDP://H"},
+        {"udp://", "udp:"},
+        // A delimiter counts only in front of the component that holds it.
+        {"udp://h/a@b:1", "udp://h/a@b:1"},
+        {"udp://h?to=/x@y:1", "udp://h?to=/x@y:1"},
+        {"udp://h#/a?b=@:", "udp://h#/a?b=@:"}};
+    for (const auto& [text, canonical] : cases) {
+        EXPECT_EQ(Uri::parse(text).toString(), canonical);
+    }
+    EXPECT_EQ(Uri::parse("file:///x").getPath(), "x");
+    EXPECT_EQ(Uri::parse("udp://h/p#f#g").getPath(), "p#f");
+    EXPECT_EQ(Uri::parse("udp://h?to=/x@y:1").getAuthority().getHost(), "h");
+    EXPECT_EQ(Uri::parse("a#b://h/p").getFragment(), "b://h/p");
+    EXPECT_EQ(Uri::parse("a#b://h/p").getAuthority().getHost(), "h");
+}
+
+TEST(UriParser, TextWithoutSchemeOrDelimiterIsRefused) {
+    const auto refusal = [](const std::string& text) {
+        return thrownText<ParsingError>([&] { Uri::parse(text); });
+    };
+    const auto prefix = [](const std::string& text) {
+        return "Generic parsing Error: Failed parsing of given URI: \"" + text + "\". ";
+    };
+    for (const std::string text : {"", ":x", "://h"}) {
+        EXPECT_EQ(refusal(text), prefix(text) + "Missing mandatory scheme");
+    }
+    for (const std::string text : {"udp", "udp:x", "udp:/x"}) {
+        EXPECT_EQ(refusal(text), prefix(text) + "Missing mandatory \"://\" delimiter");
+    }
+    for (const std::string text : {"udp:", "udp:/"}) {
+        EXPECT_THAT(refusal(text), StartsWith(prefix(text) + "Caused external exepction: "));
+    }
+}
+
+}  // namespace
+}  // namespace Vel::CppUtil
