@@ -15,7 +15,6 @@
 namespace Vel::Pci {
 namespace {
 
-using testing::EndsWith;
 using testing::HasSubstr;
 
 constexpr std::uint32_t SIZE = 16384;
@@ -46,7 +45,7 @@ private:
 };
 
 TEST(PciIf, SharesTheFileWithOtherProcesses) {
-    const MemoryFile file(2 * SIZE);
+    const MemoryFile file(off_t{2} * SIZE);
     PciIf device(file.path(), SIZE, SIZE);
     EXPECT_TRUE(device.isOpen());
     EXPECT_TRUE(device.isMapped());

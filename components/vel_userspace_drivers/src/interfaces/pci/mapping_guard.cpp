@@ -83,7 +83,7 @@ MappingGuard::~MappingGuard() {
     }
 }
 
-bool MappingGuard::replaceLostPage(const void* address) noexcept {
+bool MappingGuard::replaceLostPage(void* address) noexcept {
     const auto fault = reinterpret_cast<std::uintptr_t>(address);
     bool replaced = false;
     g_Readers.fetch_add(1);
@@ -92,15 +92,13 @@ bool MappingGuard::replaceLostPage(const void* address) noexcept {
             continue;
         }
         const auto pageSize = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+        void* page = static_cast<std::uint8_t*>(address) - fault % pageSize;
         // mmap is not among the functions that POSIX calls async-signal-safe, but on Linux it is the bare
-        // system call. NOLINTNEXTLINE(performance-no-int-to-ptr): the start of the page that holds the
-        // address
-        void* page = reinterpret_cast<void*>(fault & ~(pageSize - 1));
+        // system call.
         replaced = ::mmap(page, pageSize, PROT_READ | PROT_WRITE, MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1,
                           0) != MAP_FAILED;
         if (replaced) {
-            // Release, for a reader of the mark on another thread: who sees it sees what came before the
-            // loss.
+            // Release, for a reader of the mark on another thread: who sees it sees what came before it.
             guard->m_Lost.store(true, std::memory_order_release);
         }
         break;

@@ -27,7 +27,7 @@ public:
 
     /// For the signal handler, so async-signal-safe: puts a zero page under `address` and marks its region
     /// lost. False when the address lies in no guarded region.
-    static bool replaceLostPage(const void* address) noexcept;
+    static bool replaceLostPage(void* address) noexcept;
 
 private:
     bool contains(std::uintptr_t address) const noexcept { return address - m_Begin < m_Size; }

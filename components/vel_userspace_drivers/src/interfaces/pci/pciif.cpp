@@ -31,7 +31,7 @@ PciIf::~PciIf() {
 }
 
 void PciIf::openDevice() {
-    m_FileDescriptor = ::open(m_Path.c_str(), O_RDWR | O_CLOEXEC);  // NOLINT(*-vararg)
+    m_FileDescriptor = ::open(m_Path.c_str(), O_RDWR | O_CLOEXEC);
     if (m_FileDescriptor == NOT_OPEN) {
         const std::string reason = std::generic_category().message(errno);
         throw PciError("Could not open device at path: " + m_Path + ". Error: \"" + reason + "\"", __FILE__,

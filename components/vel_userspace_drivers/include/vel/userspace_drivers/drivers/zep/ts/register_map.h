@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+
 #include "vel/userspace_drivers/drivers/zep/ts/bitfield.h"
 
 /// Where the FPGA keeps its tables and registers, and what their bits mean. Encoders, decoders, readers and
@@ -32,6 +34,35 @@ inline constexpr BitField ENABLED{1, 24, 1};
 static_assert(fitRow(TABLE, {ADDRESS, UDP_PORT, TSIIDX, ENABLED}));
 }  // namespace IpLut
 
+/// tsio device: the input stream that each physical input feeds. Row i belongs to physical input i.
+namespace PhysInMap {
+inline constexpr Table TABLE{"PHYS IN MAP", 128, 64, 1};
+inline constexpr BitField TSIIDX{0, 0, 32};
+static_assert(fitRow(TABLE, {TSIIDX}));
+}  // namespace PhysInMap
+
+/// tsio device: the physical output of each output stream. Row i belongs to TSOIDX i.
+namespace PhysOutMap {
+inline constexpr Table TABLE{"PHYS OUT MAP", 256, 256, 1};
+inline constexpr BitField PHYOIDX{0, 0, 5};
+inline constexpr BitField ENABLED{0, 8, 1};
+static_assert(fitRow(TABLE, {PHYOIDX, ENABLED}));
+}  // namespace PhysOutMap
+
+/// tsio device: where each output stream is sent by IP. Row i belongs to TSOIDX i.
+namespace IpOutTable {
+inline constexpr Table TABLE{"IP OUTPUT TABLE", 1024, 256, 4};
+/// Element i is octet i; octet 5 is written first.
+inline constexpr std::array<BitField, 6> MAC{
+    {{1, 0, 8}, {1, 8, 8}, {1, 16, 8}, {1, 24, 8}, {0, 0, 8}, {0, 8, 8}}};
+inline constexpr BitField ADDRESS{2, 0, 32};
+inline constexpr BitField UDP_PORT{3, 0, 16};
+inline constexpr BitField RTP{3, 16, 1};
+inline constexpr BitField ENABLED{3, 17, 1};
+static_assert(fitRow(TABLE,
+                     {MAC[0], MAC[1], MAC[2], MAC[3], MAC[4], MAC[5], ADDRESS, UDP_PORT, RTP, ENABLED}));
+}  // namespace IpOutTable
+
 /// Router device: routes of the inputs' packets. Two banks, of which the select bit says which one is bank 0.
 namespace PidLut {
 inline constexpr Table TABLE{"PID LUT", 8192, 2048, 2};  ///< in the lower bank
@@ -47,5 +78,25 @@ inline constexpr BitField FILTTABIDX{1, 24, 8};
 static_assert(fitRow(TABLE, {PID, TSIIDX, PIDIDX, OUT_ROUTE, CPU_ROUTE, FILTTABIDX}));
 static_assert(TABLE.base + TABLE.rows * TABLE.wordsPerRow <= UPPER_BASE);
 }  // namespace PidLut
+
+/// Router device: the O-PID MAP row at which each input stream starts. Row i belongs to TSIIDX i.
+namespace TsiMap {
+inline constexpr Table TABLE{"TSI MAP", 256, 256, 1};
+inline constexpr BitField PIDIDX{0, 0, 12};
+inline constexpr BitField ENABLED{0, 12, 1};
+static_assert(fitRow(TABLE, {PIDIDX, ENABLED}));
+}  // namespace TsiMap
+
+/// Router device: output streams that a routed PID goes to, as chains of rows. Row i belongs to PIDIDX i; row
+/// 0 is reserved.
+namespace OPidMap {
+inline constexpr Table TABLE{"O-PID MAP", 16384, 4096, 2};
+inline constexpr BitField TSOIDX{0, 0, 8};
+inline constexpr BitField REMAP_PID{0, 8, 13};
+inline constexpr BitField REMAP{0, 21, 1};
+inline constexpr BitField ENABLED{0, 22, 1};
+inline constexpr BitField NEXTPIDIDX{1, 0, 12};
+static_assert(fitRow(TABLE, {TSOIDX, REMAP_PID, REMAP, ENABLED, NEXTPIDIDX}));
+}  // namespace OPidMap
 
 }  // namespace Vel::Drivers::Zep

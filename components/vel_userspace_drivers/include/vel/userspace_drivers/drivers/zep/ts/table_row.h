@@ -1,10 +1,13 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "vel/cpp_utils/network/ipadrcontainer.h"
+#include "vel/cpp_utils/network/macadrcontainer.h"
 #include "vel/userspace_drivers/drivers/zep/ts/bitfield.h"
 #include "vel/userspace_drivers/drivers_misc/serentry.h"
 
@@ -12,6 +15,9 @@ namespace Vel::Drivers::Zep {
 
 /// Returns `value`; throws ZepDriverError with `refusal`, the value and ")" when it lies outside of `range`.
 std::uint32_t requireInRange(std::uint32_t value, const Range& range, const char* refusal);
+
+/// Bits of a MAC address; element i holds octet i.
+using MacBits = std::array<BitField, CppUtil::MacAdrContainer::OCTETS>;
 
 /// Writes fields into the words of a row, which are all zero at first.
 struct RowEncoder {
@@ -22,6 +28,11 @@ struct RowEncoder {
     }
     void operator()(const BitField& bits, const CppUtil::IpAdrContainer& address) const {
         (*this)(bits, address.toUint32());
+    }
+    void operator()(const MacBits& bits, const CppUtil::MacAdrContainer& address) const {
+        for (unsigned octet = 0; octet < bits.size(); ++octet) {
+            (*this)(bits[octet], address.getOctet(octet));
+        }
     }
 };
 
@@ -34,6 +45,13 @@ struct RowDecoder {
     void operator()(const BitField& bits, bool& flag) const { flag = extract(bits) != 0; }
     void operator()(const BitField& bits, CppUtil::IpAdrContainer& address) const {
         address.setUint32(extract(bits));
+    }
+    void operator()(const MacBits& bits, CppUtil::MacAdrContainer& address) const {
+        std::vector<std::uint8_t> octets;
+        for (const BitField& octet : bits) {
+            octets.push_back(static_cast<std::uint8_t>(extract(octet)));
+        }
+        address = CppUtil::MacAdrContainer(octets);
     }
 };
 

@@ -1,13 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 #include <vector>
 
 #include "vel/userspace_drivers/drivers/zep/ts/pidlutentry.h"
 #include "vel/userspace_drivers/interfaces/memif.h"
 
-/// Readers of the tables in the router device. All pass on the errors of the memory. They keep nothing: as
-/// reentrant as the memory that they are given.
+/// Readers and dumps of the tables in the router device. All pass on the errors of the memory. They keep
+/// nothing: as reentrant as the memory that they are given.
 namespace Vel::Drivers::Zep {
 
 /// Rows of one bank of the PID LUT.
@@ -25,5 +26,17 @@ std::uint32_t getPidLutControlBit(IMemIf& memory);
 /// InvalidArgumentError when the range passes the table's end.
 std::vector<PidLutEntry> readPidLut(IMemIf& memory, std::uint32_t offset, std::uint32_t count,
                                     bool includeUnrouted);
+
+/// Dumps write one line a row: of those in use, or of all, among `count` rows from row `first` on. Each line
+/// is flushed. They throw InvalidArgumentError, before anything is written, when the range passes the table's
+/// end.
+/// @param bank as for getPidLutBase()
+void dumpPidLut(IMemIf& memory, std::uint32_t first, std::uint32_t count, std::uint32_t bank, bool includeAll,
+                std::ostream& output);
+void dumpTsiMap(IMemIf& memory, std::uint32_t first, std::uint32_t count, bool includeAll,
+                std::ostream& output);
+/// @param first not 0, since row 0 is reserved
+void dumpOPidMap(IMemIf& memory, std::uint32_t first, std::uint32_t count, bool includeAll,
+                 std::ostream& output);
 
 }  // namespace Vel::Drivers::Zep

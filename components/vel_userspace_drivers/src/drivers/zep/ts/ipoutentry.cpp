@@ -1,0 +1,69 @@
+#include "vel/userspace_drivers/drivers/zep/ts/ipoutentry.h"
+
+#include "vel/userspace_drivers/drivers/driver_error.h"
+
+namespace Vel::Drivers::Zep {
+
+using CppUtil::IpAdrContainer;
+using CppUtil::MacAdrContainer;
+
+IpOutEntry::IpOutEntry() {
+    clear();
+}
+
+IpOutEntry::IpOutEntry(std::uint32_t tsoIdx) : IpOutEntry() {
+    setTSOIDX(tsoIdx);
+}
+
+IpOutEntry::IpOutEntry(std::uint32_t tsoIdx, const MacAdrContainer& mac, const IpAdrContainer& ip,
+                       std::uint32_t udpPort, bool rtp)
+    : m_Mac(mac), m_Ip(ip), m_Rtp(rtp) {
+    setTSOIDX(tsoIdx);
+    setUdpPort(udpPort);
+}
+
+void IpOutEntry::setTSOIDX(std::uint32_t tsoIdx) {
+    if (!TSOIDX_RANGE.contains(tsoIdx)) {
+        throw ZepDriverError("TSOIdx out of range", __FILE__, __LINE__);
+    }
+    m_TSOIDX = tsoIdx;
+    setModified();
+}
+
+void IpOutEntry::setMac(const MacAdrContainer& mac) {
+    m_Mac = mac;
+    enable();
+}
+
+void IpOutEntry::setIp(const IpAdrContainer& ip) {
+    m_Ip = ip;
+    enable();
+}
+
+void IpOutEntry::setUdpPort(std::uint32_t udpPort) {
+    if (!UDP_PORT_RANGE.contains(udpPort)) {
+        throw ZepDriverError("UDPPort out of range", __FILE__, __LINE__);
+    }
+    m_UdpPort = udpPort;
+    enable();
+}
+
+void IpOutEntry::setRtp(bool rtp) {
+    m_Rtp = rtp;
+    enable();
+}
+
+void IpOutEntry::clear() {
+    setTSOIDX(TSOIDX_RANGE.max);
+    setIp(IpAdrContainer());
+    setUdpPort(UDP_PORT_RANGE.max);
+    setRtp(false);
+    m_Enabled = false;
+}
+
+void IpOutEntry::enable() {
+    m_Enabled = true;
+    setModified();
+}
+
+}  // namespace Vel::Drivers::Zep
