@@ -15,16 +15,18 @@ void EmulatorTest::start(std::vector<std::string> more, const std::function<void
     emulator = std::make_unique<Program>(ZEPTFEM_PROGRAM, arguments, prepare);
 }
 
-/// The data device is opened right before the first look at the tables. A row for a foreign input then shows
-/// that the tables are followed.
 void EmulatorTest::startAndWait(std::vector<std::string> more, const std::function<void()>& prepare) {
-    constexpr std::size_t LAST_ROW = 255;
     start(std::move(more), prepare);
-    setInput(LAST_ROW, 255, 255);
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.255:5000 @ TSIIDX 255"));
-    clearInput(LAST_ROW);
-    ASSERT_TRUE(
-        emulator->waitForLog("[info] Detected removed input TS: udp://239.1.2.255:5000 @ TSIIDX 255"));
+    ASSERT_TRUE(eventually([this] {
+        std::error_code ended;
+        for (const auto& thread : std::filesystem::directory_iterator(
+                 "/proc/" + std::to_string(emulator->pid()) + "/task", ended)) {
+            if (readText(thread.path() / "comm") == "fpga-monitor\n") {
+                return true;
+            }
+        }
+        return false;
+    }));
 }
 
 std::vector<std::string> EmulatorTest::link(std::uint32_t n, const Bytes& stream) {

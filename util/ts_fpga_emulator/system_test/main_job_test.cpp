@@ -48,10 +48,10 @@ TEST_F(EmulatorTest, RowsThatChangeInPlaceAreRemovedAndAdded) {
     startAndWait(link(1, makeStream({0x100}, 100)) + link(2, makeStream({0x100}, 200)));
     setInput(0, 1, 3);
     setRoute(0, 3, 0x100, OUT_ROUTE);  // no business of the CPU
-    setRoute(1, 3, 0x101);
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 257 from TSIIDX 3"));
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.1:5000 @ TSIIDX 3"));
     router[8192 + 1] = router[8192 + 1] | CPU_ROUTE;
     ASSERT_TRUE(waitForRecords(100 * 192));
+    setRoute(1, 3, 0x101);
     router[8192 + 1] = 9U << 24 | CPU_ROUTE | 1;  // another filter table
     ASSERT_TRUE(emulator->waitForLog("[info] Detected removed CPU route of PID 256 from TSIIDX 3"));
     ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 256 from TSIIDX 3", 2));
@@ -74,7 +74,8 @@ TEST_F(EmulatorTest, RowsThatChangeInPlaceAreRemovedAndAdded) {
 TEST_F(EmulatorTest, AFlippedBankReplacesAllRoutesAtOnce) {
     constexpr std::size_t UPPER_BANK = 12288;
     constexpr std::size_t BANK_SELECT = 129;
-    startAndWait(link(1, makeStream({0x100, 0x101, 0x102}, 30)));
+    const Bytes stream = makeStream({0x100, 0x101, 0x102}, 3000);
+    startAndWait(link(1, stream));
     setRoute(0, 3, 0x100);
     setRoute(1, 3, 0x101);
     ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 257 from TSIIDX 3"));
@@ -138,10 +139,11 @@ TEST_F(EmulatorTest, PacedByPcrAFileTakesItsTimeAndArrivesWhole) {
         stream.insert(stream.end(), packet.begin(), packet.end());
     }
     startAndWait(link(1, stream) + std::vector<std::string>{"-m"});
-    setInput(0, 1, 3);
-    const auto begin = std::chrono::steady_clock::now();
     setRoute(0, 3, 0x100);
     setRoute(1, 3, 0x101);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 257 from TSIIDX 3"));
+    const auto begin = std::chrono::steady_clock::now();
+    setInput(0, 1, 3);
     ASSERT_TRUE(waitForRecords(PACKETS * 192));
     // Ten batches of 100, each at least 100 ms long.
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
@@ -153,7 +155,7 @@ TEST_F(EmulatorTest, OddFilesHurtNobodyElse) {
     Bytes torn = makeStream({0x100}, 10);
     torn.resize(torn.size() + 50, 0x47);
     const Bytes good = makeStream({0x100}, 1000);
-    startAndWait(link(1, torn) + link(2, {}) + linkPath(3, folder / "missing,with a comma.ts") +
+    startAndWait(link(1, torn) + link(2, {}) + linkPath(3, folder / "missing,comma.ts") +
                  linkPath(4, "/tmp") + link(5, good));
     for (std::uint32_t n = 1; n <= 5; ++n) {
         setInput(n, n, n);

@@ -1,5 +1,7 @@
 #include "fpga_monitoring/fpga_monitor.h"
 
+#include <pthread.h>
+
 #include <chrono>
 #include <exception>
 #include <functional>
@@ -36,6 +38,7 @@ FPGAMonitor::~FPGAMonitor() {
 }
 
 void FPGAMonitor::monitorThread() noexcept {
+    ::pthread_setname_np(::pthread_self(), "fpga-monitor");
     Log::debug(*m_Logger, "Enter the main thread of FPGAMonitor");
     while (!m_Stop) {
         pollMonitors();

@@ -83,6 +83,7 @@ private:
     using Rows = typename LutSnapshotReader<Table>::Rows;
 
     void emitEvents(const Rows& current) {
+        m_Consumer.handleChangeBegin();
         for (const auto& row : m_CachedLut.second) {
             if (!containsEntry(current, row)) {
                 deliver(Table::makeRemoved(row));
@@ -93,6 +94,7 @@ private:
                 deliver(Table::makeAdded(row));
             }
         }
+        m_Consumer.handleChangeEnd();
     }
 
     void deliver(std::unique_ptr<FPGAMonEvent> event) {

@@ -1,5 +1,6 @@
 #include "tspacket_streaming/pktio_stream_in.h"
 
+#include <pthread.h>
 #include <sys/prctl.h>
 
 #include <exception>
@@ -50,6 +51,7 @@ void PktioStreamIn::stopRoutePid(std::uint32_t pid) {
 /// An error ends this stream alone.
 void PktioStreamIn::streamThread() noexcept {
     try {
+        ::pthread_setname_np(::pthread_self(), fmt::format("tsiidx-{}", m_TSIIDX).c_str());
         playFile();
     } catch (const std::exception& e) {
         Log::error(*m_Logger, "Stream of TSIIDX {} has ended: {}", m_TSIIDX, e.what());
@@ -109,9 +111,13 @@ void PktioStreamIn::release(std::int32_t count) {
 std::unique_lock<std::mutex> PktioStreamIn::lockForRouting() {
     ++m_RoutingCalls;
     std::unique_lock lock(m_FilterLock);
+    endRoutingCall();
+    return lock;
+}
+
+void PktioStreamIn::endRoutingCall() {
     --m_RoutingCalls;
     m_RoutingCalls.notify_one();
-    return lock;
 }
 
 /// At full rate this thread takes the lock for every packet, and would mostly win it again before a waiting

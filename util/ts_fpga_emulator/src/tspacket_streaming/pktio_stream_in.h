@@ -43,6 +43,19 @@ public:
     /// calls pass first.
     /// @throws std::system_error when no thread is to be had; a later call tries again
     void routePid(std::uint32_t pid);
+    /// While one exists, the stream releases no further batch: several routes then take effect at the same
+    /// packet. Must not outlive the stream.
+    class ReleaseHold {
+    public:
+        explicit ReleaseHold(PktioStreamIn& stream) : m_Stream(stream) { ++m_Stream.m_RoutingCalls; }
+        ~ReleaseHold() { m_Stream.endRoutingCall(); }
+        ReleaseHold(const ReleaseHold&) = delete;
+        ReleaseHold& operator=(const ReleaseHold&) = delete;
+
+    private:
+        PktioStreamIn& m_Stream;
+    };
+
     /// Blocks `pid`. The thread plays on, also when no PID is left.
     void stopRoutePid(std::uint32_t pid);
 
@@ -53,6 +66,7 @@ private:
     void release(std::int32_t count);
     bool isStopped() const { return m_Stop || m_ProgramStop.stop_requested(); }
     std::unique_lock<std::mutex> lockForRouting();
+    void endRoutingCall();
     std::unique_lock<std::mutex> lockForRelease();
 
     std::shared_ptr<spdlog::logger> m_Logger;
@@ -60,7 +74,7 @@ private:
     std::stop_token m_ProgramStop;
     TsFile m_InputFile;                           // the streaming thread's, once that runs
     std::mutex m_FilterLock;                      // taken before the dispatcher's write lock, never after it
-    std::atomic<int> m_RoutingCalls = 0;          // that wait for m_FilterLock
+    std::atomic<int> m_RoutingCalls = 0;          // that wait for m_FilterLock, and holds
     std::unique_ptr<IRateAdapter> m_RateAdapter;  // the streaming thread's
     PacketDispatcher& m_Dispatcher;
     Ts::Misc::PidFilter m_PidFilter;  // guarded by m_FilterLock

@@ -32,12 +32,18 @@ PktioStreamManager::PktioStreamManager(PacketDispatcher& dispatcher, StreamMode 
 
 PktioStreamManager::~PktioStreamManager() {
     Log::debug(*m_Logger, "Destroy PktioStreamManager");
+    m_RoutedStream.reset();
     m_PendingRoutes.clear();
     m_ToCpuPktioStreams.clear();
 }
 
 void PktioStreamManager::handleEvent(std::unique_ptr<FPGAMonEvent> event) {
     dispatchEvent(*event);
+}
+
+void PktioStreamManager::handleChangeEnd() {
+    m_InChange = false;
+    m_RoutedStream.reset();
 }
 
 void PktioStreamManager::dispatchEvent(const FPGAMonEvent& event) noexcept {
@@ -81,19 +87,19 @@ void PktioStreamManager::handleInputTsAdd(const FPGAMonEvent_InputTSAdded& event
 
 void PktioStreamManager::handleInputTsRemove(const FPGAMonEvent_InputTSRemoved& event) {
     Log::info(*m_Logger, "Detected removed input TS: {} @ TSIIDX {}", event.getUri(), event.getTSIIDX());
+    m_RoutedStream.reset();
     m_ToCpuPktioStreams.erase(event.getTSIIDX());
 }
 
 void PktioStreamManager::handleCpuRouteAdd(const FPGAMonEvent_CPUPIDAdded& event) {
     Log::info(*m_Logger, "Detected added CPU route of PID {} from TSIIDX {}", event.getPID(),
               event.getTSIIDX());
-    const auto input = m_ToCpuPktioStreams.find(event.getTSIIDX());
-    if (input == m_ToCpuPktioStreams.end()) {
-        m_PendingRoutes.emplace_back(event);
+    PktioStreamIn* const stream = findStreamOrKeep(event);
+    if (stream == nullptr) {
         return;
     }
     try {
-        input->second.stream->routePid(event.getPID());
+        stream->routePid(event.getPID());
     } catch (const std::system_error& e) {
         Log::error(*m_Logger, "Stream of TSIIDX {} cannot start, the next route will try again: {}",
                    event.getTSIIDX(), e.what());
@@ -103,12 +109,25 @@ void PktioStreamManager::handleCpuRouteAdd(const FPGAMonEvent_CPUPIDAdded& event
 void PktioStreamManager::handleCpuRouteRemove(const FPGAMonEvent_CPUPIDRemoved& event) {
     Log::info(*m_Logger, "Detected removed CPU route of PID {} from TSIIDX {}", event.getPID(),
               event.getTSIIDX());
+    if (PktioStreamIn* const stream = findStreamOrKeep(event)) {
+        stream->stopRoutePid(event.getPID());
+    }
+}
+
+/// The stream that a route event is for, held until the change is complete; without one the event is kept for
+/// it.
+template <typename RouteEventKind>
+PktioStreamIn* PktioStreamManager::findStreamOrKeep(const RouteEventKind& event) {
     const auto input = m_ToCpuPktioStreams.find(event.getTSIIDX());
     if (input == m_ToCpuPktioStreams.end()) {
         m_PendingRoutes.emplace_back(event);
-        return;
+        return nullptr;
     }
-    input->second.stream->stopRoutePid(event.getPID());
+    PktioStreamIn& stream = *input->second.stream;
+    if (m_InChange && (!m_RoutedStream || m_RoutedStream->tsiidx != event.getTSIIDX())) {
+        m_RoutedStream.emplace(event.getTSIIDX(), stream);
+    }
+    return &stream;
 }
 
 /// Routes that arrived before their input are followed now, in the order of their arrival.

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <unordered_map>
@@ -37,6 +38,8 @@ public:
 
     /// Never throws. What an event cannot get, a thread or memory, is logged, and nothing else suffers.
     void handleEvent(std::unique_ptr<FPGAMonEvent> event) override;
+    void handleChangeBegin() override { m_InChange = true; }
+    void handleChangeEnd() override;
 
 private:
     using RouteEvent = std::variant<FPGAMonEvent_CPUPIDAdded, FPGAMonEvent_CPUPIDRemoved>;
@@ -44,19 +47,32 @@ private:
         std::string uri;
         std::unique_ptr<PktioStreamIn> stream;
     };
+    /// A stream is held while the routes of one change are opened and closed on it one after the other: the
+    /// hardware sees them change at once, so a stream that starts plays all of them from its first packet on,
+    /// and a route that is only rewritten loses no packet. Never more than one is held, so no stream waits
+    /// for another one's batch.
+    struct RoutedStream {
+        RoutedStream(std::uint32_t index, PktioStreamIn& stream) : tsiidx(index), hold(stream) {}
+        std::uint32_t tsiidx;
+        PktioStreamIn::ReleaseHold hold;
+    };
 
     void dispatchEvent(const FPGAMonEvent& event) noexcept;
     void handleInputTsAdd(const FPGAMonEvent_InputTSAdded& event);
     void handleInputTsRemove(const FPGAMonEvent_InputTSRemoved& event);
     void handleCpuRouteAdd(const FPGAMonEvent_CPUPIDAdded& event);
     void handleCpuRouteRemove(const FPGAMonEvent_CPUPIDRemoved& event);
+    template <typename RouteEventKind>
+    PktioStreamIn* findStreamOrKeep(const RouteEventKind& event);
     void replayPendingRoutes(std::uint32_t tsiidx);
 
     std::shared_ptr<spdlog::logger> m_Logger;
     PacketDispatcher& m_Dispatcher;
     UriFileList m_Files;
     std::unordered_map<std::uint32_t, InputStream> m_ToCpuPktioStreams;  // by TSIIDX
-    std::list<RouteEvent> m_PendingRoutes;  // of inputs without stream, as they arrived
+    bool m_InChange = false;
+    std::optional<RoutedStream> m_RoutedStream;  // only within a change
+    std::list<RouteEvent> m_PendingRoutes;       // of inputs without stream, as they arrived
     StreamMode m_Mode;
     std::stop_token m_Stop;
 };

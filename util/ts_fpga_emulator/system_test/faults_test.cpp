@@ -1,0 +1,286 @@
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <thread>
+
+#include "emulator.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true;
+#else
+constexpr bool SANITIZED = false;
+#endif
+
+namespace Vel::SystemTest {
+namespace {
+
+std::vector<std::string> operator+(std::vector<std::string> left, const std::vector<std::string>& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+/// A FIFO as data device, and its reader.
+class FifoTest : public EmulatorTest {
+protected:
+    FifoTest() { ::mkfifo(data.c_str(), 0600); }
+    ~FifoTest() override { ::close(m_Reader); }
+
+    void openReader() { m_Reader = ::open(data.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
+    void closeReader() {
+        ::close(m_Reader);
+        m_Reader = -1;
+    }
+    /// What the FIFO holds now.
+    Bytes drain() const {
+        Bytes all;
+        std::uint8_t buffer[4096];
+        for (ssize_t got = 0; (got = ::read(m_Reader, buffer, sizeof buffer)) > 0;) {
+            all.insert(all.end(), buffer, buffer + got);
+        }
+        return all;
+    }
+
+private:
+    int m_Reader = -1;
+};
+
+TEST_F(FifoTest, StartUpWaitsForAReaderAndCanBeEndedMeanwhile) {
+    start(link(1, {}));
+    ASSERT_TRUE(emulator->waitForLog("[info] Waiting for a reader of " + data.string()));
+    EXPECT_EQ(emulator->terminate(std::chrono::seconds(SANITIZED ? 5 : 1)), 0);
+    EXPECT_EQ(emulator->err(), "\nReceived signal SIGTERM\n");
+    // With a reader it goes on by itself.
+    start(link(1, makeStream({0x100}, 10)));
+    ASSERT_TRUE(emulator->waitForLog("[info] Waiting for a reader"));
+    openReader();
+    setInput(0, 1, 3);
+    setRoute(0, 3, 0x100);
+    Bytes arrived;
+    ASSERT_TRUE(eventually([&] {
+        const Bytes more = drain();
+        arrived.insert(arrived.end(), more.begin(), more.end());
+        return arrived.size() >= 10 * 192;
+    }));
+    EXPECT_EQ(emulator->terminate(), 0);
+}
+
+TEST_F(FifoTest, AReaderThatDoesNotReadHoldsUpStreamsButNotTheEnd) {
+    const Bytes stream = makeStream({0x100}, 5000);
+    openReader();
+    startAndWait(link(1, stream) + link(2, stream));
+    for (std::uint32_t n = 1; n <= 2; ++n) {
+        setInput(n, n, n);
+        setRoute(n, n, 0x100);
+    }
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 256 from TSIIDX 2"));
+    // A routing call now waits behind a stream that waits for the reader.
+    setRoute(3, 2, 0x101);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(emulator->terminate(std::chrono::seconds(SANITIZED ? 10 : 2)), 0);
+    const Bytes arrived = drain();
+    ASSERT_GT(arrived.size(), 0U);
+    EXPECT_EQ(arrived.size() % 192, 0U);
+    for (std::uint32_t n = 1; n <= 2; ++n) {
+        const Bytes expected = recordsOf(stream, n, {0x100});
+        const Bytes got = recordsOfInput(arrived, n);
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), expected.begin())) << "gap in the records of " << n;
+    }
+    EXPECT_EQ(emulator->countLog("[error]"), 0U);
+}
+
+TEST_F(FifoTest, AReaderThatLeavesEndsStreamsButNotTheProgram) {
+    const Bytes stream = makeStream({0x100}, 100000);
+    openReader();
+    startAndWait(link(1, stream));
+    setInput(0, 1, 3);
+    setRoute(0, 3, 0x100);
+    ASSERT_TRUE(eventually([&] { return !drain().empty(); }));
+    closeReader();
+    ASSERT_TRUE(emulator->waitForLog(
+        "[error] Stream of TSIIDX 3 has ended: IOErrorr: Failed writing TS packets to file: \"" +
+        data.string() + "\""));
+    setInput(1, 2, 4);
+    EXPECT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.2:5000 @ TSIIDX 4"));
+    EXPECT_EQ(emulator->terminate(), 0);
+}
+
+TEST_F(EmulatorTest, ADataDeviceThatIsFullOrADirectoryOrMissingIsToldByEveryStream) {
+    for (const std::string device : {"/dev/full", "/tmp", "/nonexistent/pktio"}) {
+        data = device;
+        setInput(0, 0, 0);
+        clearInput(0);
+        clearRoute(0);
+        startAndWait(link(1, makeStream({0x100}, 100)));
+        setInput(0, 1, 3);
+        setRoute(0, 3, 0x100);
+        EXPECT_TRUE(emulator->waitForLog(
+            "[error] Stream of TSIIDX 3 has ended: IOErrorr: Failed writing TS packets to file: \"" + device +
+            "\""));
+        EXPECT_EQ(emulator->terminate(), 0) << device;
+    }
+}
+
+/// A clock that jumps back reads as a wrap: 26 hours for one batch. The streaming thread sleeps with its
+/// filter lock held, the monitor thread waits behind that lock, and the end waits behind the monitor thread.
+TEST_F(EmulatorTest, AClockThatJumpsBackHoldsUpNeitherTheEndNorTheRestOfTheFile) {
+    Bytes stream;
+    for (std::uint32_t i = 0; i < 500; ++i) {
+        const Bytes packet = i == 0 ? makePcrPacket(0x100, i, 27'000'000)
+                                    : (i == 1 ? makePcrPacket(0x100, i, 0) : makePacket(0x100, i));
+        stream.insert(stream.end(), packet.begin(), packet.end());
+    }
+    startAndWait(link(1, stream) + std::vector<std::string>{"-m"});
+    setInput(0, 1, 3);
+    setRoute(0, 3, 0x100);
+    ASSERT_TRUE(waitForRecords(99 * 192));
+    setRoute(1, 3, 0x101);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 257 from TSIIDX 3"));
+    EXPECT_EQ(records().size(), 99U * 192U);
+    EXPECT_EQ(emulator->terminate(std::chrono::seconds(SANITIZED ? 10 : 2)), 0);
+    EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100}));
+}
+
+TEST_F(EmulatorTest, ATruncatedControlFileIsToldOnceAndRemovesNothing) {
+    const Bytes stream = makeStream({0x100, 0x101}, 1000);
+    startAndWait(link(1, stream));
+    setInput(0, 1, 3);
+    setRoute(0, 3, 0x100);
+    ASSERT_TRUE(waitForRecords(500 * 192));
+    ASSERT_EQ(::truncate(tsio.path().c_str(), 0), 0);
+    ASSERT_TRUE(emulator->waitForLog("[error] PCI Error: Cannot access device memory. Device " +
+                                     tsio.path().string()));
+    // The other table is still followed, and nothing counts as removed.
+    setRoute(1, 3, 0x101);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 257 from TSIIDX 3"));
+    ASSERT_EQ(::truncate(router.path().c_str(), 4096), 0);
+    ASSERT_TRUE(emulator->waitForLog("[error] PCI Error: Cannot access device memory. Device " +
+                                     router.path().string()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(emulator->terminate(), 0);
+    EXPECT_EQ(emulator->countLog("[error]"), 2U);
+    EXPECT_EQ(emulator->countLog("[info] Detected removed"), 0U);
+}
+
+TEST_F(EmulatorTest, AControlDeviceThatCannotBeUsedEndsTheStartWithStatus1) {
+    ASSERT_EQ(::truncate(router.path().c_str(), 100000), 0);
+    start(link(1, {}));
+    EXPECT_EQ(emulator->wait(), 1);
+    for (const std::string& part : {router.path().string(), std::string("100000"), std::string("131072")}) {
+        EXPECT_NE(emulator->err().find(part), std::string::npos) << part << " in " << emulator->err();
+    }
+    EXPECT_FALSE(std::filesystem::exists(data)) << "the data device was opened";
+
+    emulator = std::make_unique<Program>(
+        ZEPTFEM_PROGRAM, std::vector<std::string>{"-t", "/nonexistent/tsio", "-f", "udp://1.2.3.4 x.ts"});
+    EXPECT_EQ(emulator->wait(), 1);
+    EXPECT_TRUE(emulator->err().starts_with(
+        "PCI Error: Could not open device at path: /nonexistent/tsio. Error: \"No such "
+        "file or directory\"("))
+        << emulator->err();
+    emulator = std::make_unique<Program>(
+        ZEPTFEM_PROGRAM, std::vector<std::string>{"-t", "/dev/null", "-f", "udp://1.2.3.4 x.ts"});
+    EXPECT_EQ(emulator->wait(), 1);
+    EXPECT_TRUE(emulator->err().starts_with(
+        "PCI Error: Failed mmap of 16384 bytes (offset: 0) from device: /dev/null. "))
+        << emulator->err();
+}
+
+TEST_F(EmulatorTest, AnInputWithoutThreadStartsWithALaterRoute) {
+    if (SANITIZED) {
+        GTEST_SKIP() << "a sanitizer's own memory does not fit under the limit";
+    }
+    startAndWait(link(1, makeStream({0x100, 0x101}, 100)));
+    setInput(0, 1, 3);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.1:5000 @ TSIIDX 3"));
+    // Room for less than one more thread's stack.
+    const std::string memory = readText("/proc/" + std::to_string(emulator->pid()) + "/statm");
+    const rlim_t limit = std::stoul(memory) * static_cast<rlim_t>(::getpagesize()) + (1 << 20);
+    rlimit old{};
+    const rlimit tight{limit, RLIM_INFINITY};
+    ASSERT_EQ(::prlimit(emulator->pid(), RLIMIT_AS, &tight, &old), 0);
+    setRoute(0, 3, 0x100);
+    EXPECT_TRUE(emulator->waitForLog("[error] Stream of TSIIDX 3 cannot start"));
+    ASSERT_EQ(::prlimit(emulator->pid(), RLIMIT_AS, &old, nullptr), 0);
+    setRoute(1, 3, 0x101);
+    EXPECT_TRUE(waitForRecords(100 * 192));
+    EXPECT_EQ(emulator->terminate(), 0);
+}
+
+TEST_F(EmulatorTest, AnInputWithoutDescriptorIsToldAndTheOthersPlay) {
+    const Bytes stream = makeStream({0x100}, 100);
+    startAndWait(link(1, stream) + link(2, stream));
+    setInput(0, 1, 3);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.1:5000 @ TSIIDX 3"));
+    rlimit tight{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &tight), 0);
+    tight.rlim_cur = 3;
+    ASSERT_EQ(::prlimit(emulator->pid(), RLIMIT_NOFILE, &tight, nullptr), 0);
+    setInput(1, 2, 4);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.2:5000 @ TSIIDX 4"));
+    setRoute(0, 3, 0x100);
+    setRoute(1, 4, 0x100);
+    EXPECT_TRUE(emulator->waitForLog(
+        "[error] Stream of TSIIDX 4 has ended: IOErrorr: Unknown error occurred when reading "
+        "from \"" +
+        (folder / "2.ts").string() + "\""));
+    EXPECT_TRUE(waitForRecords(100 * 192));
+    EXPECT_EQ(emulator->terminate(), 0);
+    EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100}));
+}
+
+TEST_F(EmulatorTest, AClosedStandardOutputMixesNoLogIntoTheTables) {
+    const Bytes stream = makeStream({0x100}, 1000);
+    start(link(1, stream), [] {
+        ::close(STDIN_FILENO);
+        ::close(STDOUT_FILENO);
+        ::close(STDERR_FILENO);
+    });
+    setInput(0, 1, 3);
+    setRoute(0, 3, 0x100);
+    ASSERT_TRUE(waitForRecords(1000 * 192));
+    EXPECT_EQ(emulator->terminate(), 0);
+    EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100}));
+    Bytes tables = readBytes(tsio.path());
+    EXPECT_EQ(std::count(tables.begin(), tables.end(), 0), static_cast<std::ptrdiff_t>(TSIO_SIZE) - 8);
+}
+
+TEST_F(EmulatorTest, ALogReaderThatLeavesDoesNotEndTheProgram) {
+    const Bytes stream = makeStream({0x100}, 1000);
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    start(link(1, stream), [&] { ::dup2(ends[1], STDOUT_FILENO); });
+    ::close(ends[1]);
+    ::close(ends[0]);
+    setInput(0, 1, 3);
+    setRoute(0, 3, 0x100);
+    ASSERT_TRUE(waitForRecords(1000 * 192));
+    EXPECT_EQ(emulator->terminate(), 0);
+}
+
+/// A live feed: a FIFO as transport stream file.
+TEST_F(EmulatorTest, AFifoFeedsAnInputUntilItsWriterLeaves) {
+    const Bytes stream = makeStream({0x100}, 2000);
+    const std::filesystem::path feed = folder / "feed";
+    ASSERT_EQ(::mkfifo(feed.c_str(), 0600), 0);
+    startAndWait(linkPath(1, feed) + linkPath(2, feed));
+    setInput(0, 1, 3);
+    setRoute(0, 3, 0x100);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 256 from TSIIDX 3"));
+    writeBytes(feed, stream);
+    ASSERT_TRUE(waitForRecords(2000 * 192));
+    // Waiting for a writer, an input can be removed and the program ended.
+    setInput(1, 2, 4);
+    setRoute(1, 4, 0x100);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 256 from TSIIDX 4"));
+    clearInput(1);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected removed input TS: udp://239.1.2.2:5000 @ TSIIDX 4"));
+    EXPECT_EQ(emulator->terminate(), 0);
+    EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100}));
+}
+
+}  // namespace
+}  // namespace Vel::SystemTest
