@@ -13,7 +13,7 @@ inline constexpr Range TSIIDX_RANGE{0, 255};       ///< input transport streams
 inline constexpr Range TSOIDX_RANGE{0, 255};       ///< output transport streams
 inline constexpr Range PID_RANGE{0, 8191};         ///< packet identifiers (ISO/IEC 13818-1, 2.4.3.2)
 inline constexpr Range PIDIDX_RANGE{1, 4095};      ///< O-PID MAP rows; row 0 is reserved
-inline constexpr Range NEXTPIDIDX_RANGE{0, 4095};  ///< 0 ends a chain of O-PID MAP rows
+inline constexpr Range NEXTPIDIDX_RANGE{0, 4095};  ///< the row that continues a chain, 0 for none
 inline constexpr Range FILTTABIDX_RANGE{0, 255};   ///< filter tables
 inline constexpr Range UDP_PORT_RANGE{0, 65535};   ///< RFC 768
 inline constexpr Range PHYIIDX_RANGE{0, 63};       ///< physical inputs
@@ -87,8 +87,8 @@ inline constexpr BitField ENABLED{0, 12, 1};
 static_assert(fitRow(TABLE, {PIDIDX, ENABLED}));
 }  // namespace TsiMap
 
-/// Router device: output streams that a routed PID goes to, as chains of rows. Row i belongs to PIDIDX i; row
-/// 0 is reserved.
+/// Router device: output streams that packets go to, as chains of rows. Row i belongs to PIDIDX i; row 0 is
+/// reserved.
 namespace OPidMap {
 inline constexpr Table TABLE{"O-PID MAP", 16384, 4096, 2};
 inline constexpr BitField TSOIDX{0, 0, 8};

@@ -18,7 +18,7 @@ constexpr std::uint32_t getIpLutSize() {
 /// Word index of row 0, the same for every bank. Reads the device once, so that one that cannot be read fails
 /// here.
 std::uint32_t getIpLutBase(IMemIf& memory, std::uint32_t bank);
-/// 0 or 1; a writer changes it when it changes the table.
+/// 0 or 1. One that changes between the reads of a table says that the table was being rewritten meanwhile.
 std::uint32_t getIpLutControlBit(IMemIf& memory);
 
 /// Rows `offset` to `offset + count - 1` of the IP LUT, in row order; without the disabled ones unless they

@@ -18,7 +18,7 @@ constexpr std::uint32_t getPidLutSize() {
 /// Word index of row 0 of a bank. Bank 0 is the one that the select bit names, now; any other value the other
 /// one.
 std::uint32_t getPidLutBase(IMemIf& memory, std::uint32_t bank);
-/// 0 or 1; a writer changes it when it changes the table.
+/// 0 or 1. One that changes between the reads of a table says that the table was being rewritten meanwhile.
 std::uint32_t getPidLutControlBit(IMemIf& memory);
 
 /// Rows `offset` to `offset + count - 1` of bank 0 of the PID LUT, in row order; without those that have
