@@ -10,8 +10,12 @@
 #include "errors.h"
 #include "table_commands.h"
 #include "vel/cpp_utils/error.h"
+#include "vel/userspace_drivers/drivers/driver_error.h"
 
 namespace {
+
+using Vel::Zepctl::StreamFault;
+using Vel::Zepctl::UsageError;
 
 enum ExitStatus { DONE = 0, STREAM_FAULTY = 1, WRONG_USE = 2, DEVICE_UNUSABLE = 3 };
 
@@ -26,11 +30,21 @@ int run(CLI::App& app, int argc, char** argv) {
         return DONE;
     } catch (const CLI::Success& help) {
         return app.exit(help);
+    } catch (const CLI::RequiredError& error) {
+        // A mistyped command counts as none at all, so say what was found in its place.
+        const std::string rest = CLI::detail::join(app.remaining(true), " ");
+        return fail(WRONG_USE, UsageError(error.what() + (rest.empty() ? "" : ", found " + rest)));
     } catch (const CLI::ParseError& error) {
         return fail(WRONG_USE, error);
-    } catch (const Vel::Zepctl::UsageError& error) {
+    } catch (const UsageError& error) {
         return fail(WRONG_USE, error);
-    } catch (const Vel::Zepctl::StreamFault& error) {
+    } catch (const Vel::CppUtil::InvalidArgumentError& error) {
+        return fail(WRONG_USE, error);
+    } catch (const Vel::CppUtil::ParsingError& error) {
+        return fail(WRONG_USE, error);
+    } catch (const Vel::Drivers::Zep::ZepDriverError& error) {
+        return fail(WRONG_USE, error);
+    } catch (const StreamFault& error) {
         return fail(STREAM_FAULTY, error);
     } catch (const std::exception& error) {
         return fail(DEVICE_UNUSABLE, error);

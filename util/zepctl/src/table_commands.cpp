@@ -1,7 +1,275 @@
 #include "table_commands.h"
 
+#include <cstdint>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "input_table.h"
+#include "locked_device.h"
+#include "number.h"
+#include "route_table.h"
+#include "row_text.h"
+#include "stand_in.h"
+#include "table_dump.h"
+#include "vel/userspace_drivers/drivers/zep/ts/portnames.h"
+#include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
+
 namespace Vel::Zepctl {
 
-void addTableCommands(CLI::App& /*app*/) {}
+namespace {
+
+namespace Zep = Drivers::Zep;
+
+/// Filled by the options in front of the command, so read in its callback only.
+struct Devices {
+    Device tsio{"/dev/zeptsif_iplut", TSIO_SIZE};
+    Device router{"/dev/zeptsif_pidlut", ROUTER_SIZE};
+};
+using SharedDevices = std::shared_ptr<const Devices>;
+
+// Arguments of a command are shared by its options, which fill them, and its callback.
+
+template <typename Number>
+CLI::Option* addNumber(CLI::App& command, const std::string& name, Number& number, const Zep::Range& range,
+                       const std::string& help) {
+    return command.add_option_function<std::string>(
+        name, [&number, name, range](const std::string& text) { number = parseNumber(name, text, range); },
+        help + ", " + std::to_string(range.min) + " to " + std::to_string(range.max));
+}
+
+void addCreate(CLI::App& app) {
+    struct Arguments {
+        std::string directory;
+        bool withFifo = false;
+        bool force = false;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* create =
+        app.add_subcommand("create", "Makes files that stand in for the devices, with empty tables.");
+    create->add_option("DIR", arguments->directory, "Made if missing; gets the files tsio and router")
+        ->required();
+    create->add_flag("--fifo", arguments->withFifo, "Makes the FIFO pktio as well");
+    create->add_flag("--force", arguments->force, "Empties files that exist, in place");
+    create->footer(
+        "Example:\n  zepctl create /tmp/zep\nprints the command line of an emulator that uses the files.");
+    create->callback([arguments] {
+        createStandIns(arguments->directory, arguments->withFifo, arguments->force);
+        std::cout << standInCommandLine(arguments->directory) << '\n';
+    });
+}
+
+void addInputAdd(CLI::App& input, const SharedDevices& devices) {
+    struct Arguments {
+        std::string uri;
+        std::uint32_t tsiidx = 0;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* add = input.add_subcommand("add", "Adds an input.");
+    add->add_option("URI", arguments->uri,
+                    "Address and port: udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0")
+        ->required();
+    addNumber(*add, "TSIIDX", arguments->tsiidx, Zep::TSIIDX_RANGE, "Index of the input")->required();
+    add->footer("Example:\n  zepctl input add udp://239.1.2.3:5000 3");
+    add->callback([arguments, devices] {
+        Zep::IpInEntry row = parseInputUri(arguments->uri);
+        row.setTSIIDX(arguments->tsiidx);
+        LockedDevice device(devices->tsio);
+        InputTable(device.memory()).add(row);
+    });
+}
+
+void addInputRemove(CLI::App& input, const SharedDevices& devices) {
+    const auto uri = std::make_shared<std::string>();
+    CLI::App* remove = input.add_subcommand("remove", "Removes an input.");
+    remove->add_option("URI", *uri, "As it was added")->required();
+    remove->footer("Example:\n  zepctl input remove udp://239.1.2.3:5000");
+    remove->callback([uri, devices] {
+        const Zep::IpInEntry row = parseInputUri(*uri);
+        LockedDevice device(devices->tsio);
+        InputTable(device.memory()).remove(row);
+    });
+}
+
+void addInputList(CLI::App& input, const SharedDevices& devices) {
+    CLI::App* list = input.add_subcommand("list", "Prints the inputs, each as `input add` takes it.");
+    list->footer("Example:\n  zepctl input list\nprints lines like\n  udp://239.1.2.3:5000 3");
+    list->callback([devices] {
+        const auto inputs = InputTable(LockedDevice(devices->tsio).memory()).list();
+        for (const Zep::IpInEntry& row : inputs) {
+            std::cout << formatInput(row) << '\n';
+        }
+    });
+}
+
+void addInput(CLI::App& app, const SharedDevices& devices) {
+    CLI::App* input =
+        app.add_subcommand("input", "Changes or lists the inputs, which are the rows of the IP LUT.");
+    input->require_subcommand(1);
+    input->footer("Example:\n  zepctl input add udp://239.1.2.3:5000 3");
+    addInputAdd(*input, devices);
+    addInputRemove(*input, devices);
+    addInputList(*input, devices);
+}
+
+void addRouteAdd(CLI::App& route, const SharedDevices& devices) {
+    struct Arguments {
+        std::uint32_t tsiidx = 0;
+        std::uint32_t pid = 0;
+        std::optional<std::uint32_t> pididx;
+        std::uint32_t filter = Zep::FILTTABIDX_RANGE.max;
+        bool toOutput = false;
+        bool notToCpu = false;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* add = route.add_subcommand("add", "Routes a PID of an input to the CPU.");
+    addNumber(*add, "TSIIDX", arguments->tsiidx, Zep::TSIIDX_RANGE, "Index of the input")->required();
+    addNumber(*add, "PID", arguments->pid, Zep::PID_RANGE, "Packet identifier")->required();
+    add->add_flag("--out", arguments->toOutput, "Sets the out route as well");
+    add->add_flag("--no-cpu", arguments->notToCpu, "Leaves the CPU route out; needs --out");
+    addNumber(*add, "--pididx", arguments->pididx, Zep::PIDIDX_RANGE,
+              "PIDIDX (default: the lowest that no route has)");
+    addNumber(*add, "--filter", arguments->filter, Zep::FILTTABIDX_RANGE, "FiltTabIDX (default: 255)");
+    add->footer("Examples:\n  zepctl route add 3 0x100\n  zepctl route add 3 256 --out --no-cpu --pididx 7");
+    add->callback([arguments, devices] {
+        LockedDevice device(devices->router);
+        RouteTable table(device.memory());
+        const std::uint32_t pididx = arguments->pididx ? *arguments->pididx : table.findFreePididx();
+        table.add(Zep::PidLutEntry(arguments->tsiidx, arguments->pid, pididx, arguments->filter,
+                                   arguments->toOutput, !arguments->notToCpu));
+    });
+}
+
+void addRouteRemove(CLI::App& route, const SharedDevices& devices) {
+    struct Arguments {
+        std::uint32_t tsiidx = 0;
+        std::uint32_t pid = 0;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* remove = route.add_subcommand("remove", "Removes all routes of a PID of an input.");
+    addNumber(*remove, "TSIIDX", arguments->tsiidx, Zep::TSIIDX_RANGE, "Index of the input")->required();
+    addNumber(*remove, "PID", arguments->pid, Zep::PID_RANGE, "Packet identifier")->required();
+    remove->footer("Example:\n  zepctl route remove 3 0x100");
+    remove->callback([arguments, devices] {
+        LockedDevice device(devices->router);
+        RouteTable(device.memory()).remove(arguments->tsiidx, arguments->pid);
+    });
+}
+
+void addRouteList(CLI::App& route, const SharedDevices& devices) {
+    CLI::App* list = route.add_subcommand("list", "Prints the routes, each as `route add` takes it.");
+    list->footer("Example:\n  zepctl route list\nprints lines like\n  3 0x0100 --pididx 1 --filter 255");
+    list->callback([devices] {
+        const auto routes = RouteTable(LockedDevice(devices->router).memory()).list();
+        for (const Zep::PidLutEntry& row : routes) {
+            std::cout << formatRoute(row) << '\n';
+        }
+    });
+}
+
+void addRoute(CLI::App& app, const SharedDevices& devices) {
+    CLI::App* route =
+        app.add_subcommand("route", "Changes or lists the routes, which are the rows of the PID LUT.");
+    route->require_subcommand(1);
+    route->footer("Example:\n  zepctl route add 3 0x100");
+    addRouteAdd(*route, devices);
+    addRouteRemove(*route, devices);
+    addRouteList(*route, devices);
+}
+
+void addClear(CLI::App& app, const SharedDevices& devices) {
+    const auto which = std::make_shared<std::string>();
+    CLI::App* clear = app.add_subcommand("clear", "Removes all inputs, all routes, or both.");
+    clear->add_option("TABLE", *which, "What to clear (default: both)")
+        ->check(CLI::IsMember({"inputs", "routes"}));
+    clear->footer("Example:\n  zepctl clear routes");
+    clear->callback([which, devices] {
+        if (*which != "inputs") {
+            LockedDevice device(devices->router);
+            RouteTable(device.memory()).clear();
+        }
+        if (*which != "routes") {
+            LockedDevice device(devices->tsio);
+            InputTable(device.memory()).clear();
+        }
+    });
+}
+
+void addDump(CLI::App& app, const SharedDevices& devices) {
+    struct Arguments {
+        std::string table;
+        DumpRange range;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    constexpr Zep::Range ANY_NUMBER{0, UINT32_MAX};
+    CLI::App* dump = app.add_subcommand("dump", "Prints the rows of a table that are in use.");
+    dump->add_option("TABLE", arguments->table, "The table")
+        ->required()
+        ->check(CLI::IsMember(dumpTableNames()));
+    addNumber(*dump, "--first", arguments->range.first, ANY_NUMBER, "First row (default: that of the table)");
+    addNumber(*dump, "--count", arguments->range.count, ANY_NUMBER,
+              "Number of rows (default: all that follow)");
+    addNumber(*dump, "--bank", arguments->range.bank, {0, 1},
+              "0 for the bank in use, 1 for the other (default: 0)");
+    dump->add_flag("--all", arguments->range.includeAll, "Prints rows that are not in use as well");
+    dump->footer("Examples:\n  zepctl dump iplut\n  zepctl dump pidlut --first 0 --count 16 --all --bank 1");
+    dump->callback([arguments, devices] {
+        const Device& device = isTsioTable(arguments->table) ? devices->tsio : devices->router;
+        // Printed when the lock is free again: who reads the output may take his time.
+        const std::string lines =
+            dumpTable(arguments->table, LockedDevice(device).memory(), arguments->range);
+        std::cout << lines;
+    });
+}
+
+/// A kind of port is numbered from 0 on, without gaps.
+void collectPorts(std::map<std::uint32_t, std::string>& names, const std::string& kind,
+                  std::uint32_t (*indexOf)(std::uint32_t number)) {
+    try {
+        for (std::uint32_t number = 0;; ++number) {
+            names[indexOf(number)] = kind + std::to_string(number);
+        }
+    } catch (const std::out_of_range&) {
+        return;  // That was the last one.
+    }
+}
+
+void addPorts(CLI::App& app) {
+    CLI::App* ports = app.add_subcommand("ports", "Prints side, index and name of the physical ports.");
+    ports->footer("Example:\n  zepctl ports\nprints lines like\n  input 0 tuner0");
+    ports->callback([] {
+        std::map<std::uint32_t, std::string> inputs;
+        collectPorts(inputs, "tuner", Zep::getTunerPhysInIdx);
+        collectPorts(inputs, "cam", Zep::getCamPhysInIdx);
+        std::map<std::uint32_t, std::string> outputs;
+        collectPorts(outputs, "modulator", Zep::getModulatorPhysOutIdx);
+        collectPorts(outputs, "cam", Zep::getCamPhysOutIdx);
+        for (const auto& [index, name] : inputs) {
+            std::cout << "input " << index << ' ' << name << '\n';
+        }
+        for (const auto& [index, name] : outputs) {
+            std::cout << "output " << index << ' ' << name << '\n';
+        }
+    });
+}
+
+}  // namespace
+
+void addTableCommands(CLI::App& app) {
+    const auto devices = std::make_shared<Devices>();
+    app.add_option("-t,--tsio_dev", devices->tsio.path, "Device or file with the inputs")
+        ->capture_default_str();
+    app.add_option("-r,--router_dev", devices->router.path, "Device or file with the routes")
+        ->capture_default_str();
+    addCreate(app);
+    addInput(app, devices);
+    addRoute(app, devices);
+    addClear(app, devices);
+    addDump(app, devices);
+    addPorts(app);
+}
 
 }  // namespace Vel::Zepctl

@@ -1,0 +1,61 @@
+#include "row_text.h"
+
+#include <fmt/format.h>
+
+#include <cstdint>
+
+#include "errors.h"
+#include "vel/cpp_utils/error.h"
+#include "vel/cpp_utils/network/ipadrcontainer.h"
+#include "vel/cpp_utils/uri/uri.h"
+
+namespace Vel::Zepctl {
+
+using Drivers::Zep::IpInEntry;
+using Drivers::Zep::PidLutEntry;
+
+namespace {
+
+constexpr const char* URI_FORM = "its form is udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0";
+constexpr std::int32_t NO_PORT = -1;  // left out, or too large
+
+}  // namespace
+
+std::string inputUri(const IpInEntry& input) {
+    CppUtil::UriAuthority authority;
+    authority.setHost(input.getIp().toString());
+    authority.setPort(static_cast<std::uint16_t>(input.getUdpPort()));
+    CppUtil::Uri uri;
+    uri.setScheme("udp");
+    uri.setAuthority(authority);
+    return uri.toString();
+}
+
+IpInEntry parseInputUri(const std::string& text) {
+    const std::string refusal = "\"" + text + "\" is not the URI of an input: ";
+    try {
+        const CppUtil::UriAuthority authority = CppUtil::Uri::parse(text).getAuthority();
+        const std::int32_t port = authority.getPort();
+        IpInEntry input(0, CppUtil::IpAdrContainer(authority.getHost()),
+                        port == NO_PORT ? 0 : static_cast<std::uint32_t>(port));
+        const std::string canonical = inputUri(input);
+        if (text == canonical) {
+            return input;
+        }
+        throw UsageError(refusal + (port == NO_PORT ? URI_FORM : "write it as " + canonical));
+    } catch (const CppUtil::ParsingError&) {
+        throw UsageError(refusal + URI_FORM);
+    }
+}
+
+std::string formatInput(const IpInEntry& input) {
+    return fmt::format("{} {}", inputUri(input), input.getTSIIDX());
+}
+
+std::string formatRoute(const PidLutEntry& route) {
+    return fmt::format("{} 0x{:04x}{}{} --pididx {} --filter {}", route.getTSIIDX(), route.getPID(),
+                       route.isOutRoute() ? " --out" : "", route.isCpuRoute() ? "" : " --no-cpu",
+                       route.getPIDIDX(), route.getFiltTabIDX());
+}
+
+}  // namespace Vel::Zepctl

@@ -1,0 +1,89 @@
+#include "stand_in.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+#include <vector>
+
+#include "errors.h"
+#include "locked_device.h"
+
+namespace Vel::Zepctl {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void refuseExisting(const std::vector<fs::path>& paths) {
+    for (const fs::path& path : paths) {
+        if (fs::exists(fs::symlink_status(path))) {
+            throw UsageError(path.string() + " exists already; --force empties it");
+        }
+    }
+}
+
+void createTables(const fs::path& path, std::uint32_t size) {
+    if (fs::exists(path) && !fs::is_regular_file(path)) {
+        throw DeviceError(path.string() + " exists already and is no plain file");
+    }
+    errno = 0;
+    if (!std::ofstream(path, std::ios::app)) {
+        throw std::system_error(errno, std::generic_category(), "Cannot make " + path.string());
+    }
+    if (fs::file_size(path) < size) {
+        fs::resize_file(path, size);
+    }
+    // From the end, so that a row that is in use loses its enable bit or its routes, which are in its last
+    // word, before its address.
+    LockedDevice device({path.string(), size});
+    for (std::uint32_t word = size / sizeof(std::uint32_t); word-- > 0;) {
+        device.memory().write32(word, 0);
+    }
+}
+
+void createFifo(const fs::path& path) {
+    if (::mkfifo(path.c_str(), 0666) != 0 && !fs::is_fifo(path)) {
+        throw DeviceError("Cannot make the FIFO " + path.string() + ": " +
+                          std::generic_category().message(errno));
+    }
+}
+
+std::string quoteForShell(const std::string& text) {
+    constexpr const char* PLAIN = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-+,:@%";
+    if (!text.empty() && text.find_first_not_of(PLAIN) == std::string::npos) {
+        return text;
+    }
+    std::string quoted = "'";
+    for (const char c : text) {
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
+}
+
+}  // namespace
+
+void createStandIns(const std::string& directory, bool withFifo, bool force) {
+    const fs::path path(directory);
+    if (!force) {
+        refuseExisting({path / "tsio", path / "router"});
+        refuseExisting(withFifo ? std::vector{path / "pktio"} : std::vector<fs::path>{});
+    }
+    fs::create_directories(path);
+    createTables(path / "tsio", TSIO_SIZE);
+    createTables(path / "router", ROUTER_SIZE);
+    if (withFifo) {
+        createFifo(path / "pktio");
+    }
+}
+
+std::string standInCommandLine(const std::string& directory) {
+    const auto path = [&](const char* name) { return quoteForShell((fs::path(directory) / name).string()); };
+    return "zeptfem -t " + path("tsio") + " -r " + path("router") + " -P " + path("pktio") +
+           " -f \"udp://239.1.2.3:5000 FILE.ts\"";
+}
+
+}  // namespace Vel::Zepctl
