@@ -121,12 +121,17 @@ void PktioStreamIn::endRoutingCall() {
 }
 
 /// At full rate this thread takes the lock for every packet, and would mostly win it again before a waiting
-/// routing call has woken up. So it lets those pass first; otherwise this costs one load.
+/// routing call has woken up. So it lets those, and holds, pass first; otherwise this costs one load. It
+/// looks under the lock: a hold that began just before could else be overtaken by this batch after its first
+/// change.
 std::unique_lock<std::mutex> PktioStreamIn::lockForRelease() {
+    std::unique_lock lock(m_FilterLock);
     for (int waiting = m_RoutingCalls; waiting != 0; waiting = m_RoutingCalls) {
+        lock.unlock();
         m_RoutingCalls.wait(waiting);
+        lock.lock();
     }
-    return std::unique_lock(m_FilterLock);
+    return lock;
 }
 
 }  // namespace Vel::Utils
