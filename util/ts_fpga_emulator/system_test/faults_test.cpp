@@ -165,6 +165,20 @@ TEST_F(EmulatorTest, ATruncatedControlFileIsToldOnceAndRemovesNothing) {
     EXPECT_EQ(emulator->countLog("[info] Detected removed"), 0U);
 }
 
+/// Within a page no access fails: the rest of the page reads as zeros, as rows that are gone.
+TEST_F(EmulatorTest, AControlFileCutWithinThePageOfItsTableRemovesNothing) {
+    startAndWait(link(1, {}));
+    setInput(0, 1, 3);
+    setInput(200, 2, 4);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.2:5000 @ TSIIDX 4"));
+    ASSERT_EQ(::truncate(tsio.path().c_str(), 0x2000 + 100 * 8), 0);
+    ASSERT_TRUE(emulator->waitForLog("[error] PCI Error: File " + tsio.path().string() +
+                                     " is too short: it has 8992 bytes, but 16384 are needed."));
+    EXPECT_EQ(emulator->terminate(), 0);
+    EXPECT_EQ(emulator->countLog("[info] Detected removed"), 0U);
+    EXPECT_EQ(emulator->countLog("[error]"), 1U);
+}
+
 TEST_F(EmulatorTest, AControlDeviceThatCannotBeUsedEndsTheStartWithStatus1) {
     ASSERT_EQ(::truncate(router.path().c_str(), 100000), 0);
     start(link(1, {}));

@@ -45,6 +45,7 @@ public:
             }
             Rows rows = Table::decode(m_Words);
             if (m_Words == m_Again || rows == Table::decode(m_Again)) {
+                memory.verifyMemory();
                 return Snapshot(before, std::move(rows));
             }
         }

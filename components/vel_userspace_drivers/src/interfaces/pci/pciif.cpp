@@ -99,4 +99,9 @@ void PciIf::checkAccessible() const {
     throw PciError("Cannot access device memory. Device " + m_Path + reason, __FILE__, __LINE__);
 }
 
+void PciIf::verifyMemory() const {
+    checkAccessible();
+    checkFileSize();
+}
+
 }  // namespace Vel::Pci

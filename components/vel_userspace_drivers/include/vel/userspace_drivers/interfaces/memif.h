@@ -38,6 +38,10 @@ public:
     virtual void readBlock32Into(std::uint32_t index, std::span<std::uint32_t> words) {
         std::ranges::copy(readBlock32(index, static_cast<std::uint32_t>(words.size())), words.begin());
     }
+
+    /// Throws when what has been read may not be the device's memory any more. It may make a system call, so
+    /// it is not part of every access: who finds a change asks it before acting on it.
+    virtual void verifyMemory() const {}
 };
 
 }  // namespace Vel::Drivers
