@@ -1,0 +1,171 @@
+#include "record_commands.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "errors.h"
+#include "record_check.h"
+#include "record_reader.h"
+#include "record_report.h"
+#include "record_split.h"
+#include "record_terminal.h"
+#include "record_text.h"
+#include "record_watch.h"
+
+namespace Vel::Zepctl {
+
+namespace {
+
+/// A year: a limit that keeps the end on the clock.
+constexpr double MAX_WATCH_SECONDS = 366 * 86400.0;
+
+/// Hands all records on, block by block.
+void readToEnd(RecordReader& reader, const std::function<void(std::span<const std::uint8_t>)>& take) {
+    ProgressBar progress(reader.getSize());
+    while (!reader.isAtEnd()) {
+        reader.waitForData();
+        const auto records = reader.read();
+        take(records);
+        progress.add(records.size());
+    }
+}
+
+void throwIfFaulty(const std::string& name, const FaultLog& faults) {
+    if (!faults.isEmpty()) {
+        throw StreamFault(name + " is faulty: " + faults.toString());
+    }
+}
+
+void check(const std::string& file, bool json) {
+    RecordReader reader(file);
+    RecordCheck result;
+    readToEnd(reader, [&](auto records) { result.add(records); });
+    result.end(reader.getTornBytes());
+    if (json) {
+        // A file name may hold bytes that are no UTF-8.
+        constexpr auto REPLACE = nlohmann::json::error_handler_t::replace;
+        std::cout << makeJsonReport(reader.getName(), result).dump(2, ' ', false, REPLACE) << '\n';
+    } else {
+        std::cout << formatReport(reader.getName(), result, Colours::of(STDOUT_FILENO));
+    }
+    std::cout.flush();
+    throwIfFaulty(reader.getName(), result.getFaults());
+}
+
+void split(const std::string& file, const std::string& directory) {
+    RecordReader reader(file);
+    RecordSplit result(directory, reader.getDescriptor());
+    readToEnd(reader, [&](auto records) { result.add(records); });
+    result.end(reader.getTornBytes());
+    for (const TsOutput* output : result.getOutputs()) {
+        std::cout << fmt::format("{}: {}\n", output->getPath(), formatCount(output->getPackets(), "packet"));
+    }
+    if (result.getRecords() == 0) {
+        std::cout << reader.getName() << " is empty: no record, no file\n";
+    }
+    std::cout.flush();
+    throwIfFaulty(reader.getName(), result.getFaults());
+}
+
+void watch(const std::string& file, std::optional<double> seconds) {
+    if (!seconds) {
+        watchRecords(file, std::nullopt);
+        return;
+    }
+    if (!(*seconds > 0 && *seconds <= MAX_WATCH_SECONDS)) {
+        throw UsageError(
+            fmt::format("--for {}: more than 0, at most {} seconds", *seconds, MAX_WATCH_SECONDS));
+    }
+    watchRecords(file, std::chrono::duration<double>(*seconds));
+}
+
+void addCheck(CLI::App& records) {
+    struct Arguments {
+        std::string file;
+        bool json = false;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* command =
+        records.add_subcommand("check", "Judge the records of a file; exit status 1 if they are faulty");
+    command->add_option("FILE", arguments->file, "records, or - for standard input")->required();
+    command->add_flag("--json", arguments->json, "print the result as JSON");
+    command->footer(fmt::format(
+        R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte
+other than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are none, nor
+is a file without records. The bit rate is that of the recorded packets, 188 bytes each, by
+the clock of the input's first PID with PCR, between the first PCR and the last. PIDs that
+are not routed do not count, nor do intervals in which the PCR starts anew.
+
+Keys of the JSON object:
+{}
+
+Example: zepctl records check out.rec
+         some-receiver | zepctl records check --json - > result.json)",
+        JSON_KEYS));
+    command->callback([arguments] { check(arguments->file, arguments->json); });
+}
+
+void addSplit(CLI::App& records) {
+    struct Arguments {
+        std::string file;
+        std::string directory;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* command =
+        records.add_subcommand("split", "Write the packets of each input to a transport stream file");
+    command->add_option("FILE", arguments->file, "records, or - for standard input")->required();
+    command->add_option("DIR", arguments->directory, "where the files go, made where it is missing")
+        ->required();
+    command->footer(
+        R"(The packets of TSIIDX 3 go to DIR/tsiidx-003.ts, in their order. Files of that name are
+overwritten, others stay. Records with a bad sync byte or a TSIIDX above 255 and a torn last
+one are left out; exit status 1 tells that there were some.
+
+Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)");
+    command->callback([arguments] { split(arguments->file, arguments->directory); });
+}
+
+void addWatch(CLI::App& records) {
+    struct Arguments {
+        std::string file;
+        std::optional<double> seconds;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* command = records.add_subcommand("watch", "Show live what arrives, by input");
+    command->add_option("FILE", arguments->file, "FIFO, growing file or device, or - for standard input")
+        ->required();
+    command->add_option("--for", arguments->seconds, "end after so many seconds")->type_name("SECONDS");
+    command->footer(
+        R"(Shows the rate over the latest two seconds and over all, and the drift: how much later
+(+) or earlier (-) than their PCRs say packets arrive, since the first two seconds, in ms and as
+a part of the time by the PCR. It starts anew with each new time base. Records that a file
+holds already are counted, but not timed; a file that is emptied is watched from its start.
+Without a terminal, a line an input and second is printed.
+
+Ends with Ctrl-C, or when the last writer of a FIFO has left; waits for the first one.
+
+Example: zepctl records watch pktio --for 60)");
+    command->callback([arguments] { watch(arguments->file, arguments->seconds); });
+}
+
+}  // namespace
+
+void addRecordCommands(CLI::App& app) {
+    CLI::App* records =
+        app.add_subcommand("records", "Look at records: each a TSIIDX and a transport packet");
+    records->require_subcommand(1);
+    records->footer("Example: zepctl records check out.rec");
+    addCheck(*records);
+    addSplit(*records);
+    addWatch(*records);
+}
+
+}  // namespace Vel::Zepctl
