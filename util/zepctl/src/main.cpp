@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "errors.h"
+#include "record_commands.h"
 #include "table_commands.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/userspace_drivers/drivers/driver_error.h"
@@ -77,10 +78,16 @@ int flushOutput(int status) {
 
 int main(int argc, char** argv) {
     occupyStandardDescriptors();
-    CLI::App app(
-        "Makes, changes and shows the tables of the transport stream hardware, and checks its records.",
-        "zepctl");
+    CLI::App app("Make, change and show the tables of the transport stream hardware, and look at its records",
+                 "zepctl");
     app.require_subcommand(1);
+    app.footer(
+        "Exit status: 0 done, 1 the checked stream is faulty, 2 wrong use or a value out of range,\n"
+        "3 a file or device cannot be used.\n\n"
+        "Example: zepctl create /tmp/zep\n"
+        "         zepctl -t /tmp/zep/tsio input add udp://239.1.2.3:5000 3\n"
+        "         zepctl -r /tmp/zep/router route add 3 0x100");
     Vel::Zepctl::addTableCommands(app);
+    Vel::Zepctl::addRecordCommands(app);
     return flushOutput(run(app, argc, argv));
 }

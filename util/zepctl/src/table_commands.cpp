@@ -36,9 +36,13 @@ using SharedDevices = std::shared_ptr<const Devices>;
 template <typename Number>
 CLI::Option* addNumber(CLI::App& command, const std::string& name, Number& number, const Zep::Range& range,
                        const std::string& help) {
-    return command.add_option_function<std::string>(
-        name, [&number, name, range](const std::string& text) { number = parseNumber(name, text, range); },
-        help + ", " + std::to_string(range.min) + " to " + std::to_string(range.max));
+    const auto parse = [&number, name, range](const std::string& text) {
+        number = parseNumber(name, text, range);
+    };
+    return command
+        .add_option_function<std::string>(
+            name, parse, help + ", " + std::to_string(range.min) + " to " + std::to_string(range.max))
+        ->type_name("N");
 }
 
 void addCreate(CLI::App& app) {
@@ -49,13 +53,15 @@ void addCreate(CLI::App& app) {
     };
     const auto arguments = std::make_shared<Arguments>();
     CLI::App* create =
-        app.add_subcommand("create", "Makes files that stand in for the devices, with empty tables.");
-    create->add_option("DIR", arguments->directory, "Made if missing; gets the files tsio and router")
+        app.add_subcommand("create", "Make files that stand in for the devices, with empty tables");
+    create
+        ->add_option("DIR", arguments->directory,
+                     "where the files tsio and router go, made where it is missing")
         ->required();
-    create->add_flag("--fifo", arguments->withFifo, "Makes the FIFO pktio as well");
-    create->add_flag("--force", arguments->force, "Empties files that exist, in place");
+    create->add_flag("--fifo", arguments->withFifo, "make the FIFO pktio as well");
+    create->add_flag("--force", arguments->force, "empty files that exist, in place");
     create->footer(
-        "Example:\n  zepctl create /tmp/zep\nprints the command line of an emulator that uses the files.");
+        "Prints the command line of an emulator that uses the files.\n\nExample: zepctl create /tmp/zep");
     create->callback([arguments] {
         createStandIns(arguments->directory, arguments->withFifo, arguments->force);
         std::cout << standInCommandLine(arguments->directory) << '\n';
@@ -68,12 +74,12 @@ void addInputAdd(CLI::App& input, const SharedDevices& devices) {
         std::uint32_t tsiidx = 0;
     };
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* add = input.add_subcommand("add", "Adds an input.");
+    CLI::App* add = input.add_subcommand("add", "Add an input");
     add->add_option("URI", arguments->uri,
-                    "Address and port: udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0")
+                    "address and port: udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0")
         ->required();
-    addNumber(*add, "TSIIDX", arguments->tsiidx, Zep::TSIIDX_RANGE, "Index of the input")->required();
-    add->footer("Example:\n  zepctl input add udp://239.1.2.3:5000 3");
+    addNumber(*add, "TSIIDX", arguments->tsiidx, Zep::TSIIDX_RANGE, "index of the input")->required();
+    add->footer("Example: zepctl input add udp://239.1.2.3:5000 3");
     add->callback([arguments, devices] {
         Zep::IpInEntry row = parseInputUri(arguments->uri);
         row.setTSIIDX(arguments->tsiidx);
@@ -84,9 +90,9 @@ void addInputAdd(CLI::App& input, const SharedDevices& devices) {
 
 void addInputRemove(CLI::App& input, const SharedDevices& devices) {
     const auto uri = std::make_shared<std::string>();
-    CLI::App* remove = input.add_subcommand("remove", "Removes an input.");
-    remove->add_option("URI", *uri, "As it was added")->required();
-    remove->footer("Example:\n  zepctl input remove udp://239.1.2.3:5000");
+    CLI::App* remove = input.add_subcommand("remove", "Remove an input");
+    remove->add_option("URI", *uri, "as it was added")->required();
+    remove->footer("Example: zepctl input remove udp://239.1.2.3:5000");
     remove->callback([uri, devices] {
         const Zep::IpInEntry row = parseInputUri(*uri);
         LockedDevice device(devices->tsio);
@@ -95,8 +101,8 @@ void addInputRemove(CLI::App& input, const SharedDevices& devices) {
 }
 
 void addInputList(CLI::App& input, const SharedDevices& devices) {
-    CLI::App* list = input.add_subcommand("list", "Prints the inputs, each as `input add` takes it.");
-    list->footer("Example:\n  zepctl input list\nprints lines like\n  udp://239.1.2.3:5000 3");
+    CLI::App* list = input.add_subcommand("list", "Print the inputs, each as input add takes it");
+    list->footer("Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list");
     list->callback([devices] {
         const auto inputs = InputTable(LockedDevice(devices->tsio).memory()).list();
         for (const Zep::IpInEntry& row : inputs) {
@@ -107,9 +113,9 @@ void addInputList(CLI::App& input, const SharedDevices& devices) {
 
 void addInput(CLI::App& app, const SharedDevices& devices) {
     CLI::App* input =
-        app.add_subcommand("input", "Changes or lists the inputs, which are the rows of the IP LUT.");
+        app.add_subcommand("input", "Change or list the inputs, which are the rows of the IP LUT");
     input->require_subcommand(1);
-    input->footer("Example:\n  zepctl input add udp://239.1.2.3:5000 3");
+    input->footer("Example: zepctl input add udp://239.1.2.3:5000 3");
     addInputAdd(*input, devices);
     addInputRemove(*input, devices);
     addInputList(*input, devices);
@@ -125,15 +131,16 @@ void addRouteAdd(CLI::App& route, const SharedDevices& devices) {
         bool notToCpu = false;
     };
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* add = route.add_subcommand("add", "Routes a PID of an input to the CPU.");
-    addNumber(*add, "TSIIDX", arguments->tsiidx, Zep::TSIIDX_RANGE, "Index of the input")->required();
-    addNumber(*add, "PID", arguments->pid, Zep::PID_RANGE, "Packet identifier")->required();
-    add->add_flag("--out", arguments->toOutput, "Sets the out route as well");
-    add->add_flag("--no-cpu", arguments->notToCpu, "Leaves the CPU route out; needs --out");
+    CLI::App* add = route.add_subcommand("add", "Route a PID of an input, to the CPU unless told otherwise");
+    addNumber(*add, "TSIIDX", arguments->tsiidx, Zep::TSIIDX_RANGE, "index of the input")->required();
+    addNumber(*add, "PID", arguments->pid, Zep::PID_RANGE, "packet identifier")->required();
+    add->add_flag("--out", arguments->toOutput, "set the out route as well");
+    add->add_flag("--no-cpu", arguments->notToCpu, "leave the CPU route out; needs --out");
     addNumber(*add, "--pididx", arguments->pididx, Zep::PIDIDX_RANGE,
-              "PIDIDX (default: the lowest that no route has)");
-    addNumber(*add, "--filter", arguments->filter, Zep::FILTTABIDX_RANGE, "FiltTabIDX (default: 255)");
-    add->footer("Examples:\n  zepctl route add 3 0x100\n  zepctl route add 3 256 --out --no-cpu --pididx 7");
+              "PIDIDX, by default the lowest that no route has");
+    addNumber(*add, "--filter", arguments->filter, Zep::FILTTABIDX_RANGE, "FiltTabIDX, by default 255");
+    add->footer(
+        "Example: zepctl route add 3 0x100\n         zepctl route add 3 256 --out --no-cpu --pididx 7");
     add->callback([arguments, devices] {
         LockedDevice device(devices->router);
         RouteTable table(device.memory());
@@ -149,10 +156,10 @@ void addRouteRemove(CLI::App& route, const SharedDevices& devices) {
         std::uint32_t pid = 0;
     };
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* remove = route.add_subcommand("remove", "Removes all routes of a PID of an input.");
-    addNumber(*remove, "TSIIDX", arguments->tsiidx, Zep::TSIIDX_RANGE, "Index of the input")->required();
-    addNumber(*remove, "PID", arguments->pid, Zep::PID_RANGE, "Packet identifier")->required();
-    remove->footer("Example:\n  zepctl route remove 3 0x100");
+    CLI::App* remove = route.add_subcommand("remove", "Remove the routes of a PID of an input");
+    addNumber(*remove, "TSIIDX", arguments->tsiidx, Zep::TSIIDX_RANGE, "index of the input")->required();
+    addNumber(*remove, "PID", arguments->pid, Zep::PID_RANGE, "packet identifier")->required();
+    remove->footer("Example: zepctl route remove 3 0x100");
     remove->callback([arguments, devices] {
         LockedDevice device(devices->router);
         RouteTable(device.memory()).remove(arguments->tsiidx, arguments->pid);
@@ -160,8 +167,8 @@ void addRouteRemove(CLI::App& route, const SharedDevices& devices) {
 }
 
 void addRouteList(CLI::App& route, const SharedDevices& devices) {
-    CLI::App* list = route.add_subcommand("list", "Prints the routes, each as `route add` takes it.");
-    list->footer("Example:\n  zepctl route list\nprints lines like\n  3 0x0100 --pididx 1 --filter 255");
+    CLI::App* list = route.add_subcommand("list", "Print the routes, each as route add takes it");
+    list->footer("Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list");
     list->callback([devices] {
         const auto routes = RouteTable(LockedDevice(devices->router).memory()).list();
         for (const Zep::PidLutEntry& row : routes) {
@@ -172,9 +179,9 @@ void addRouteList(CLI::App& route, const SharedDevices& devices) {
 
 void addRoute(CLI::App& app, const SharedDevices& devices) {
     CLI::App* route =
-        app.add_subcommand("route", "Changes or lists the routes, which are the rows of the PID LUT.");
+        app.add_subcommand("route", "Change or list the routes, which are the rows of the PID LUT");
     route->require_subcommand(1);
-    route->footer("Example:\n  zepctl route add 3 0x100");
+    route->footer("Example: zepctl route add 3 0x100");
     addRouteAdd(*route, devices);
     addRouteRemove(*route, devices);
     addRouteList(*route, devices);
@@ -182,10 +189,10 @@ void addRoute(CLI::App& app, const SharedDevices& devices) {
 
 void addClear(CLI::App& app, const SharedDevices& devices) {
     const auto which = std::make_shared<std::string>();
-    CLI::App* clear = app.add_subcommand("clear", "Removes all inputs, all routes, or both.");
-    clear->add_option("TABLE", *which, "What to clear (default: both)")
+    CLI::App* clear = app.add_subcommand("clear", "Remove all inputs, all routes, or both");
+    clear->add_option("TABLE", *which, "what to clear, by default both")
         ->check(CLI::IsMember({"inputs", "routes"}));
-    clear->footer("Example:\n  zepctl clear routes");
+    clear->footer("Example: zepctl clear routes");
     clear->callback([which, devices] {
         if (*which != "inputs") {
             LockedDevice device(devices->router);
@@ -204,18 +211,19 @@ void addDump(CLI::App& app, const SharedDevices& devices) {
         DumpRange range;
     };
     const auto arguments = std::make_shared<Arguments>();
-    constexpr Zep::Range ANY_NUMBER{0, UINT32_MAX};
-    CLI::App* dump = app.add_subcommand("dump", "Prints the rows of a table that are in use.");
-    dump->add_option("TABLE", arguments->table, "The table")
+    constexpr Zep::Range ROWS{
+        0, Zep::OPidMap::TABLE.rows};  // of the longest table; each refuses what it has not
+    CLI::App* dump = app.add_subcommand("dump", "Print the rows of a table that are in use");
+    dump->add_option("TABLE", arguments->table, "the table")
         ->required()
         ->check(CLI::IsMember(dumpTableNames()));
-    addNumber(*dump, "--first", arguments->range.first, ANY_NUMBER, "First row (default: that of the table)");
-    addNumber(*dump, "--count", arguments->range.count, ANY_NUMBER,
-              "Number of rows (default: all that follow)");
+    addNumber(*dump, "--first", arguments->range.first, ROWS, "first row, by default that of the table");
+    addNumber(*dump, "--count", arguments->range.count, ROWS, "number of rows, by default all that follow");
     addNumber(*dump, "--bank", arguments->range.bank, {0, 1},
-              "0 for the bank in use, 1 for the other (default: 0)");
-    dump->add_flag("--all", arguments->range.includeAll, "Prints rows that are not in use as well");
-    dump->footer("Examples:\n  zepctl dump iplut\n  zepctl dump pidlut --first 0 --count 16 --all --bank 1");
+              "the bank in use (0) or the other (1), by default the one in use");
+    dump->add_flag("--all", arguments->range.includeAll, "print rows that are not in use as well");
+    dump->footer(
+        "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1");
     dump->callback([arguments, devices] {
         const Device& device = isTsioTable(arguments->table) ? devices->tsio : devices->router;
         // Printed when the lock is free again: who reads the output may take his time.
@@ -238,8 +246,8 @@ void collectPorts(std::map<std::uint32_t, std::string>& names, const std::string
 }
 
 void addPorts(CLI::App& app) {
-    CLI::App* ports = app.add_subcommand("ports", "Prints side, index and name of the physical ports.");
-    ports->footer("Example:\n  zepctl ports\nprints lines like\n  input 0 tuner0");
+    CLI::App* ports = app.add_subcommand("ports", "Print side, index and name of the physical ports");
+    ports->footer("Prints lines like\n  input 0 tuner0\n\nExample: zepctl ports");
     ports->callback([] {
         std::map<std::uint32_t, std::string> inputs;
         collectPorts(inputs, "tuner", Zep::getTunerPhysInIdx);
@@ -260,9 +268,11 @@ void addPorts(CLI::App& app) {
 
 void addTableCommands(CLI::App& app) {
     const auto devices = std::make_shared<Devices>();
-    app.add_option("-t,--tsio_dev", devices->tsio.path, "Device or file with the inputs")
+    app.add_option("-t,--tsio_dev", devices->tsio.path, "device or file that holds the IP LUT")
+        ->type_name("PATH")
         ->capture_default_str();
-    app.add_option("-r,--router_dev", devices->router.path, "Device or file with the routes")
+    app.add_option("-r,--router_dev", devices->router.path, "device or file that holds the PID LUT")
+        ->type_name("PATH")
         ->capture_default_str();
     addCreate(app);
     addInput(app, devices);

@@ -43,11 +43,8 @@ protected:
     void remove(const IpInEntry& row) { InputTable(*memory).remove(row); }
     std::vector<IpInEntry> list() { return InputTable(*memory).list(); }
 
-    /// As other software may, without regard to order.
-    void putRow(std::uint32_t index, IpInEntry row) {
-        row.toWords();
-        std::ranges::copy(row.getWords(),
-                          memory->words.begin() + Drivers::Zep::IpLut::TABLE.base + 2 * index);
+    void putRow(std::size_t row, const IpInEntry& content) {
+        memory->putRow(Drivers::Zep::IpLut::TABLE.base + row * IpInEntry::WORDS, content);
     }
 
     void pollAndForget() {

@@ -41,10 +41,8 @@ protected:
         return texts;
     }
 
-    /// As other software may, without regard to order.
-    void putRow(std::uint32_t index, PidLutEntry row) {
-        row.toWords();
-        std::ranges::copy(row.getWords(), memory->words.begin() + LOWER_BANK + 2 * index);
+    void putRow(std::size_t row, const PidLutEntry& content) {
+        memory->putRow(LOWER_BANK + row * PidLutEntry::WORDS, content);
     }
 
     WatchedTable<Utils::PidLutMonitor> table{ROUTER_SIZE};

@@ -54,6 +54,15 @@ public:
         }
     }
 
+    /// Puts a row at a word index as other software may, unseen and without regard to order.
+    template <typename Row>
+    void putRow(std::size_t index, Row row) {
+        row.toWords();
+        for (const std::uint32_t word : row.getWords()) {
+            words.at(index++) = word;
+        }
+    }
+
     std::vector<std::uint32_t> words;
     std::vector<Store> stores;  ///< all that were made
     std::function<void()> afterStore;
