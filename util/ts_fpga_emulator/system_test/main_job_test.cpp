@@ -132,12 +132,7 @@ TEST_F(EmulatorTest, ATableThatIsRewrittenWhileItIsReadYieldsNoFalseEvents) {
 TEST_F(EmulatorTest, PacedByPcrAFileTakesItsTimeAndArrivesWhole) {
     constexpr std::uint32_t PACKETS = 1000;
     constexpr std::uint64_t TICKS_PER_PACKET = 27000;  // 1 ms
-    Bytes stream;
-    for (std::uint32_t i = 0; i < PACKETS; ++i) {
-        const Bytes packet =
-            i % 50 == 0 ? makePcrPacket(0x100, i, i * TICKS_PER_PACKET) : makePacket(0x101, i);
-        stream.insert(stream.end(), packet.begin(), packet.end());
-    }
+    const Bytes stream = makeStream({0x100, 0x101}, PACKETS, TICKS_PER_PACKET);
     startAndWait(link(1, stream) + std::vector<std::string>{"-m"});
     setRoute(0, 3, 0x100);
     setRoute(1, 3, 0x101);

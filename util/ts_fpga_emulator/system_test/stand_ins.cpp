@@ -77,20 +77,20 @@ Table::~Table() {
     ::munmap(const_cast<std::uint32_t*>(m_Words), m_Size);
 }
 
-Bytes makePacket(std::uint32_t pid, std::uint32_t number) {
+Bytes makePacket(std::uint32_t pid, std::uint32_t number, std::uint32_t continuity) {
     Bytes packet(PACKET, 0xA5);
     packet[0] = 0x47;
     packet[1] = static_cast<std::uint8_t>(pid >> 8);
     packet[2] = static_cast<std::uint8_t>(pid);
-    packet[3] = static_cast<std::uint8_t>(0x10 | (number & 0x0F));
+    packet[3] = static_cast<std::uint8_t>(0x10 | (continuity & 0x0F));
     for (std::size_t i = 0; i < 4; ++i) {
         packet[4 + i] = static_cast<std::uint8_t>(number >> (8 * i));
     }
     return packet;
 }
 
-Bytes makePcrPacket(std::uint32_t pid, std::uint32_t number, std::uint64_t pcr) {
-    Bytes packet = makePacket(pid, number);
+Bytes makePcrPacket(std::uint32_t pid, std::uint32_t number, std::uint64_t pcr, std::uint32_t continuity) {
+    Bytes packet = makePacket(pid, number, continuity);
     const std::uint64_t base = pcr / 300;
     const std::uint64_t extension = pcr % 300;
     packet[3] |= 0x20;
@@ -104,10 +104,15 @@ Bytes makePcrPacket(std::uint32_t pid, std::uint32_t number, std::uint64_t pcr) 
     return packet;
 }
 
-Bytes makeStream(const std::vector<std::uint32_t>& pids, std::uint32_t count) {
+Bytes makeStream(const std::vector<std::uint32_t>& pids, std::uint32_t count, std::uint64_t ticksPerPacket) {
+    constexpr std::uint32_t PCR_PERIOD = 20;
     Bytes stream;
     for (std::uint32_t i = 0; i < count; ++i) {
-        const Bytes packet = makePacket(pids[i % pids.size()], i);
+        const auto turn = static_cast<std::uint32_t>(i / pids.size());
+        const std::uint32_t pid = pids[i % pids.size()];
+        const bool withPcr = ticksPerPacket > 0 && pid == pids[0] && turn % PCR_PERIOD == 0;
+        const Bytes packet =
+            withPcr ? makePcrPacket(pid, i, i * ticksPerPacket, turn) : makePacket(pid, i, turn);
         stream.insert(stream.end(), packet.begin(), packet.end());
     }
     return stream;

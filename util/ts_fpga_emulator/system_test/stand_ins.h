@@ -55,11 +55,13 @@ constexpr std::size_t TSIO_SIZE = 16384;
 constexpr std::size_t ROUTER_SIZE = 131072;
 
 /// One transport packet: sync byte, PID, continuity counter and a payload that numbers it.
-Bytes makePacket(std::uint32_t pid, std::uint32_t number);
+Bytes makePacket(std::uint32_t pid, std::uint32_t number, std::uint32_t continuity = 0);
 /// The same with a PCR, in 27 MHz ticks.
-Bytes makePcrPacket(std::uint32_t pid, std::uint32_t number, std::uint64_t pcr);
-/// `count` packets of the PIDs in turn.
-Bytes makeStream(const std::vector<std::uint32_t>& pids, std::uint32_t count);
+Bytes makePcrPacket(std::uint32_t pid, std::uint32_t number, std::uint64_t pcr, std::uint32_t continuity = 0);
+/// `count` packets of the PIDs in turn, with steady continuity counters. With `ticksPerPacket` above 0, every
+/// 20th packet of the first PID carries a PCR of that pace.
+Bytes makeStream(const std::vector<std::uint32_t>& pids, std::uint32_t count,
+                 std::uint64_t ticksPerPacket = 0);
 
 /// What the data device must hold for one input: the packets of `stream` whose PID is in `pids`, behind their
 /// header.
