@@ -52,10 +52,11 @@ ZEPTFEMApplication::~ZEPTFEMApplication() {
 }
 
 std::int32_t ZEPTFEMApplication::doApplication() {
-    std::unique_lock lock(m_ExitMutex);
-    if (m_ExitSignaled) {
+    const bool nothingWasSetUp = m_FPGAMonitor == nullptr;
+    if (nothingWasSetUp) {
         return 0;
     }
+    std::unique_lock lock(m_ExitMutex);
     m_ExitCondition.wait(lock, [this] { return m_ExitSignaled; });
     Log::info(*m_Logger, "Application exit has been signaled...");
     return 0;
@@ -103,7 +104,6 @@ void ZEPTFEMApplication::logSettings(const Settings& settings) const {
 
 void ZEPTFEMApplication::printHelp(const cxxopts::Options& options, std::ostream& out) {
     out << options.help() << std::endl;
-    m_ExitSignaled = true;
 }
 
 }  // namespace Vel::Utils
