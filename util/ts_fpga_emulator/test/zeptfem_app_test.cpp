@@ -35,17 +35,19 @@ TEST(ZEPTFEMApplication, IsWiredFromItsSettingsAndTakenDownInAFixedOrder) {
     // The two threads say these in either order.
     std::erase(lines, "[debug] Enter the main thread of FPGAMonitor");
     std::erase(lines, "[debug] Exit the main thread of FPGAMonitor");
-    EXPECT_THAT(lines, ElementsAre("[info] Starting the zeptfem application",
-                                   "[warning] Ignored the argument \"argument\", which belongs to no option",
-                                   "[debug] Given path to router device " + router,
-                                   "[debug] Given path to tsio device " + tsio,
-                                   "[debug] Given path to pktio_ctrl device /missing",
-                                   "[debug] Given path to pktio_data device " + records,
-                                   "[debug] Stream mode is set to: \nPCR RATE ADAPTION\n",
-                                   "[debug] Given URI to file mapping: \"/a.ts\"",
-                                   "[debug] Create PktioStreamManager", "[debug] Destroy ZEPTFEMApplication",
-                                   "[debug] Destroy FPGAMonitor", "[debug] Joined with FPGAMonitor thread",
-                                   "[debug] Destroy PktioStreamManager", "[debug] Destroy PacketDispatcher"));
+    EXPECT_THAT(
+        lines,
+        ElementsAre("[info] Starting the zeptfem application",
+                    "[warning] Ignored the argument \"argument\", which belongs to no option",
+                    "[debug] Given path to router device " + router,
+                    "[debug] Given path to tsio device " + tsio,
+                    "[debug] Given path to pktio_ctrl device /missing",
+                    "[debug] Given path to pktio_data device " + records,
+                    "[debug] Stream mode is set to: \nPCR RATE ADAPTION\n",
+                    "[debug] Given URI to file mapping: \"/a.ts\"", "[debug] Create PktioStreamManager",
+                    "[info] Application exit has been signaled...", "[debug] Destroy ZEPTFEMApplication",
+                    "[debug] Destroy FPGAMonitor", "[debug] Joined with FPGAMonitor thread",
+                    "[debug] Destroy PktioStreamManager", "[debug] Destroy PacketDispatcher"));
 }
 
 }  // namespace
