@@ -44,8 +44,8 @@ public:
     /// truncated while it is mapped. What was read from such a file since the last successful call may be
     /// zeros.
     void checkAccessible() const override;
-    /// Throws PciError as checkAccessible() does, and for a file that ends within the region by now: the rest of
-    /// its last page reads as zeros, without any fault.
+    /// Throws PciError as checkAccessible() does, and for a file that ends within the region by now: the rest
+    /// of its last page reads as zeros, without any fault.
     void verifyMemory() const override;
 
 private:
