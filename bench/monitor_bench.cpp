@@ -78,10 +78,10 @@ void idleMonitorsAgainstBareLoop(benchmark::State& state) {
     Utils::PidLutMonitor pidLut(router, consumer);
     const auto* tsioWords = reinterpret_cast<const volatile std::uint32_t*>(tsio->getMemSegment().base);
     const auto* routerWords = reinterpret_cast<const volatile std::uint32_t*>(router->getMemSegment().base);
-    std::vector<std::uint32_t> copy(2 * 2048);
+    std::vector<std::uint32_t> copy(std::size_t{2} * 2048);
     double bare = 0;
     double monitors = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         bare += idle([&] {
             readTwice(tsioWords + 2048, 2 * 256, copy);
             readTwice(routerWords + 8192, 2 * 2048, copy);

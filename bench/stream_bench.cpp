@@ -68,7 +68,7 @@ const SampleFile& sample() {
 
 /// What cannot be left out: reads in blocks, one mutex a packet, one write of a record a packet.
 double bareLoop() {
-    std::vector<std::uint8_t> block(348 * Ts::TS_PACKET_SIZE);
+    std::vector<std::uint8_t> block(std::size_t{348} * Ts::TS_PACKET_SIZE);
     std::uint8_t record[Ts::RECORD_SIZE] = {};
     std::mutex mutex;
     const double begin = processSeconds();
@@ -124,7 +124,7 @@ double playStream(std::uint32_t routedPid) {
 void fullRateAgainstBareLoop(benchmark::State& state) {
     double bare = 0;
     double stream = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         bare += bareLoop();
         const double once = playStream(PID);
         stream += once;
@@ -140,7 +140,7 @@ BENCHMARK(fullRateAgainstBareLoop)->UseManualTime()->Iterations(12)->Unit(benchm
 /// A packet that is read, queued and not routed.
 void notRoutedPacket(benchmark::State& state) {
     double stream = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         const double once = playStream(PID + 1);
         stream += once;
         state.SetIterationTime(once);
@@ -153,7 +153,7 @@ BENCHMARK(notRoutedPacket)->UseManualTime()->Iterations(40)->Unit(benchmark::kMi
 void heldPackets(benchmark::State& state) {
     constexpr std::size_t HELD = 10'000;
     double bytes = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         const std::size_t before = ::mallinfo2().uordblks;
         std::deque<Ts::LowlevInTSPacket> queue;
         for (std::size_t i = 0; i < HELD; ++i) {

@@ -91,13 +91,14 @@ TEST(LowlevInTSPacket, HoldsThePacketAtTheEndOfItsBuffer) {
         "less than 188 bytes.");
 }
 
+// The state that a move leaves is the subject.
+// NOLINTBEGIN(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
 TEST(LowlevInTSPacket, MovedFromPacketIsDeadUntilReset) {
     auto source = packetOf({0x47, 0x01, 0x00});
     const std::uint8_t* bytes = source.getDataPtr();
     LowlevInTSPacket target(std::move(source));
     EXPECT_EQ(target.getDataPtr(), bytes);
-    ASSERT_TRUE(
-        source.isDead());  // NOLINT(bugprone-use-after-move): the state that a move leaves is the subject
+    ASSERT_TRUE(source.isDead());
     EXPECT_EQ(source.getTotalSize(), 192U);
     EXPECT_EQ(errorOf([&] { source.getPid(); }),
               "TS Packet Error: Cannot get const data pointer. Object is dead.");
@@ -111,6 +112,7 @@ TEST(LowlevInTSPacket, MovedFromPacketIsDeadUntilReset) {
     EXPECT_EQ(errorOf([] { LowlevInTSPacket().reset(); }),
               "TS Packet Error: Cannot reset a default created packet.");
 }
+// NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
 
 TEST(LowlevInTSPacketDeathTest, MovingFromADeadPacketIsABug) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

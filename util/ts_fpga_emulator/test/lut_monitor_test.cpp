@@ -278,16 +278,18 @@ TEST_P(LutMonitorTest, FileTruncatedUnderTheMappingIsNotTakenForAnEmptyTable) {
     const TempFolder folder;
     const std::string path = folder / "device";
     writeTwoRows(5);
-    writeFile(path, {reinterpret_cast<const char*>(m_Memory->words.data()), TableMemory::SIZE});
-    m_Monitor = m_Table.create(std::make_shared<Pci::PciIf>(path, TableMemory::SIZE, 0), m_Consumer, {});
-    EXPECT_THAT(poll(), ElementsAre(added(0, 5), added(1, 5)));
-
-    // The first page, with the control bit and the bank select bit, stays.
-    ASSERT_EQ(::truncate(path.c_str(), ::sysconf(_SC_PAGESIZE)), 0);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_THAT(thrownText<Pci::PciError>([&] { m_Monitor->pollLut(); }),
-                    StartsWith("PCI Error: Cannot access device memory. Device " + path));
-        EXPECT_THAT(m_Consumer.takeEvents(), IsEmpty());
+    // Behind the first page, which holds the control bit and the bank select bit, and in the middle of a row.
+    for (const std::uint64_t length :
+         {static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE)), m_Table.spareWord * 4UL}) {
+        writeFile(path, {reinterpret_cast<const char*>(m_Memory->words.data()), TableMemory::SIZE});
+        m_Monitor = m_Table.create(std::make_shared<Pci::PciIf>(path, TableMemory::SIZE, 0), m_Consumer, {});
+        EXPECT_THAT(poll(), ElementsAre(added(0, 5), added(1, 5)));
+        std::filesystem::resize_file(path, length);
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_THAT(thrownText<Pci::PciError>([&] { m_Monitor->pollLut(); }),
+                        StartsWith("PCI Error: Cannot access device memory. Device " + path));
+            EXPECT_THAT(m_Consumer.takeEvents(), IsEmpty());
+        }
     }
 }
 

@@ -2,10 +2,8 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <exception>
 #include <iostream>
-#include <system_error>
 
 #include "errors.h"
 #include "record_commands.h"
@@ -15,6 +13,7 @@
 
 namespace {
 
+using Vel::Zepctl::DeviceError;
 using Vel::Zepctl::StreamFault;
 using Vel::Zepctl::UsageError;
 
@@ -66,12 +65,10 @@ void occupyStandardDescriptors() {
 
 /// Output that got lost is worse than a faulty stream, but says nothing about an error already told.
 int flushOutput(int status) {
-    errno = 0;
     if (std::cout.flush() || status > STREAM_FAULTY) {
         return status;
     }
-    return fail(DEVICE_UNUSABLE,
-                std::system_error(errno, std::generic_category(), "Cannot write to standard output"));
+    return fail(DEVICE_UNUSABLE, DeviceError("Cannot write to standard output"));
 }
 
 }  // namespace

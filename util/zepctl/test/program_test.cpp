@@ -196,8 +196,11 @@ TEST_F(ProgramTest, ErrorsAreOneLineAndHaveTheirExitStatus) {
 TEST_F(ProgramTest, OutputThatIsLostIsAnErrorAndNeverGoesIntoATable) {
     outputOf("input add udp://239.1.2.3:5000 3");
     const std::string tsio = contentOf(path("zep/tsio"));
-    EXPECT_EQ(run("input list >/dev/full").status, 3);
-    EXPECT_EQ(run("--help >/dev/full").status, 3);
+    for (const std::string arguments : {"input list", "dump pidlut --all", "--help"}) {
+        const Outcome outcome = run(arguments + " >/dev/full");
+        EXPECT_EQ(outcome.status, 3) << arguments;
+        EXPECT_EQ(outcome.errors, "zepctl: Cannot write to standard output\n") << arguments;
+    }
     EXPECT_EQ(run("input list <&- >&- 2>&-").status, 3);
     EXPECT_EQ(run("input add udp://239.1.2.3:5000 3 <&- >&- 2>&-").status, 2);
     EXPECT_EQ(contentOf(path("zep/tsio")), tsio);
