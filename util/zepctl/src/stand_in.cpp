@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <system_error>
-#include <vector>
 
 #include "errors.h"
 #include "locked_device.h"
@@ -18,18 +17,22 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void refuseExisting(const std::vector<fs::path>& paths) {
-    for (const fs::path& path : paths) {
-        if (fs::exists(fs::symlink_status(path))) {
-            throw UsageError(path.string() + " exists already; --force empties it");
-        }
+/// Before anything is made: a refusal must leave all of them as they are.
+void checkTarget(const fs::path& path, fs::file_type wanted, bool force) {
+    if (!fs::exists(fs::symlink_status(path))) {
+        return;
+    }
+    const bool isFifo = wanted == fs::file_type::fifo;
+    if (fs::status(path).type() != wanted) {
+        throw DeviceError(path.string() + " exists already and is no " + (isFifo ? "FIFO" : "plain file") +
+                          "; remove it");
+    }
+    if (!force) {
+        throw UsageError(path.string() + " exists already; --force " + (isFifo ? "uses" : "empties") + " it");
     }
 }
 
 void createTables(const fs::path& path, std::uint32_t size) {
-    if (fs::exists(path) && !fs::is_regular_file(path)) {
-        throw DeviceError(path.string() + " exists already and is no plain file");
-    }
     errno = 0;
     if (!std::ofstream(path, std::ios::app)) {
         throw std::system_error(errno, std::generic_category(), "Cannot make " + path.string());
@@ -46,7 +49,7 @@ void createTables(const fs::path& path, std::uint32_t size) {
 }
 
 void createFifo(const fs::path& path) {
-    if (::mkfifo(path.c_str(), 0666) != 0 && !fs::is_fifo(path)) {
+    if (::mkfifo(path.c_str(), 0666) != 0 && errno != EEXIST) {
         throw DeviceError("Cannot make the FIFO " + path.string() + ": " +
                           std::generic_category().message(errno));
     }
@@ -68,11 +71,16 @@ std::string quoteForShell(const std::string& text) {
 
 void createStandIns(const std::string& directory, bool withFifo, bool force) {
     const fs::path path(directory);
-    if (!force) {
-        refuseExisting({path / "tsio", path / "router"});
-        refuseExisting(withFifo ? std::vector{path / "pktio"} : std::vector<fs::path>{});
+    checkTarget(path / "tsio", fs::file_type::regular, force);
+    checkTarget(path / "router", fs::file_type::regular, force);
+    if (withFifo) {
+        checkTarget(path / "pktio", fs::file_type::fifo, force);
     }
-    fs::create_directories(path);
+    std::error_code error;
+    fs::create_directories(path, error);
+    if (error) {
+        throw DeviceError("Cannot create directory \"" + directory + "\": " + error.message());
+    }
     createTables(path / "tsio", TSIO_SIZE);
     createTables(path / "router", ROUTER_SIZE);
     if (withFifo) {
