@@ -36,11 +36,12 @@ std::vector<IpInEntry> InputTable::list() const {
 void InputTable::add(const IpInEntry& input) {
     for (const IpInEntry& row : list()) {
         if (isSameInput(row, input)) {
-            throw UsageError(inputUri(row) + " is there already, with TSIIDX " +
+            throw UsageError(buildInputUri(row) + " is there already, with TSIIDX " +
                              std::to_string(row.getTSIIDX()));
         }
         if (row.getTSIIDX() == input.getTSIIDX()) {
-            throw UsageError("TSIIDX " + std::to_string(row.getTSIIDX()) + " is taken by " + inputUri(row));
+            throw UsageError("TSIIDX " + std::to_string(row.getTSIIDX()) + " is taken by " +
+                             buildInputUri(row));
         }
     }
     if (std::ranges::all_of(m_Rows, &IpInEntry::isEnabled)) {
@@ -59,7 +60,7 @@ void InputTable::remove(const IpInEntry& input) {
         }
     }
     if (!isFound) {
-        throw UsageError("There is no input " + inputUri(input));
+        throw UsageError("There is no input " + buildInputUri(input));
     }
     putInOrder();
 }

@@ -21,16 +21,6 @@ constexpr std::int32_t NO_PORT = -1;  // left out, or too large
 
 }  // namespace
 
-std::string inputUri(const IpInEntry& input) {
-    CppUtil::UriAuthority authority;
-    authority.setHost(input.getIp().toString());
-    authority.setPort(static_cast<std::uint16_t>(input.getUdpPort()));
-    CppUtil::Uri uri;
-    uri.setScheme("udp");
-    uri.setAuthority(authority);
-    return uri.toString();
-}
-
 IpInEntry parseInputUri(const std::string& text) {
     const std::string refusal = "\"" + text + "\" is not the URI of an input: ";
     try {
@@ -38,7 +28,7 @@ IpInEntry parseInputUri(const std::string& text) {
         const std::int32_t port = authority.getPort();
         IpInEntry input(0, CppUtil::IpAdrContainer(authority.getHost()),
                         port == NO_PORT ? 0 : static_cast<std::uint32_t>(port));
-        const std::string canonical = inputUri(input);
+        const std::string canonical = buildInputUri(input);
         if (text == canonical) {
             return input;
         }
@@ -49,13 +39,15 @@ IpInEntry parseInputUri(const std::string& text) {
 }
 
 std::string formatInput(const IpInEntry& input) {
-    return fmt::format("{} {}", inputUri(input), input.getTSIIDX());
+    return fmt::format("{} {}", buildInputUri(input), input.getTSIIDX());
 }
 
 std::string formatRoute(const PidLutEntry& route) {
-    return fmt::format("{} 0x{:04x}{}{} --pididx {} --filter {}", route.getTSIIDX(), route.getPID(),
-                       route.isOutRoute() ? " --out" : "", route.isCpuRoute() ? "" : " --no-cpu",
-                       route.getPIDIDX(), route.getFiltTabIDX());
+    // `add` refuses PIDIDX 0, which only a row of other software has.
+    const std::string pididx = route.getPIDIDX() == 0 ? "" : fmt::format(" --pididx {}", route.getPIDIDX());
+    return fmt::format("{} 0x{:04x}{}{}{} --filter {}", route.getTSIIDX(), route.getPID(),
+                       route.isOutRoute() ? " --out" : "", route.isCpuRoute() ? "" : " --no-cpu", pididx,
+                       route.getFiltTabIDX());
 }
 
 }  // namespace Vel::Zepctl

@@ -114,7 +114,7 @@ TEST_F(RouteTableTest, RowsOfOtherSoftwareAreKeptWhenTheyHaveARoute) {
     EXPECT_EQ(table.events.take().size(), 2U);
 
     add(route(5, 0));
-    EXPECT_EQ(list(), (Texts{"2 0x0002 --pididx 0 --filter 1", "5 0x0000 --pididx 1 --filter 255",
+    EXPECT_EQ(list(), (Texts{"2 0x0002 --filter 1", "5 0x0000 --pididx 1 --filter 255",
                              "5 0x0001 --out --no-cpu --pididx 4095 --filter 3",
                              "9 0x0001 --pididx 1 --filter 255"}));
     table.monitor.pollLut();

@@ -24,7 +24,7 @@ std::string refusalOf(const std::string& uri) {
 
 TEST(RowTextTest, OnlyTheUriThatTheMonitorsWriteIsTaken) {
     for (const std::string uri : {"udp://239.1.2.3:5000", "udp://239.1.2.3", "udp://10.0.0.1:65535"}) {
-        EXPECT_EQ(inputUri(parseInputUri(uri)), uri);
+        EXPECT_EQ(buildInputUri(parseInputUri(uri)), uri);
         EXPECT_TRUE(parseInputUri(uri).isEnabled());
     }
     using testing::EndsWith;

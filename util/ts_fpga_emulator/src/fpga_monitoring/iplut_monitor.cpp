@@ -1,22 +1,11 @@
 #include "fpga_monitoring/iplut_monitor.h"
 
-#include "vel/cpp_utils/uri/uri.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/decode_rows.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/iplut_diag.h"
 
 namespace Vel::Utils {
 
 using Drivers::Zep::IpInEntry;
-
-std::string buildInputUri(const IpInEntry& entry) {
-    CppUtil::UriAuthority authority;
-    authority.setHost(entry.getIp().toString());
-    authority.setPort(static_cast<std::uint16_t>(entry.getUdpPort()));
-    CppUtil::Uri uri;
-    uri.setScheme("udp");
-    uri.setAuthority(authority);
-    return uri.toString();
-}
 
 std::uint32_t IpLutTable::getControlBit(Drivers::IMemIf& memory) {
     return Drivers::Zep::getIpLutControlBit(memory);

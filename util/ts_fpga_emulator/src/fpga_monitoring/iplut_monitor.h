@@ -3,17 +3,12 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "fpga_monitoring/lut_monitor.h"
 #include "vel/userspace_drivers/drivers/zep/ts/ipinentry.h"
 
 namespace Vel::Utils {
-
-/// The text that names an input: udp, the dotted address and, unless it is 0, the port, as in
-/// udp://239.1.2.3:5000. Operators link files to inputs by it.
-std::string buildInputUri(const Drivers::Zep::IpInEntry& entry);
 
 /// The IP LUT as a monitor sees it: every enabled row is an input.
 struct IpLutTable {

@@ -1,5 +1,6 @@
 #include "vel/userspace_drivers/drivers/zep/ts/ipinentry.h"
 
+#include "vel/cpp_utils/uri/uri.h"
 #include "vel/userspace_drivers/drivers/driver_error.h"
 
 namespace Vel::Drivers::Zep {
@@ -57,6 +58,16 @@ void IpInEntry::clear() {
     setIp(IpAdrContainer(IpLut::ADDRESS.mask()));
     setUdpPort(UDP_PORT_RANGE.max);
     m_Enabled = false;
+}
+
+std::string buildInputUri(const IpInEntry& entry) {
+    CppUtil::UriAuthority authority;
+    authority.setHost(entry.getIp().toString());
+    authority.setPort(static_cast<std::uint16_t>(entry.getUdpPort()));
+    CppUtil::Uri uri;
+    uri.setScheme("udp");
+    uri.setAuthority(authority);
+    return uri.toString();
 }
 
 }  // namespace Vel::Drivers::Zep

@@ -68,4 +68,8 @@ private:
     bool m_Enabled = true;
 };
 
+/// The text that names an input: udp, the dotted address and, unless it is 0, the port, as in
+/// udp://239.1.2.3:5000. Operators link files to inputs by it.
+std::string buildInputUri(const IpInEntry& entry);
+
 }  // namespace Vel::Drivers::Zep
