@@ -2,10 +2,14 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <exception>
 #include <iostream>
+#include <sstream>
+#include <string>
 
 #include "errors.h"
+#include "output.h"
 #include "record_commands.h"
 #include "table_commands.h"
 #include "vel/cpp_utils/error.h"
@@ -13,23 +17,34 @@
 
 namespace {
 
-using Vel::Zepctl::DeviceError;
 using Vel::Zepctl::StreamFault;
 using Vel::Zepctl::UsageError;
 
 enum ExitStatus { DONE = 0, STREAM_FAULTY = 1, WRONG_USE = 2, DEVICE_UNUSABLE = 3 };
 
 int fail(ExitStatus status, const std::exception& error) {
-    std::cerr << "zepctl: " << error.what() << '\n';
+    std::string line = error.what();
+    // What was typed may stand in it: keep it one line, and control sequences from the terminal.
+    std::ranges::replace_if(
+        line, [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
+    std::cerr << "zepctl: " << line << '\n';
     return status;
+}
+
+void runCommand(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);  // runs the command as well
+    } catch (const CLI::Success& success) {
+        std::ostringstream help;
+        app.exit(success, help);
+        Vel::Zepctl::printOutput(help.str());
+    }
 }
 
 int run(CLI::App& app, int argc, char** argv) {
     try {
-        app.parse(argc, argv);  // runs the command as well
+        runCommand(app, argc, argv);
         return DONE;
-    } catch (const CLI::Success& help) {
-        return app.exit(help);
     } catch (const CLI::RequiredError& error) {
         // A mistyped command counts as none at all, so say what was found in its place.
         const std::string rest = CLI::detail::join(app.remaining(true), " ");
@@ -63,14 +78,6 @@ void occupyStandardDescriptors() {
     }
 }
 
-/// Output that got lost is worse than a faulty stream, but says nothing about an error already told.
-int flushOutput(int status) {
-    if (std::cout.flush() || status > STREAM_FAULTY) {
-        return status;
-    }
-    return fail(DEVICE_UNUSABLE, DeviceError("Cannot write to standard output"));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -86,5 +93,5 @@ int main(int argc, char** argv) {
         "         zepctl -r /tmp/zep/router route add 3 0x100");
     Vel::Zepctl::addTableCommands(app);
     Vel::Zepctl::addRecordCommands(app);
-    return flushOutput(run(app, argc, argv));
+    return run(app, argc, argv);
 }

@@ -2,9 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <charconv>
 #include <chrono>
 #include <functional>
-#include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -12,6 +12,7 @@
 #include <string>
 
 #include "errors.h"
+#include "output.h"
 #include "record_check.h"
 #include "record_reader.h"
 #include "record_report.h"
@@ -52,11 +53,10 @@ void check(const std::string& file, bool json) {
     if (json) {
         // A file name may hold bytes that are no UTF-8.
         constexpr auto REPLACE = nlohmann::json::error_handler_t::replace;
-        std::cout << makeJsonReport(reader.getName(), result).dump(2, ' ', false, REPLACE) << '\n';
+        printOutput(makeJsonReport(reader.getName(), result).dump(2, ' ', false, REPLACE) + '\n');
     } else {
-        std::cout << formatReport(reader.getName(), result, Colours::of(STDOUT_FILENO));
+        printOutput(formatReport(reader.getName(), result, Colours::of(STDOUT_FILENO)));
     }
-    std::cout.flush();
     throwIfFaulty(reader.getName(), result.getFaults());
 }
 
@@ -65,26 +65,26 @@ void split(const std::string& file, const std::string& directory) {
     RecordSplit result(directory, reader.getDescriptor());
     readToEnd(reader, [&](auto records) { result.add(records); });
     result.end(reader.getTornBytes());
+    std::string lines;
     for (const TsOutput* output : result.getOutputs()) {
-        std::cout << fmt::format("{}: {}\n", output->getPath(), formatCount(output->getPackets(), "packet"));
+        lines += fmt::format("{}: {}\n", output->getPath(), formatCount(output->getPackets(), "packet"));
     }
     if (result.getRecords() == 0) {
-        std::cout << reader.getName() << " is empty: no record, no file\n";
+        lines += reader.getName() + " is empty: no record, no file\n";
     }
-    std::cout.flush();
+    printOutput(lines);
     throwIfFaulty(reader.getName(), result.getFaults());
 }
 
-void watch(const std::string& file, std::optional<double> seconds) {
-    if (!seconds) {
-        watchRecords(file, std::nullopt);
-        return;
+std::chrono::duration<double> parseDuration(const std::string& text) {
+    const char* end = text.data() + text.size();
+    double seconds = 0;
+    const auto [stop, error] = std::from_chars(text.data(), end, seconds);
+    if (error != std::errc{} || stop != end || !(seconds > 0 && seconds <= MAX_WATCH_SECONDS)) {
+        throw UsageError(fmt::format("--for \"{}\" is not a number of seconds above 0, up to {}", text,
+                                     MAX_WATCH_SECONDS));
     }
-    if (!(*seconds > 0 && *seconds <= MAX_WATCH_SECONDS)) {
-        throw UsageError(
-            fmt::format("--for {}: more than 0, at most {} seconds", *seconds, MAX_WATCH_SECONDS));
-    }
-    watchRecords(file, std::chrono::duration<double>(*seconds));
+    return std::chrono::duration<double>(seconds);
 }
 
 void addCheck(CLI::App& records) {
@@ -136,13 +136,15 @@ Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)"
 void addWatch(CLI::App& records) {
     struct Arguments {
         std::string file;
-        std::optional<double> seconds;
+        std::optional<std::chrono::duration<double>> duration;
     };
     const auto arguments = std::make_shared<Arguments>();
     CLI::App* command = records.add_subcommand("watch", "Show live what arrives, by input");
     command->add_option("FILE", arguments->file, "FIFO, growing file or device, or - for standard input")
         ->required();
-    command->add_option("--for", arguments->seconds, "end after so many seconds")->type_name("SECONDS");
+    const auto parse = [arguments](const std::string& text) { arguments->duration = parseDuration(text); };
+    command->add_option_function<std::string>("--for", parse, "end after so many seconds")
+        ->type_name("SECONDS");
     command->footer(
         R"(Shows the rate over the latest two seconds and over all, and the drift: how much later
 (+) or earlier (-) than their PCRs say packets arrive, since the first two seconds, in ms and as
@@ -153,7 +155,7 @@ Without a terminal, a line an input and second is printed.
 Ends with Ctrl-C, or when the last writer of a FIFO has left; waits for the first one.
 
 Example: zepctl records watch pktio --for 60)");
-    command->callback([arguments] { watch(arguments->file, arguments->seconds); });
+    command->callback([arguments] { watchRecords(arguments->file, arguments->duration); });
 }
 
 }  // namespace

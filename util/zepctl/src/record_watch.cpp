@@ -9,6 +9,7 @@
 #include <iostream>
 #include <memory>
 
+#include "output.h"
 #include "record_reader.h"
 #include "record_watch_model.h"
 #include "record_watch_view.h"
@@ -56,17 +57,10 @@ private:
     RecordDescriptor m_Pending;
 };
 
-void print(const std::string& text) {
-    errno = 0;
-    if (!(std::cout << text << std::flush)) {
-        throw systemError("Cannot write to standard output");
-    }
-}
-
 /// The terminal's second screen, with the cursor hidden; what stood on the first one comes back with the end.
 class Screen {
 public:
-    Screen() { print("\x1b[?1049h\x1b[?25l"); }
+    Screen() { printOutput("\x1b[?1049h\x1b[?25l"); }
     ~Screen() { std::cout << "\x1b[?25h\x1b[?1049l" << std::flush; }
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
@@ -77,7 +71,7 @@ public:
         for (std::size_t i = 0; i < lines.size(); ++i) {
             text += (i == 0 ? "" : "\r\n") + lines[i] + "\x1b[K";
         }
-        print(text + "\x1b[J");
+        printOutput(text + "\x1b[J");
     }
 
 private:
@@ -98,7 +92,7 @@ public:
         auto nextDrawing = screen ? m_Start : m_Start + interval;
         while (waitUntil(std::min(nextDrawing, m_End)) && takeRecords() && Clock::now() < m_End) {
             if (const auto now = Clock::now(); now >= nextDrawing) {
-                screen ? screen->draw(makeFrame(now)) : print(formatWatchLines(makeFrame(now)));
+                screen ? screen->draw(makeFrame(now)) : printOutput(formatWatchLines(makeFrame(now)));
                 nextDrawing = std::max(nextDrawing + interval, now);
             }
         }
@@ -159,7 +153,7 @@ private:
 
 void watchRecords(const std::string& path, std::optional<std::chrono::duration<double>> duration) {
     const WatchFrame frame = RecordWatch(path, duration).run();
-    print(formatWatchSummary(frame));
+    printOutput(formatWatchSummary(frame));
 }
 
 }  // namespace Vel::Zepctl

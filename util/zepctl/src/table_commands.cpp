@@ -1,16 +1,17 @@
 #include "table_commands.h"
 
 #include <cstdint>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
+#include "errors.h"
 #include "input_table.h"
 #include "locked_device.h"
 #include "number.h"
+#include "output.h"
 #include "route_table.h"
 #include "row_text.h"
 #include "stand_in.h"
@@ -41,7 +42,7 @@ CLI::Option* addNumber(CLI::App& command, const std::string& name, Number& numbe
     };
     return command
         .add_option_function<std::string>(
-            name, parse, help + ", " + std::to_string(range.min) + " to " + std::to_string(range.max))
+            name, parse, std::to_string(range.min) + " to " + std::to_string(range.max) + ": " + help)
         ->type_name("N");
 }
 
@@ -64,7 +65,7 @@ void addCreate(CLI::App& app) {
         "Prints the command line of an emulator that uses the files.\n\nExample: zepctl create /tmp/zep");
     create->callback([arguments] {
         createStandIns(arguments->directory, arguments->withFifo, arguments->force);
-        std::cout << standInCommandLine(arguments->directory) << '\n';
+        printOutput(standInCommandLine(arguments->directory) + '\n');
     });
 }
 
@@ -105,9 +106,11 @@ void addInputList(CLI::App& input, const SharedDevices& devices) {
     list->footer("Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list");
     list->callback([devices] {
         const auto inputs = InputTable(LockedDevice(devices->tsio).memory()).list();
+        std::string lines;
         for (const Zep::IpInEntry& row : inputs) {
-            std::cout << formatInput(row) << '\n';
+            lines += formatInput(row) + '\n';
         }
+        printOutput(lines);
     });
 }
 
@@ -142,6 +145,9 @@ void addRouteAdd(CLI::App& route, const SharedDevices& devices) {
     add->footer(
         "Example: zepctl route add 3 0x100\n         zepctl route add 3 256 --out --no-cpu --pididx 7");
     add->callback([arguments, devices] {
+        if (arguments->notToCpu && !arguments->toOutput) {
+            throw UsageError("--no-cpu needs --out: a route needs the CPU route, the out route or both");
+        }
         LockedDevice device(devices->router);
         RouteTable table(device.memory());
         const std::uint32_t pididx = arguments->pididx ? *arguments->pididx : table.findFreePididx();
@@ -171,9 +177,11 @@ void addRouteList(CLI::App& route, const SharedDevices& devices) {
     list->footer("Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list");
     list->callback([devices] {
         const auto routes = RouteTable(LockedDevice(devices->router).memory()).list();
+        std::string lines;
         for (const Zep::PidLutEntry& row : routes) {
-            std::cout << formatRoute(row) << '\n';
+            lines += formatRoute(row) + '\n';
         }
+        printOutput(lines);
     });
 }
 
@@ -221,15 +229,17 @@ void addDump(CLI::App& app, const SharedDevices& devices) {
     addNumber(*dump, "--count", arguments->range.count, ROWS, "number of rows, by default all that follow");
     addNumber(*dump, "--bank", arguments->range.bank, {0, 1},
               "the bank in use (0) or the other (1), by default the one in use");
-    dump->add_flag("--all", arguments->range.includeAll, "print rows that are not in use as well");
+    dump->add_flag("--all", arguments->range.includeAll, "print the other rows as well");
     dump->footer(
+        "Of pidlut and physinmap, rows that are not cleared count as in use; a row of zeros is not "
+        "cleared.\n\n"
         "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1");
     dump->callback([arguments, devices] {
         const Device& device = isTsioTable(arguments->table) ? devices->tsio : devices->router;
         // Printed when the lock is free again: who reads the output may take his time.
         const std::string lines =
             dumpTable(arguments->table, LockedDevice(device).memory(), arguments->range);
-        std::cout << lines;
+        printOutput(lines);
     });
 }
 
@@ -255,12 +265,14 @@ void addPorts(CLI::App& app) {
         std::map<std::uint32_t, std::string> outputs;
         collectPorts(outputs, "modulator", Zep::getModulatorPhysOutIdx);
         collectPorts(outputs, "cam", Zep::getCamPhysOutIdx);
+        std::string lines;
         for (const auto& [index, name] : inputs) {
-            std::cout << "input " << index << ' ' << name << '\n';
+            lines += "input " + std::to_string(index) + ' ' + name + '\n';
         }
         for (const auto& [index, name] : outputs) {
-            std::cout << "output " << index << ' ' << name << '\n';
+            lines += "output " + std::to_string(index) + ' ' + name + '\n';
         }
+        printOutput(lines);
     });
 }
 

@@ -62,8 +62,11 @@ bool isTsioTable(const std::string& tableName) {
 std::string dumpTable(const std::string& tableName, Drivers::IMemIf& memory, const DumpRange& range) {
     const DumpSpec& spec = findDump(tableName);
     const std::uint32_t first = range.first.value_or(spec.first);
-    // One row where there is none left, for the table to refuse.
-    const std::uint32_t count = range.count.value_or(first < spec.rows ? spec.rows - first : 1);
+    if (first >= spec.rows) {
+        throw UsageError("--first " + std::to_string(first) + " is no row of the table " + tableName +
+                         ", whose last is " + std::to_string(spec.rows - 1));
+    }
+    const std::uint32_t count = range.count.value_or(spec.rows - first);
     std::ostringstream lines;
     if (const auto* banked = std::get_if<BankedDump>(&spec.dump)) {
         (*banked)(memory, first, count, range.bank.value_or(0), range.includeAll, lines);

@@ -155,6 +155,7 @@ TEST_F(ProgramTest, ErrorsAreOneLineAndHaveTheirExitStatus) {
     } cases[] = {
         {"", 2, "required"},
         {"inptu list", 2, "inptu"},
+        {"\"$(printf '\\033[2J\\nlist')\"", 2, "?[2J?list"},
         {"input", 2, "required"},
         {"dump iplutt", 2, "iplutt"},
         {"input list more", 2, "more"},
@@ -166,10 +167,10 @@ TEST_F(ProgramTest, ErrorsAreOneLineAndHaveTheirExitStatus) {
         {"route add 3 -1", 2, "-1"},
         {"route add 3 1 --pididx 0", 2, "--pididx \"0\" is not a number from 1 to 4095"},
         {"route add 3 1 --filter 256", 2, "0 to 255"},
-        {"route add 3 1 --no-cpu", 2, "needs the CPU route, the out route or both"},
+        {"route add 3 1 --no-cpu", 2, "--no-cpu needs --out"},
         {"route add 3 0x100 --out", 2, "3 0x0100 --pididx 1 --filter 255"},
         {"route remove 3 1", 2, "There is no route for TSIIDX 3, PID 0x0001"},
-        {"dump iplut --first 256", 2, "size (256)"},
+        {"dump iplut --first 256", 2, "--first 256 is no row of the table iplut, whose last is 255"},
         {"dump iplut --first 200 --count 57", 2, "Offset (200) and count (57)"},
         {"dump opidmap --first 0", 2, "reserved"},
         {"dump tsimap --bank 1", 2, "has no banks"},
@@ -178,6 +179,7 @@ TEST_F(ProgramTest, ErrorsAreOneLineAndHaveTheirExitStatus) {
         {"-t /dev/null input list", 3, "/dev/null"},
         {"-r /dev/null clear", 3, "/dev/null"},
         {"create /dev/null/zep", 3, "/dev/null/zep"},
+        {"create ''", 3, "Cannot create directory \"\": "},
     };
     const std::string tsio = contentOf(path("zep/tsio"));
     const std::string router = contentOf(path("zep/router"));
@@ -196,10 +198,13 @@ TEST_F(ProgramTest, ErrorsAreOneLineAndHaveTheirExitStatus) {
 TEST_F(ProgramTest, OutputThatIsLostIsAnErrorAndNeverGoesIntoATable) {
     outputOf("input add udp://239.1.2.3:5000 3");
     const std::string tsio = contentOf(path("zep/tsio"));
-    for (const std::string arguments : {"input list", "dump pidlut --all", "--help"}) {
+    const std::string faulty = path("zep/tsio");  // no whole number of records
+    for (const std::string& arguments : {std::string("input list"), std::string("dump pidlut --all"),
+                                         "records check " + faulty, std::string("--help")}) {
         const Outcome outcome = run(arguments + " >/dev/full");
         EXPECT_EQ(outcome.status, 3) << arguments;
-        EXPECT_EQ(outcome.errors, "zepctl: Cannot write to standard output\n") << arguments;
+        EXPECT_EQ(outcome.errors, "zepctl: Cannot write to standard output: No space left on device\n")
+            << arguments;
     }
     EXPECT_EQ(run("input list <&- >&- 2>&-").status, 3);
     EXPECT_EQ(run("input add udp://239.1.2.3:5000 3 <&- >&- 2>&-").status, 2);
@@ -223,9 +228,17 @@ TEST_F(ProgramTest, CreateMakesEmptyTablesAndPrintsHowToUseThem) {
     outputOf("create --fifo --force \"" + zep + "\"");
     EXPECT_TRUE(fs::exists(zep + "/router"));
 
+    const std::string forced = "create --fifo --force \"" + zep + "\"";
+    std::ofstream(zep + "/tsio") << "mine";
+    fs::remove(zep + "/pktio");
+    std::ofstream(zep + "/pktio") << "records";
+    const Outcome noFifo = run(forced);
+    EXPECT_EQ(noFifo.status, 3);
+    EXPECT_EQ(noFifo.errors, "zepctl: " + zep + "/pktio exists already and is no FIFO; remove it\n");
+    EXPECT_EQ(contentOf(zep + "/tsio"), "mine");
     fs::remove(zep + "/tsio");
     fs::create_directory(zep + "/tsio");
-    EXPECT_EQ(run("create --force \"" + zep + "\"").status, 3);
+    EXPECT_EQ(run(forced).status, 3);
 }
 
 TEST_F(ProgramTest, ForceEmptiesAMappedTableInPlaceAndNeverShortensIt) {
