@@ -49,7 +49,8 @@ struct Drift {
 };
 
 /// Compares the time at which PCRs arrive with the time that they tell. Within a burst, the PCRs run ahead of
-/// their arrival, and a busy machine takes some of them late; the earliest PCR of each second, that is the
+/// their arrival, and a busy machine takes some of them late; the earliest PCR of each window of two seconds,
+/// that is the
 /// end of a burst, is the one to compare with those of other windows. Reentrant.
 class ArrivalDrift {
 public:

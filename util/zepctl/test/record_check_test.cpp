@@ -54,6 +54,9 @@ INSTANTIATE_TEST_SUITE_P(
                        1},
         ContinuityCase{
             "a new start that is announced", {{.counter = 1}, {.counter = 9, .discontinuity = true}}, 0},
+        ContinuityCase{"but not in an adaptation field that does not fit",
+                       {{.counter = 1}, {.counter = 9, .discontinuity = true, .adaptationLength = 184}},
+                       1},
         ContinuityCase{
             "goes on from there", {{.counter = 1}, {.counter = 9, .discontinuity = true}, {.counter = 2}}, 1},
         ContinuityCase{"null packets have no counter",

@@ -23,6 +23,7 @@ struct TestRecord {
     std::uint32_t counter = 0;
     bool payload = true;
     bool discontinuity = false;
+    std::uint8_t adaptationLength = 7;  // where there is an adaptation field
     bool transportError = false;
     bool scrambled = false;
     std::optional<std::uint64_t> pcr = std::nullopt;  // 27 MHz ticks
@@ -40,7 +41,7 @@ struct TestRecord {
         b[3] = static_cast<std::uint8_t>((scrambled ? 0x80 : 0) | (adaptation ? 0x20 : 0) |
                                          (payload ? 0x10 : 0) | counter);
         if (adaptation) {
-            b[4] = 7;
+            b[4] = adaptationLength;
             b[5] = static_cast<std::uint8_t>((discontinuity ? 0x80 : 0) | (pcr ? 0x10 : 0));
             const std::uint64_t base = pcr.value_or(0) / Ts::PCR_TICKS_PER_BASE;
             const std::uint64_t extension = pcr.value_or(0) % Ts::PCR_TICKS_PER_BASE;
