@@ -158,9 +158,7 @@ std::vector<std::string> splitAtBlanks(const std::string& text) {
     return tokens;
 }
 
-}  // namespace
-
-cxxopts::Options declareOptions() {
+cxxopts::Options declare(bool withImplicitValues) {
     cxxopts::Options options(PROGRAM_NAME, DESCRIPTION);
     auto add = options.add_options();
     for (const OptionSpec& option : OPTIONS) {
@@ -173,17 +171,27 @@ cxxopts::Options declareOptions() {
         if (option.defaultValue != nullptr) {
             value->default_value(option.defaultValue);
         }
+        if (withImplicitValues && option.implicitValue != nullptr) {
+            value->implicit_value(option.implicitValue);
+        }
         add(std::string(1, option.shortName) + "," + std::string(option.longName), option.help, value);
     }
     return options;
 }
 
-cxxopts::ParseResult parseArguments(cxxopts::Options& options, int argc, const char* const* argv) {
+}  // namespace
+
+cxxopts::Options declareOptions() {
+    return declare(true);
+}
+
+/// Every value is an argument of its own by now, so the parser gets options whose value may not be left out.
+cxxopts::ParseResult parseArguments(int argc, const char* const* argv) {
     const std::vector<std::string> arguments = ArgumentSeparator(argc, argv).separate();
     std::vector<const char*> pointers;
     std::transform(arguments.begin(), arguments.end(), std::back_inserter(pointers),
                    [](const std::string& argument) { return argument.c_str(); });
-    return options.parse(static_cast<int>(pointers.size()), pointers.data());
+    return declare(false).parse(static_cast<int>(pointers.size()), pointers.data());
 }
 
 UriFileList parseUriFilePairs(const std::vector<std::string>& pairs) {

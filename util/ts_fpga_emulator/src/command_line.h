@@ -23,13 +23,13 @@ struct Settings {
     StreamMode streamMode = StreamMode::MaxRate;
 };
 
-/// The parser with the program's options.
+/// The program's options, for the help text.
 cxxopts::Options declareOptions();
 
-/// Parses the process arguments. Beyond what the library does by itself, an option whose value may be left
-/// out takes the next argument as its value unless that is missing or begins with "-".
+/// Parses the process arguments. An option whose value may be left out takes the next argument as its value
+/// unless that is missing or begins with "-"; the library alone would take a value for it only behind "=".
 /// @throws cxxopts::exceptions::exception for anything that the options do not allow
-cxxopts::ParseResult parseArguments(cxxopts::Options& options, int argc, const char* const* argv);
+cxxopts::ParseResult parseArguments(int argc, const char* const* argv);
 
 /// Reads the "URI PATH" pairs, in their order.
 /// @throws CppUtil::InitializationError for a pair that is not two texts with one blank between, or a

@@ -28,8 +28,10 @@ class ApplicationOwner {
 public:
     ~ApplicationOwner() {
         std::unique_lock lock(m_ApplicationLock);
-        const auto application = std::move(m_Application);
+        auto application = std::move(m_Application);
         lock.unlock();
+        application.reset();
+        limitRestOfExit();
     }
 
     /// The lock is held throughout, so a signal that comes early is handled as soon as the application is
@@ -40,7 +42,10 @@ public:
         m_Application = std::make_unique<ZEPTFEMApplication>(argc, argv, m_Stop);
     }
 
-    int run() { return m_Application->doApplication(); }
+    int run() {
+        m_ExitStatus = m_Application->doApplication();
+        return m_ExitStatus;
+    }
 
 private:
     void onSignal(int signal) {
@@ -51,6 +56,15 @@ private:
         }
     }
 
+    /// What is left is the log's queue, and a pipe that nobody empties must not hold the end up. Nothing that
+    /// matters is lost when it does.
+    static void limitRestOfExit() {
+        constexpr unsigned PATIENCE_SECONDS = 1;
+        std::signal(SIGALRM, [](int) { ::_exit(m_ExitStatus); });
+        ::alarm(PATIENCE_SECONDS);
+    }
+
+    static inline volatile std::sig_atomic_t m_ExitStatus = EXIT_SETUP_FAILED;
     std::stop_source m_Stop;
     std::mutex m_ApplicationLock;
     std::unique_ptr<ZEPTFEMApplication> m_Application;  // guarded by m_ApplicationLock

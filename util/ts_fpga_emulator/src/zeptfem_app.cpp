@@ -1,7 +1,12 @@
 #include "zeptfem_app.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <csignal>
+#include <filesystem>
 #include <iostream>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -18,17 +23,37 @@ constexpr std::uint32_t TSIO_MAPPING_SIZE = 16 * 1024;     // bytes
 constexpr std::uint32_t ROUTER_MAPPING_SIZE = 128 * 1024;  // bytes
 constexpr std::uint32_t MAPPING_OFFSET = 0;
 
+/// Whether a write will not wait for long: a pipe that nobody empties, a stopped terminal, must not keep the
+/// program from ending.
+bool isWritable(int descriptor) {
+    constexpr int PATIENCE_MS = 100;
+    pollfd status{descriptor, POLLOUT, 0};
+    return ::poll(&status, 1, PATIENCE_MS) > 0;
+}
+
+/// Opening a plain file as data device truncates it: a mistyped path must not cost the table.
+void requireOtherFile(const std::string& dataDevice, const std::string& controlDevice) {
+    std::error_code ignored;
+    if (std::filesystem::is_regular_file(dataDevice, ignored) &&
+        std::filesystem::equivalent(dataDevice, controlDevice, ignored)) {
+        throw CppUtil::InvalidArgumentError("The data device \"" + dataDevice +
+                                                "\" is the control device \"" + controlDevice +
+                                                "\" and would be emptied.",
+                                            __FILE__, __LINE__);
+    }
+}
+
 }  // namespace
 
 ZEPTFEMApplication::ZEPTFEMApplication(int argc, const char* const* argv, std::stop_source stop)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())), m_Stop(std::move(stop)) {
-    cxxopts::Options options = declareOptions();
+    const cxxopts::Options options = declareOptions();
     const auto reportError = [&](const std::exception& e) {
         std::cerr << e.what() << std::endl;
         printHelp(options, std::cerr);
     };
     try {
-        const cxxopts::ParseResult parsed = parseArguments(options, argc, argv);
+        const cxxopts::ParseResult parsed = parseArguments(argc, argv);
         if (parsed.count("help") > 0) {
             printHelp(options, std::cout);
         } else {
@@ -52,18 +77,20 @@ ZEPTFEMApplication::~ZEPTFEMApplication() {
 }
 
 std::int32_t ZEPTFEMApplication::doApplication() {
-    const bool nothingWasSetUp = m_FPGAMonitor == nullptr;
+    std::unique_lock lock(m_ExitMutex);
+    const bool nothingWasSetUp = m_ExitSignaled && !m_FPGAMonitor;
     if (nothingWasSetUp) {
         return 0;
     }
-    std::unique_lock lock(m_ExitMutex);
     m_ExitCondition.wait(lock, [this] { return m_ExitSignaled; });
     Log::info(*m_Logger, "Application exit has been signaled...");
     return 0;
 }
 
 void ZEPTFEMApplication::handleSignal(int signal) {
-    std::cerr << "\nReceived signal " << (signal == SIGINT ? "SIGINT" : "SIGTERM") << std::endl;
+    if (isWritable(STDERR_FILENO)) {
+        std::cerr << "\nReceived signal " << (signal == SIGINT ? "SIGINT" : "SIGTERM") << std::endl;
+    }
     const std::lock_guard lock(m_ExitMutex);
     m_ExitSignaled = true;
     m_ExitCondition.notify_one();
@@ -80,6 +107,8 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
 
     auto tsio = std::make_shared<Pci::PciIf>(settings.tsioDevice, TSIO_MAPPING_SIZE, MAPPING_OFFSET);
     auto router = std::make_shared<Pci::PciIf>(settings.routerDevice, ROUTER_MAPPING_SIZE, MAPPING_OFFSET);
+    requireOtherFile(settings.pktioDataDevice, settings.tsioDevice);
+    requireOtherFile(settings.pktioDataDevice, settings.routerDevice);
     m_PacketDispatcher = std::make_unique<PacketDispatcher>(settings.pktioDataDevice, stop);
     m_PktioStreamManager =
         std::make_unique<PktioStreamManager>(*m_PacketDispatcher, settings.streamMode, settings.files, stop);
@@ -104,6 +133,7 @@ void ZEPTFEMApplication::logSettings(const Settings& settings) const {
 
 void ZEPTFEMApplication::printHelp(const cxxopts::Options& options, std::ostream& out) {
     out << options.help() << std::endl;
+    m_ExitSignaled = true;
 }
 
 }  // namespace Vel::Utils

@@ -44,12 +44,12 @@ public:
 private:
     void setupApplication(const cxxopts::ParseResult& options);
     void logSettings(const Settings& settings) const;
-    static void printHelp(const cxxopts::Options& options, std::ostream& out);
+    void printHelp(const cxxopts::Options& options, std::ostream& out);
 
     std::shared_ptr<spdlog::logger> m_Logger;
     std::mutex m_ExitMutex;
     std::condition_variable m_ExitCondition;
-    bool m_ExitSignaled = false;  // guarded by m_ExitMutex
+    bool m_ExitSignaled = false;  // guarded by m_ExitMutex once the constructor has returned
     std::stop_source m_Stop;
     // Each one uses those before it, so they are declared in the order of their creation.
     std::unique_ptr<PacketDispatcher> m_PacketDispatcher;

@@ -188,6 +188,13 @@ TEST_F(EmulatorTest, AControlDeviceThatCannotBeUsedEndsTheStartWithStatus1) {
     }
     EXPECT_FALSE(std::filesystem::exists(data)) << "the data device was opened";
 
+    data = tsio.path();
+    ASSERT_EQ(::truncate(router.path().c_str(), ROUTER_SIZE), 0);
+    start(link(1, {}));
+    EXPECT_EQ(emulator->wait(), 1);
+    EXPECT_NE(emulator->err().find("would be emptied"), std::string::npos) << emulator->err();
+    EXPECT_EQ(std::filesystem::file_size(tsio.path()), TSIO_SIZE);
+
     emulator = std::make_unique<Program>(
         ZEPTFEM_PROGRAM, std::vector<std::string>{"-t", "/nonexistent/tsio", "-f", "udp://1.2.3.4 x.ts"});
     EXPECT_EQ(emulator->wait(), 1);
@@ -273,6 +280,44 @@ TEST_F(EmulatorTest, ALogReaderThatLeavesDoesNotEndTheProgram) {
     setRoute(0, 3, 0x100);
     ASSERT_TRUE(waitForRecords(1000 * 192));
     EXPECT_EQ(emulator->terminate(), 0);
+}
+
+/// `zeptfem | less`, or a terminal that was stopped: nobody empties the pipe, and still the program can be
+/// ended.
+TEST_F(EmulatorTest, APipeThatNobodyEmptiesHoldsUpNeitherStreamsNorTheEnd) {
+    for (const int descriptor : {STDOUT_FILENO, STDERR_FILENO}) {
+        int ends[2];
+        ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+        const std::string filling(4096, 'x');
+        while (::write(ends[1], filling.data(), filling.size()) > 0) {
+        }
+        ASSERT_EQ(::fcntl(ends[1], F_SETFL, 0), 0);
+        startAndWait(link(1, makeStream({0x100}, 1000)), [&] { ::dup2(ends[1], descriptor); });
+        setInput(0, 1, 3);
+        setRoute(0, 3, 0x100);
+        EXPECT_TRUE(waitForRecords(1000 * 192));
+        EXPECT_EQ(emulator->terminate(std::chrono::seconds(SANITIZED ? 10 : 3)), 0) << descriptor;
+        clearInput(0);
+        clearRoute(0);
+        std::filesystem::remove(data);
+        ::close(ends[0]);
+        ::close(ends[1]);
+    }
+}
+
+/// The last packet of a file lets a paced stream release what it holds. A file that ends within a packet has
+/// none.
+TEST_F(EmulatorTest, APacedFileThatEndsWithinAPacketTellsWhatItDrops) {
+    Bytes torn = makeStream({0x100}, 100, 27000);
+    torn.resize(torn.size() + 50, 0x47);
+    startAndWait(link(1, torn) + std::vector<std::string>{"-m"});
+    setInput(0, 1, 3);
+    setRoute(0, 3, 0x100);
+    EXPECT_TRUE(
+        emulator->waitForLog("[warning] " + (folder / "1.ts").string() +
+                             " ends within a packet: the 100 packets that TSIIDX 3 still held are dropped"));
+    EXPECT_EQ(emulator->terminate(), 0);
+    EXPECT_EQ(records().size(), 0U);
 }
 
 /// A live feed: a FIFO as transport stream file.

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <map>
+#include <string>
 #include <thread>
 
 #include "emulator.h"
@@ -91,42 +93,39 @@ TEST_F(EmulatorTest, AFlippedBankReplacesAllRoutesAtOnce) {
     EXPECT_EQ(emulator->countLog("[info] Detected removed CPU route"), 1U);
 }
 
-/// A writer that moves the same routes between two lay-outs without pause: half-written tables are seen by a
-/// reader that looks once, and must not become events. Each lay-out is complete on its own only when the
-/// writer has passed.
-TEST_F(EmulatorTest, ATableThatIsRewrittenWhileItIsReadYieldsNoFalseEvents) {
+/// A writer that never pauses keeps a reader from two equal looks; when it stops, what it left is served.
+TEST_F(EmulatorTest, ATableThatIsRewrittenWithoutPauseIsServedOnceItHoldsStill) {
     constexpr std::uint32_t ROUTES = 400;
     startAndWait(link(1, {}));
-    for (std::uint32_t row = 0; row < ROUTES; ++row) {
-        setRoute(row, 1, row);
-    }
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 399 from TSIIDX 1"));
     std::atomic<bool> stop = false;
     std::thread writer([&] {
         for (std::uint32_t round = 0; !stop; ++round) {
             for (std::uint32_t row = 0; row < ROUTES; ++row) {
-                router[8192 + 2 * row + 1] = (round % 2 == 0 ? 7U : 255U) << 24 | CPU_ROUTE | (row + 1);
+                setRoute(row, 1, row + round % 1000);
             }
         }
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     stop = true;
     writer.join();
-    setRoute(ROUTES, 1, 8000);
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 8000 from TSIIDX 1"));
-    EXPECT_EQ(emulator->terminate(), 0);
-    // Routes only ever go together with their return: never a PID that was not written, never one lost.
-    for (const std::string& line : emulator->log()) {
-        if (line.starts_with("[info] Detected") && line.find("TSIIDX 255") == std::string::npos) {
-            EXPECT_NE(line.find("from TSIIDX 1"), std::string::npos) << line;
+    for (std::uint32_t row = 0; row < ROUTES; ++row) {
+        setRoute(row, 1, row);
+    }
+    std::map<std::string, int> routed;
+    const auto isServed = [&] {
+        routed.clear();
+        for (const std::string& line : emulator->log()) {
+            const std::size_t pid = line.find("PID ");
+            if (pid != std::string::npos) {
+                routed[line.substr(pid)] += line.find("added") != std::string::npos ? 1 : -1;
+            }
         }
-    }
-    for (const std::uint32_t pid : {0U, 123U, 399U}) {
-        const std::string route = " CPU route of PID " + std::to_string(pid) + " from TSIIDX 1";
-        EXPECT_EQ(emulator->countLog("[info] Detected added" + route),
-                  emulator->countLog("[info] Detected removed" + route) + 1)
-            << pid;
-    }
+        std::erase_if(routed, [](const auto& route) { return route.second == 0; });
+        return routed.size() == ROUTES && routed.contains("PID 0 from TSIIDX 1") &&
+               routed.contains("PID 399 from TSIIDX 1");
+    };
+    EXPECT_TRUE(eventually(isServed)) << routed.size();
+    EXPECT_EQ(emulator->terminate(), 0);
 }
 
 TEST_F(EmulatorTest, PacedByPcrAFileTakesItsTimeAndArrivesWhole) {

@@ -28,8 +28,7 @@ cxxopts::ParseResult parse(const std::string& text) {
     }
     std::vector<const char*> argv;
     std::ranges::transform(arguments, std::back_inserter(argv), &std::string::c_str);
-    cxxopts::Options options = declareOptions();
-    return parseArguments(options, static_cast<int>(argv.size()), argv.data());
+    return parseArguments(static_cast<int>(argv.size()), argv.data());
 }
 
 Settings settingsOf(const std::string& arguments) {
@@ -139,6 +138,7 @@ TEST(CommandLine, HelpNamesTheProgramEveryOptionAndItsDefault) {
         EXPECT_THAT(help, HasSubstr("-" + option.s + ", --" + option.l.front()));
         EXPECT_THAT(help, HasSubstr(words(option.desc)));
         EXPECT_THAT(help, HasSubstr(option.default_value));
+        EXPECT_THAT(help, HasSubstr(option.implicit_value));
     }
 }
 

@@ -17,7 +17,9 @@ namespace IpLut = Drivers::Zep::IpLut;
 namespace PidLut = Drivers::Zep::PidLut;
 using Drivers::Zep::IpInEntry;
 using Drivers::Zep::PidLutEntry;
+using testing::AllOf;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
@@ -33,6 +35,10 @@ struct TableCase {
     std::function<void(TableMemory&, std::uint32_t index, std::uint32_t version, bool used)> write;
     std::function<std::string(std::uint32_t index, std::uint32_t version)> event;
 };
+
+std::ostream& operator<<(std::ostream& out, const TableCase& table) {
+    return out << table.name;
+}
 
 template <typename Monitor>
 std::unique_ptr<LutMonitor> createMonitor(std::shared_ptr<Drivers::IMemIf> memory,
@@ -156,9 +162,7 @@ TEST_P(PidLutMonitorTest, BankFlipPutsTheOtherTableInForce) {
     EXPECT_THAT(poll(), ElementsAre("-256@0", "+257@1"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Tables, LutMonitorTest, testing::Values(IP_LUT, PID_LUT), [](const auto& test) {
-    return test.param.name.substr(0, test.param.name.find(' '));
-});
+INSTANTIATE_TEST_SUITE_P(Tables, LutMonitorTest, testing::Values(IP_LUT, PID_LUT));
 
 TEST_P(LutMonitorTest, SpareBitsAndUnusedRowsAreNoChangeAndDoNotMakeTheTableUnstable) {
     writeTwoRows(5);
@@ -287,7 +291,7 @@ TEST_P(LutMonitorTest, FileTruncatedUnderTheMappingIsNotTakenForAnEmptyTable) {
         std::filesystem::resize_file(path, length);
         for (int i = 0; i < 2; ++i) {
             EXPECT_THAT(thrownText<Pci::PciError>([&] { m_Monitor->pollLut(); }),
-                        StartsWith("PCI Error: Cannot access device memory. Device " + path));
+                        AllOf(StartsWith("PCI Error: "), HasSubstr(path)));
             EXPECT_THAT(m_Consumer.takeEvents(), IsEmpty());
         }
     }

@@ -50,7 +50,7 @@ void FPGAMonitor::monitorThread() noexcept {
 }
 
 /// An error that leaves a poll is told when it appears or changes, not a thousand times a second, and polling
-/// goes on: the device may come back, and the other table is not affected. The last text is kept as a hash,
+/// goes on: the other table is not affected. The last text is kept as a hash,
 /// since memory may be what is missing.
 void FPGAMonitor::pollMonitors() noexcept {
     for (std::size_t i = 0; i < m_LutMonitors.size(); ++i) {

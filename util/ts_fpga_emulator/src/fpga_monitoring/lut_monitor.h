@@ -82,25 +82,29 @@ public:
 private:
     using Rows = typename LutSnapshotReader<Table>::Rows;
 
+    using Events = std::vector<std::unique_ptr<FPGAMonEvent>>;
+
+    /// Makes all events before the first one is delivered: when memory is short, the change as a whole is
+    /// left to the next poll.
     void emitEvents(const Rows& current) {
-        m_Consumer.handleChangeBegin();
+        Events events;
         for (const auto& row : m_CachedLut.second) {
             if (!containsEntry(current, row)) {
-                deliver(Table::makeRemoved(row));
+                events.push_back(Table::makeRemoved(row));
             }
         }
         for (const auto& row : current) {
             if (!containsEntry(m_CachedLut.second, row)) {
-                deliver(Table::makeAdded(row));
+                events.push_back(Table::makeAdded(row));
+            }
+        }
+        m_Consumer.handleChangeBegin();
+        for (auto& event : events) {
+            if (event) {
+                m_Consumer.handleEvent(std::move(event));
             }
         }
         m_Consumer.handleChangeEnd();
-    }
-
-    void deliver(std::unique_ptr<FPGAMonEvent> event) {
-        if (event) {
-            m_Consumer.handleEvent(std::move(event));
-        }
     }
 
     std::stop_token m_Stop;

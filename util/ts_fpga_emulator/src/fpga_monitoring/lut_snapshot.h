@@ -40,7 +40,7 @@ public:
             if (before != between || between != after) {
                 continue;
             }
-            if (m_Words == m_Again && m_Words == m_Accepted) {
+            if (m_HasAccepted && m_Words == m_Again && m_Words == m_Accepted) {
                 return std::nullopt;
             }
             Rows rows = Table::decode(m_Words);
@@ -53,12 +53,16 @@ public:
     }
 
     /// The words of the last snapshot are dealt with: a later read of the same ones is no change.
-    void accept() { m_Accepted = m_Words; }
+    void accept() noexcept {
+        m_Accepted.swap(m_Words);
+        m_HasAccepted = true;
+    }
 
 private:
     std::vector<std::uint32_t> m_Words = std::vector<std::uint32_t>(Table::WORDS);
     std::vector<std::uint32_t> m_Again = std::vector<std::uint32_t>(Table::WORDS);
-    std::vector<std::uint32_t> m_Accepted;
+    std::vector<std::uint32_t> m_Accepted = std::vector<std::uint32_t>(Table::WORDS);
+    bool m_HasAccepted = false;
 };
 
 }  // namespace Vel::Utils

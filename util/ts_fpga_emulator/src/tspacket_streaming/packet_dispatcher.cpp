@@ -18,8 +18,6 @@ namespace {
 
 constexpr mode_t NEW_FILE_MODE = 0666;
 constexpr std::chrono::milliseconds READER_RETRY(5);
-/// The longest wait between two looks at the stop request.
-constexpr int WAIT_SLICE_MS = 50;
 
 bool isFifo(const std::string& path) {
     struct stat status {};
@@ -81,7 +79,7 @@ PacketDispatcher::Device PacketDispatcher::writeRecord(const std::uint8_t* recor
             record += written;
             size -= static_cast<std::size_t>(written);
         } else if (written < 0 && errno == EAGAIN) {
-            if (!waitForReader()) {
+            if (!m_File.waitFor(POLLOUT, [this] { return m_Stop.stop_requested(); })) {
                 return Device::GivenUp;
             }
         } else if (written == 0 || errno != EINTR) {
@@ -89,16 +87,6 @@ PacketDispatcher::Device PacketDispatcher::writeRecord(const std::uint8_t* recor
         }
     }
     return Device::Open;
-}
-
-bool PacketDispatcher::waitForReader() const {
-    while (!m_Stop.stop_requested()) {
-        pollfd device{m_File.get(), POLLOUT, 0};
-        if (::poll(&device, 1, WAIT_SLICE_MS) > 0) {
-            return true;
-        }
-    }
-    return false;
 }
 
 }  // namespace Vel::Utils

@@ -39,7 +39,6 @@ private:
 
     void openDevice();
     Device writeRecord(const std::uint8_t* record, std::size_t size) const;
-    bool waitForReader() const;
 
     std::shared_ptr<spdlog::logger> m_Logger;
     std::mutex m_WriteLock;  // taken last, behind a stream's filter lock; held for one record

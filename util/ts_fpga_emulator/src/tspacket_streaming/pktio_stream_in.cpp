@@ -69,6 +69,7 @@ void PktioStreamIn::playFile() {
         prepare(packet);
         if (!m_InputFile.readPacket(
                 std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE))) {
+            reportDroppedPackets();
             m_Stop = true;
             continue;
         }
@@ -86,6 +87,15 @@ void PktioStreamIn::playFile() {
     }
     Log::debug(*m_Logger, "Stopping packet stream thread for TSIIDX {} with file {}", m_TSIIDX,
                m_InputFile.getPath());
+}
+
+/// A file that ends within a packet has no last packet that would let the adapter release what it holds.
+void PktioStreamIn::reportDroppedPackets() const {
+    if (!isStopped() && !m_PacketQueue.empty()) {
+        Log::warning(*m_Logger,
+                     "{} ends within a packet: the {} packets that TSIIDX {} still held are dropped",
+                     m_InputFile.getPath(), m_PacketQueue.size(), m_TSIIDX);
+    }
 }
 
 void PktioStreamIn::prepare(Ts::LowlevInTSPacket& packet) const {

@@ -26,6 +26,19 @@ namespace Vel::Utils {
 /// Constructed, routed and destroyed on the monitor thread (destroyed on the main thread at program end).
 class PktioStreamIn {
 public:
+    /// While one exists, the stream releases no further batch: several routes then take effect at the same
+    /// packet. Must not outlive the stream.
+    class ReleaseHold {
+    public:
+        explicit ReleaseHold(PktioStreamIn& stream) : m_Stream(stream) { ++m_Stream.m_RoutingCalls; }
+        ~ReleaseHold() { m_Stream.endRoutingCall(); }
+        ReleaseHold(const ReleaseHold&) = delete;
+        ReleaseHold& operator=(const ReleaseHold&) = delete;
+
+    private:
+        PktioStreamIn& m_Stream;
+    };
+
     static std::string loggerName() { return Log::makeLoggerName(__FILE__, "Vel::Utils::PktioStreamIn"); }
 
     /// Opens the file; a failure is told when the thread first reads. Every PID is blocked.
@@ -43,25 +56,13 @@ public:
     /// calls pass first.
     /// @throws std::system_error when no thread is to be had; a later call tries again
     void routePid(std::uint32_t pid);
-    /// While one exists, the stream releases no further batch: several routes then take effect at the same
-    /// packet. Must not outlive the stream.
-    class ReleaseHold {
-    public:
-        explicit ReleaseHold(PktioStreamIn& stream) : m_Stream(stream) { ++m_Stream.m_RoutingCalls; }
-        ~ReleaseHold() { m_Stream.endRoutingCall(); }
-        ReleaseHold(const ReleaseHold&) = delete;
-        ReleaseHold& operator=(const ReleaseHold&) = delete;
-
-    private:
-        PktioStreamIn& m_Stream;
-    };
-
     /// Blocks `pid`. The thread plays on, also when no PID is left.
     void stopRoutePid(std::uint32_t pid);
 
 private:
     void streamThread() noexcept;
     void playFile();
+    void reportDroppedPackets() const;
     void prepare(Ts::LowlevInTSPacket& packet) const;
     void release(std::int32_t count);
     bool isStopped() const { return m_Stop || m_ProgramStop.stop_requested(); }

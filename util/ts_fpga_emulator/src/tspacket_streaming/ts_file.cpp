@@ -16,8 +16,6 @@ namespace {
 
 /// One system call for some 350 packets.
 constexpr std::size_t BLOCK_SIZE = 64 * 1024;
-/// The longest wait between two looks at the stop request.
-constexpr int WAIT_SLICE_MS = 50;
 
 }  // namespace
 
@@ -56,7 +54,9 @@ bool TsFile::fill() {
     std::copy(m_Block.begin() + static_cast<std::ptrdiff_t>(m_Position),
               m_Block.begin() + static_cast<std::ptrdiff_t>(m_Filled), m_Block.begin());
     m_Filled -= std::exchange(m_Position, 0);
-    while (waitForData()) {
+    // A FIFO is waited for also before its first writer, when a read would take it as ended: poll() tells the
+    // two apart, since a FIFO hangs up only once a writer has left.
+    while (!m_File.isOpen() || m_File.waitFor(POLLIN, m_StopRequested)) {
         const ssize_t got = ::read(m_File.get(), m_Block.data() + m_Filled, m_Block.size() - m_Filled);
         if (got < 0 && errno != EAGAIN && errno != EINTR) {
             throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Path + "\"", __FILE__,
@@ -66,19 +66,6 @@ bool TsFile::fill() {
             m_Filled += static_cast<std::size_t>(got);
             m_EndOfFile = got == 0;
             return !m_EndOfFile;
-        }
-    }
-    return false;
-}
-
-/// Waits until a read will not. A FIFO is waited for also before its first writer, when a read would take it
-/// as ended: poll() tells the two apart, since a FIFO hangs up only once a writer has left. False on a stop
-/// request.
-bool TsFile::waitForData() const {
-    while (!m_StopRequested()) {
-        pollfd file{m_File.get(), POLLIN, 0};
-        if (!m_File.isOpen() || ::poll(&file, 1, WAIT_SLICE_MS) > 0) {
-            return true;
         }
     }
     return false;

@@ -33,7 +33,6 @@ public:
 
 private:
     bool fill();
-    bool waitForData() const;
 
     std::string m_Path;
     std::function<bool()> m_StopRequested;
