@@ -97,9 +97,12 @@ int main(int argc, char** argv) {
     configureAssertions();
     occupyStandardDescriptors();
     SignalThread::blockSignals();
-    std::signal(SIGPIPE,
-                SIG_IGN);  // a reader of the records or of the log that leaves shows as a write error
-    std::signal(SIGXFSZ, SIG_IGN);  // so does a size limit
+    // A reader of the records or of the log that leaves, and a size limit, show as write errors.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    // By default it flushes std::cout first, and waits for the log's worker, which may be stuck in a full
+    // pipe.
+    std::cerr.tie(nullptr);
     try {
         Vel::Log::setLogsystem(std::make_unique<Vel::Log::StdoutLogger>(spdlog::level::info));
         // Created behind the logging backend, so destroyed before it at process exit: the teardown can log.

@@ -27,8 +27,7 @@ public:
 
     /// Sets the emulator up; from then on the tables are followed. After a request for help, or a command
     /// line that is wrong and has been reported, there is nothing to do, and doApplication() returns at once.
-    /// @param stop requested when the program is to end, also before the application exists, when it ends the
-    /// waits of
+    /// @param stop requested when the program is to end; before the application exists it ends the waits of
     ///        the set-up
     /// @throws Error, std::exception for a device that cannot be used and the like; nothing is left then
     ZEPTFEMApplication(int argc, const char* const* argv, std::stop_source stop = std::stop_source());

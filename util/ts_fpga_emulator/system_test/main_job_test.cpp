@@ -176,7 +176,7 @@ TEST_F(EmulatorTest, AFileOver4GiBPlaysToItsEnd) {
     startAndWait(linkPath(1, file));
     setInput(0, 1, 3);
     setRoute(0, 3, 0x100);
-    ASSERT_TRUE(waitForRecords(100 * 192));
+    ASSERT_TRUE(eventually([this] { return records().size() >= 100 * 192; }, std::chrono::minutes(4)));
     EXPECT_EQ(emulator->terminate(), 0);
     EXPECT_TRUE(records() == recordsOf(end, 3, {0x100}));
 }

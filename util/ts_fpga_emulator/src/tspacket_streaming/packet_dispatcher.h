@@ -30,8 +30,8 @@ public:
     /// Writes the packet's whole buffer as one record, straight from it.
     /// @throws Ts::TsPacketError for a dead packet
     /// @throws CppUtil::IOError once the device could not be opened or an earlier record could not be
-    /// written: a
-    ///         failure is told by the call after it, and then by every one
+    /// written:
+    ///         a failure is told by the call after it, and then by every one
     void dispatch(Ts::LowlevInTSPacket& packet);
 
 private:
