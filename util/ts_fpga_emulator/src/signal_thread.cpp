@@ -31,7 +31,7 @@ SignalThread::SignalThread(std::function<void(int)> onSignal)
 
 SignalThread::~SignalThread() {
     m_Stop = true;
-    ::pthread_kill(m_Thread.native_handle(), SIGTERM);
+    ::pthread_kill(m_Thread.native_handle(), SIGINT);
     m_Thread.join();
 }
 

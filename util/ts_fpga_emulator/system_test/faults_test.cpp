@@ -25,9 +25,11 @@ std::vector<std::string> operator+(std::vector<std::string> left, const std::vec
 
 /// A FIFO as data device, and its reader.
 class FifoTest : public EmulatorTest {
+public:
+    ~FifoTest() override { ::close(m_Reader); }
+
 protected:
     FifoTest() { ::mkfifo(data.c_str(), 0600); }
-    ~FifoTest() override { ::close(m_Reader); }
 
     void openReader() { m_Reader = ::open(data.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
     void closeReader() {
