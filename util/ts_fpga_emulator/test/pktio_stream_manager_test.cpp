@@ -165,7 +165,11 @@ TEST_F(PktioStreamManagerTest, ModeDecidesTheAdapterAndEveryStreamHasItsOwn) {
         return records().size() - before;
     };
     EXPECT_EQ(play(StreamMode::PcrRate, 1), 4U);
+    EXPECT_THAT(m_Log.lines("[warning]"),
+                ElementsAre("[warning] " + m_File +
+                            " ends within a packet: the 2 packets that TSIIDX 2 still held are dropped"));
     EXPECT_EQ(play(StreamMode::MaxRate, 2), 6U);
+    EXPECT_EQ(m_Log.count("[warning]"), 1U) << "nothing is held at full rate";
 }
 
 TEST_F(PktioStreamManagerTest, RoutesOfOneChangeTakeEffectAtOnePacket) {
