@@ -43,7 +43,7 @@ void createTables(const fs::path& path, std::uint32_t size) {
     // From the end, so that a row that is in use loses its enable bit or its routes, which are in its last
     // word, before its address.
     LockedDevice device({path.string(), size});
-    for (std::uint32_t word = size / sizeof(std::uint32_t); word-- > 0;) {
+    for (auto word = static_cast<std::uint32_t>(size / sizeof(std::uint32_t)); word-- > 0;) {
         device.memory().write32(word, 0);
     }
 }
