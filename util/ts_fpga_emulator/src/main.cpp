@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <exception>
 #include <iostream>
@@ -8,6 +9,8 @@
 #include <mutex>
 #include <optional>
 #include <stop_token>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "signal_thread.h"
@@ -56,15 +59,20 @@ private:
         }
     }
 
-    /// What is left is the log's queue, and a pipe that nobody empties must not hold the end up. Nothing that
-    /// matters is lost when it does.
-    static void limitRestOfExit() {
-        constexpr unsigned PATIENCE_SECONDS = 1;
-        std::signal(SIGALRM, [](int) { ::_exit(m_ExitStatus); });
-        ::alarm(PATIENCE_SECONDS);
+    /// What is left is the log's queue, and a pipe that nobody empties must not hold the end up: by then
+    /// nothing else is lost. Where no thread is to be had, the end waits for the log.
+    void limitRestOfExit() const {
+        static constexpr std::chrono::seconds PATIENCE(1);
+        try {
+            std::thread([status = m_ExitStatus] {
+                std::this_thread::sleep_for(PATIENCE);
+                ::_exit(status);
+            }).detach();
+        } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): see above
+        }
     }
 
-    static inline volatile std::sig_atomic_t m_ExitStatus = EXIT_SETUP_FAILED;
+    int m_ExitStatus = EXIT_SETUP_FAILED;
     std::stop_source m_Stop;
     std::mutex m_ApplicationLock;
     std::unique_ptr<ZEPTFEMApplication> m_Application;  // guarded by m_ApplicationLock
