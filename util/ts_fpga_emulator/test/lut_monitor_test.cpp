@@ -131,6 +131,8 @@ TEST_P(IpLutMonitorTest, RowsOutOfAscendingOrderAreRemovedAndAddedAgain) {
     set(2, {2, "239.1.2.5", 5000});
     EXPECT_THAT(poll(),
                 ElementsAre("-udp://239.1.2.3:5000@1", "+udp://239.1.2.3:5000@1", "+udp://239.1.2.5:5000@2"));
+    m_Memory->words[m_Table.spareWord] ^= m_Table.spareBits;
+    EXPECT_THAT(poll(), IsEmpty()) << "but only when some row has changed";
 }
 
 using PidLutMonitorTest = LutMonitorTest;

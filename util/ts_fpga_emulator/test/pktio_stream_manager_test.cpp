@@ -196,6 +196,8 @@ TEST_F(PktioStreamManagerTest, RemovalWithinAChangeEndsAStreamThatIsHeld) {
     addInput(URI, 2);
     m_Manager->handleChangeBegin();
     route(0x100, 2);
+    // In this time the stream comes to the hold, mostly.
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
     removeInput(URI, 2);
     route(0x100, 2);
     m_Manager->handleChangeEnd();
