@@ -1,5 +1,6 @@
 #include "vel/cpp_utils/assertion.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <csignal>
@@ -82,7 +83,7 @@ TEST_F(AssertionDeathTest, MacroReportsTheExpressionAsWrittenAndItsPlace) {
     EXPECT_EQ(evaluations, 1);
 
     VEL_ASSERT(static_cast<bool>(state));
-    const std::string place = std::string(__FILE__) + ":" + std::to_string(__LINE__ - 1);
+    const std::string place = fmt::format("{}:{}", __FILE__, __LINE__ - 1);
     EXPECT_THAT(texts, ElementsAre("Assertion failed: [static_cast<bool>(state)] \nat:" + place + "\n",
                                    "Stacktrace: Not available"));
 }

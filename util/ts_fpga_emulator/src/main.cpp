@@ -16,6 +16,7 @@
 #include "signal_thread.h"
 #include "vel/cpp_utils/assertion.h"
 #include "vel/cpp_utils/log.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 #include "zeptfem_app.h"
 
 namespace {
@@ -87,23 +88,11 @@ void configureAssertions() {
     assertions.setAbortOnFailure(true);
 }
 
-/// Started with a standard descriptor closed, the next file opened would get its number, and log lines would
-/// go into a table or into the records.
-void occupyStandardDescriptors() {
-    int fd = -1;
-    do {
-        fd = ::open("/dev/null", O_RDWR);
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd >= 0) {
-        ::close(fd);
-    }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     configureAssertions();
-    occupyStandardDescriptors();
+    Vel::CppUtil::occupyStandardDescriptors(O_RDWR);
     SignalThread::blockSignals();
     // A reader of the records or of the log that leaves, and a size limit, show as write errors.
     std::signal(SIGPIPE, SIG_IGN);

@@ -13,6 +13,7 @@
 #include "fpga_monitoring/iplut_monitor.h"
 #include "fpga_monitoring/pidlut_monitor.h"
 #include "vel/cpp_utils/error.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
 namespace Vel::Utils {
@@ -35,7 +36,7 @@ bool isWritable(int descriptor) {
 void requireOtherFile(const std::string& dataDevice, const std::string& controlDevice) {
     std::error_code ignored;
     if (std::filesystem::is_regular_file(dataDevice, ignored) &&
-        std::filesystem::equivalent(dataDevice, controlDevice, ignored)) {
+        CppUtil::isSameFile(dataDevice, controlDevice)) {
         throw CppUtil::InvalidArgumentError("The data device \"" + dataDevice +
                                                 "\" is the control device \"" + controlDevice +
                                                 "\" and would be emptied.",

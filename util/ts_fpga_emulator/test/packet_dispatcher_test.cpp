@@ -82,7 +82,7 @@ TEST_F(PacketDispatcherTest, FullFifoIsWaitedForAndAStopRequestLeavesAPrefixOfWh
     constexpr std::size_t FIFO_SIZE = 4096;
     constexpr std::uint32_t FITTING = FIFO_SIZE / Ts::RECORD_SIZE;
     ::mkfifo(m_Path.c_str(), 0600);
-    const FileDescriptor reader(::open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const CppUtil::FileDescriptor reader(::open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     ASSERT_EQ(::fcntl(reader.get(), F_SETPIPE_SZ, FIFO_SIZE), static_cast<int>(FIFO_SIZE));
     std::string output;
     const auto waitUntilFull = [&] {

@@ -72,7 +72,7 @@ TEST(TsFile, FifoIsWaitedForBeforeItsFirstWriterAndEndsWithIt) {
     TsFile file(path, [&] { return ++looks < 0; });
     const std::jthread writing([&] {
         EXPECT_TRUE(waitUntil([&] { return looks >= 3; })) << "the reader has waited for a while";
-        const FileDescriptor writer(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+        const CppUtil::FileDescriptor writer(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
         for (std::size_t at = 0, chunk = 1; at < bytes.size(); at += chunk, chunk = chunk % 401 + 57) {
             chunk = std::min(chunk, bytes.size() - at);
             ASSERT_EQ(::write(writer.get(), bytes.data() + at, chunk), static_cast<ssize_t>(chunk));

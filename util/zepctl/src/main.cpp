@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include "record_commands.h"
 #include "table_commands.h"
 #include "vel/cpp_utils/error.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/userspace_drivers/drivers/driver_error.h"
 
 namespace {
@@ -66,22 +66,11 @@ int run(CLI::App& app, int argc, char** argv) {
     }
 }
 
-/// Started with a standard descriptor closed, the next file opened would get its number, and what is printed
-/// would go into a table. Opened for reading only, so that printing fails as it would have.
-void occupyStandardDescriptors() {
-    int fd = -1;
-    do {
-        fd = ::open("/dev/null", O_RDONLY);
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd >= 0) {
-        ::close(fd);
-    }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    occupyStandardDescriptors();
+    // Read-only, so that printing to a descriptor that the parent closed still fails.
+    Vel::CppUtil::occupyStandardDescriptors(O_RDONLY);
     CLI::App app("Make, change and show the tables of the transport stream hardware, and look at its records",
                  "zepctl");
     app.require_subcommand(1);

@@ -42,7 +42,7 @@ void PacketDispatcher::openDevice() {
     constexpr int FLAGS = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC;
     bool told = false;
     while (!m_Stop.stop_requested()) {
-        m_File = FileDescriptor(::open(m_DevicePath.c_str(), FLAGS, NEW_FILE_MODE));
+        m_File = CppUtil::FileDescriptor(::open(m_DevicePath.c_str(), FLAGS, NEW_FILE_MODE));
         if (m_File.isOpen()) {
             m_Device = Device::Open;
             return;

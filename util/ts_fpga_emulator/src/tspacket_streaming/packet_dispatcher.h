@@ -5,7 +5,7 @@
 #include <stop_token>
 #include <string>
 
-#include "tspacket_streaming/file_descriptor.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/cpp_utils/log.h"
 #include "vel/ts_basics/ll_tspackets.h"
 
@@ -42,7 +42,7 @@ private:
 
     std::shared_ptr<spdlog::logger> m_Logger;
     std::mutex m_WriteLock;  // taken last, behind a stream's filter lock; held for one record
-    FileDescriptor m_File;   // guarded by m_WriteLock, as is the next one
+    CppUtil::FileDescriptor m_File;   // guarded by m_WriteLock, as is the next one
     Device m_Device = Device::Failed;
     std::string m_DevicePath;
     std::stop_token m_Stop;

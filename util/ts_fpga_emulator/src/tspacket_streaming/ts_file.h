@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tspacket_streaming/file_descriptor.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/ts_basics/tspacket.h"
 
 namespace Vel::Utils {
@@ -36,7 +36,7 @@ private:
 
     std::string m_Path;
     std::function<bool()> m_StopRequested;
-    FileDescriptor m_File;
+    CppUtil::FileDescriptor m_File;
     std::vector<std::uint8_t> m_Block;  // empty until the first read: most inputs of a table never play
     std::size_t m_Position = 0;         // of the next unread byte in the block
     std::size_t m_Filled = 0;           // bytes of the block that hold data

@@ -1,11 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <exception>
 #include <string>
 
 namespace Vel {
 
-/// Root of every failure that a caller may handle. The complete text, detail and place of the throw
+/// Root of every failure that a caller may handle. The complete text, the message and the place of the throw
 /// statement, is built once here; what() only returns it. The classes of the family add a category prefix and
 /// nothing else.
 ///
@@ -14,12 +15,15 @@ namespace Vel {
 class Error : public std::exception {
 public:
     Error(const std::string& message, const char* file, int line)
-        : m_Text(message + "(" + file + ":" + std::to_string(line) + ")") {}
+        : m_Text(message + "(" + file + ":" + std::to_string(line) + ")"), m_MessageLength(message.size()) {}
 
     const char* what() const noexcept override { return m_Text.c_str(); }
+    /// The text without the place of the throw statement.
+    std::string getMessage() const { return m_Text.substr(0, m_MessageLength); }
 
 private:
     std::string m_Text;
+    std::size_t m_MessageLength;
 };
 
 namespace CppUtil {
@@ -62,8 +66,14 @@ public:
 /// Reading from or writing to a file or device failed.
 class IOError : public Error {
 public:
-    IOError(const std::string& detail, const char* file, int line)
-        : Error("IOErrorr: " + detail, file, line) {}
+    /// @param error errno value of the system call that failed, 0 for none
+    IOError(const std::string& detail, const char* file, int line, int error = 0)
+        : Error("IOErrorr: " + detail, file, line), m_Error(error) {}
+
+    int getErrno() const { return m_Error; }
+
+private:
+    int m_Error;
 };
 
 }  // namespace CppUtil
