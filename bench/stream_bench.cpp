@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -114,7 +115,7 @@ double playStream(std::uint32_t routedPid) {
     const double begin = processSeconds();
     {
         Utils::PktioStreamIn stream(sample().path(), 3, std::make_unique<CountingAdapter>(done), dispatcher);
-        stream.routePid(routedPid);
+        stream.changeRoutes(std::array{Utils::PktioStreamIn::RouteChange{routedPid, true}});
         done.wait(false);
     }
     return processSeconds() - begin;

@@ -1,10 +1,14 @@
 #include "vel/cpp_utils/log.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <spdlog/async.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace Vel::Log {
@@ -17,6 +21,27 @@ constexpr const char* LINE_PATTERN = "[%T.%e] [%l] %v";
 
 std::mutex logsystemMutex;
 std::shared_ptr<ILogsystem> processLogsystem;  // guarded by logsystemMutex
+
+/// Bytes that a pipe's reader has not taken yet, 0 for anything but a pipe.
+int unreadBytes() {
+    int bytes = 0;
+    return ::ioctl(STDOUT_FILENO, FIONREAD, &bytes) == 0 ? bytes : 0;
+}
+
+bool waitForEmptyQueue(spdlog::details::thread_pool& pool, std::chrono::milliseconds patience) {
+    constexpr std::chrono::milliseconds PAUSE(1);
+    auto deadline = std::chrono::steady_clock::now() + patience;
+    auto last = std::pair(pool.queue_size(), unreadBytes());
+    for (auto current = last; current.first != 0; current = {pool.queue_size(), unreadBytes()}) {
+        if (std::exchange(last, current) != current) {
+            deadline = std::chrono::steady_clock::now() + patience;
+        } else if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(PAUSE);
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -47,6 +72,19 @@ std::shared_ptr<spdlog::logger> StdoutLogger::getLogger(const std::string& name,
 
 void StdoutLogger::shutdown() {
     spdlog::shutdown();
+}
+
+bool drain(std::chrono::milliseconds patience) {
+    const auto pool = spdlog::thread_pool();
+    if (!pool) {
+        return true;
+    }
+    if (!waitForEmptyQueue(*pool, patience)) {
+        return false;
+    }
+    // The worker may still be writing the last line. It takes this request after that.
+    getLogsystem()->getLogger("Logsystem")->flush();
+    return waitForEmptyQueue(*pool, patience);
 }
 
 void setLogsystem(std::unique_ptr<ILogsystem> logsystem) {

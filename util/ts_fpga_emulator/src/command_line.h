@@ -4,8 +4,6 @@
 #include <string>
 #include <vector>
 
-// One occurrence of a list option is one element: paths may hold commas, and no argument holds this.
-#define CXXOPTS_VECTOR_DELIMITER '\0'
 #include <cxxopts.hpp>
 
 #include "tspacket_streaming/stream_mode.h"
@@ -18,22 +16,22 @@ struct Settings {
     UriFileList files;
     std::string routerDevice;
     std::string tsioDevice;
-    std::string pktioCtrlDevice;  // accepted, opened by nothing
+    std::string pktioCtrlDevice;  // accepted, never opened
     std::string pktioDataDevice;
     StreamMode streamMode = StreamMode::MaxRate;
 };
 
-/// The program's options, for the help text.
+/// The program's options, which the help text describes.
 cxxopts::Options declareOptions();
 
 /// Parses the process arguments. An option whose value may be left out takes the next argument as its value
-/// unless that is missing or begins with "-"; the library alone would take a value for it only behind "=".
+/// unless that is missing or begins with "-".
 /// @throws cxxopts::exceptions::exception for anything that the options do not allow
-cxxopts::ParseResult parseArguments(int argc, const char* const* argv);
+cxxopts::ParseResult parseArguments(cxxopts::Options& options, int argc, const char* const* argv);
 
-/// Reads the "URI PATH" pairs, in their order.
-/// @throws CppUtil::InitializationError for a pair that is not two texts with one blank between, or a
-/// repeated URI
+/// Reads the "URI PATH" pairs in their order.
+/// @throws CppUtil::InitializationError for a pair that is not two texts with one blank between them, and for
+/// a repeated URI
 UriFileList parseUriFilePairs(const std::vector<std::string>& pairs);
 
 /// @throws CppUtil::InitializationError where the pairs are missing or wrong

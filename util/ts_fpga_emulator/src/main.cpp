@@ -9,8 +9,6 @@
 #include <mutex>
 #include <optional>
 #include <stop_token>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "signal_thread.h"
@@ -25,9 +23,11 @@ using Vel::Utils::SignalThread;
 using Vel::Utils::ZEPTFEMApplication;
 
 constexpr int EXIT_SETUP_FAILED = 1;
+/// How long the reader of the log may take nothing of it while the program waits to end.
+constexpr std::chrono::seconds LOG_PATIENCE(1);
 
 /// The one application, its lock, and the signals that end it. Signals work while it is built, while it runs
-/// and while it is taken down: the lock is free during the last, and the application no longer found.
+/// and while it is destroyed: then the lock is free, and the application is no longer found.
 class ApplicationOwner {
 public:
     ~ApplicationOwner() {
@@ -35,11 +35,14 @@ public:
         auto application = std::move(m_Application);
         lock.unlock();
         application.reset();
-        limitRestOfExit();
+        // What is left is the log's queue, and a reader that has stopped reading must not delay the end.
+        if (!Vel::Log::drain(LOG_PATIENCE)) {
+            ::_exit(m_ExitStatus);
+        }
     }
 
-    /// The lock is held throughout, so a signal that comes early is handled as soon as the application is
-    /// there. Before that, the stop request has ended what the set-up may be waiting for.
+    /// The lock is held throughout, so an early signal is handled as soon as the application exists. Its stop
+    /// request has by then ended whatever the set-up was waiting for.
     void construct(int argc, char** argv) {
         const std::lock_guard lock(m_ApplicationLock);
         m_Signals.emplace([this](int signal) { onSignal(signal); });
@@ -57,19 +60,6 @@ private:
         const std::lock_guard lock(m_ApplicationLock);
         if (m_Application) {
             m_Application->handleSignal(signal);
-        }
-    }
-
-    /// What is left is the log's queue, and a pipe that nobody empties must not hold the end up: by then
-    /// nothing else is lost. Where no thread is to be had, the end waits for the log.
-    void limitRestOfExit() const {
-        static constexpr std::chrono::seconds PATIENCE(1);
-        try {
-            std::thread([status = m_ExitStatus] {
-                std::this_thread::sleep_for(PATIENCE);
-                ::_exit(status);
-            }).detach();
-        } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): see above
         }
     }
 
@@ -97,12 +87,12 @@ int main(int argc, char** argv) {
     // A reader of the records or of the log that leaves, and a size limit, show as write errors.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    // By default it flushes std::cout first, and waits for the log's worker, which may be stuck in a full
-    // pipe.
+    // By default std::cerr flushes std::cout first, and so waits for the log's worker, which a full pipe may
+    // stop.
     std::cerr.tie(nullptr);
     try {
         Vel::Log::setLogsystem(std::make_unique<Vel::Log::StdoutLogger>(spdlog::level::info));
-        // Created behind the logging backend, so destroyed before it at process exit: the teardown can log.
+        // Created after the logging backend, so destroyed before it at process exit: the teardown can log.
         static ApplicationOwner application;
         application.construct(argc, argv);
         return application.run();

@@ -14,25 +14,24 @@
 #include "fpga_monitoring/pidlut_monitor.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
+#include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
 namespace Vel::Utils {
 
 namespace {
 
-constexpr std::uint32_t TSIO_MAPPING_SIZE = 16 * 1024;     // bytes
-constexpr std::uint32_t ROUTER_MAPPING_SIZE = 128 * 1024;  // bytes
-constexpr std::uint32_t MAPPING_OFFSET = 0;
+static_assert(Drivers::Zep::PID_RANGE.max + 1 == Ts::PID_COUNT, "rows and packets share the PID's range");
 
-/// Whether a write will not wait for long: a pipe that nobody empties, a stopped terminal, must not keep the
-/// program from ending.
+/// Whether a write does not have to wait long. A full pipe that nobody reads, or a stopped terminal, must not
+/// keep the program from ending.
 bool isWritable(int descriptor) {
     constexpr int PATIENCE_MS = 100;
     pollfd status{descriptor, POLLOUT, 0};
     return ::poll(&status, 1, PATIENCE_MS) > 0;
 }
 
-/// Opening a plain file as data device truncates it: a mistyped path must not cost the table.
+/// Opening a plain file as data device truncates it, and a mistyped path must not cost the table.
 void requireOtherFile(const std::string& dataDevice, const std::string& controlDevice) {
     std::error_code ignored;
     if (std::filesystem::is_regular_file(dataDevice, ignored) &&
@@ -48,13 +47,13 @@ void requireOtherFile(const std::string& dataDevice, const std::string& controlD
 
 ZEPTFEMApplication::ZEPTFEMApplication(int argc, const char* const* argv, std::stop_source stop)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())), m_Stop(std::move(stop)) {
-    const cxxopts::Options options = declareOptions();
+    cxxopts::Options options = declareOptions();
     const auto reportError = [&](const std::exception& e) {
         std::cerr << e.what() << std::endl;
         printHelp(options, std::cerr);
     };
     try {
-        const cxxopts::ParseResult parsed = parseArguments(argc, argv);
+        const cxxopts::ParseResult parsed = parseArguments(options, argc, argv);
         if (parsed.count("help") > 0) {
             printHelp(options, std::cout);
         } else {
@@ -106,8 +105,8 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
     logSettings(settings);
     const std::stop_token stop = m_Stop.get_token();
 
-    auto tsio = std::make_shared<Pci::PciIf>(settings.tsioDevice, TSIO_MAPPING_SIZE, MAPPING_OFFSET);
-    auto router = std::make_shared<Pci::PciIf>(settings.routerDevice, ROUTER_MAPPING_SIZE, MAPPING_OFFSET);
+    auto tsio = std::make_shared<Pci::PciIf>(settings.tsioDevice, Drivers::Zep::TSIO_DEVICE.size, 0);
+    auto router = std::make_shared<Pci::PciIf>(settings.routerDevice, Drivers::Zep::ROUTER_DEVICE.size, 0);
     requireOtherFile(settings.pktioDataDevice, settings.tsioDevice);
     requireOtherFile(settings.pktioDataDevice, settings.routerDevice);
     m_PacketDispatcher = std::make_unique<PacketDispatcher>(settings.pktioDataDevice, stop);

@@ -16,8 +16,8 @@
 
 namespace Vel::Utils {
 
-/// The emulator: reads the command line, wires the parts together, waits for its end, and takes them down in
-/// a fixed order: monitor, streams, dispatcher. One to a process, on the main thread; handleSignal() may be
+/// The emulator: reads the command line, wires the parts together, waits for its end, and destroys them in a
+/// fixed order: monitor, streams, dispatcher. One per process, on the main thread; handleSignal() may be
 /// called on any.
 class ZEPTFEMApplication {
 public:
@@ -25,11 +25,10 @@ public:
         return Log::makeLoggerName(__FILE__, "Vel::Utils::ZEPTFEMApplication");
     }
 
-    /// Sets the emulator up; from then on the tables are followed. After a request for help, or a command
-    /// line that is wrong and has been reported, there is nothing to do, and doApplication() returns at once.
-    /// @param stop requested when the program is to end; before the application exists it ends the waits of
-    ///        the set-up
-    /// @throws Error, std::exception for a device that cannot be used and the like; nothing is left then
+    /// Sets the emulator up; from then on the tables are monitored. After a request for help, and after a
+    /// wrong command line, which is reported, there is nothing to do, and doApplication() returns at once.
+    /// @param stop requested when the program is to end; ends the waits of the set-up as well
+    /// @throws Error, std::exception for example for a device that cannot be used; nothing is left then
     ZEPTFEMApplication(int argc, const char* const* argv, std::stop_source stop = std::stop_source());
     virtual ~ZEPTFEMApplication();
     ZEPTFEMApplication(const ZEPTFEMApplication&) = delete;
@@ -37,7 +36,7 @@ public:
 
     /// Blocks until the program is to end. Returns the exit status.
     virtual std::int32_t doApplication();
-    /// Tells which signal came, SIGINT or SIGTERM, and lets doApplication() return. Thread-safe.
+    /// Reports the signal, SIGINT or SIGTERM, and makes doApplication() return. Thread-safe.
     virtual void handleSignal(int signal);
 
 private:

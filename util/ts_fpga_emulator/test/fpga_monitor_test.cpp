@@ -26,6 +26,7 @@ protected:
             : LutMonitor(test.m_Memory, test.m_Consumer), onPoll(std::move(poll)) {}
         ~FakeMonitor() override { onDestruction(); }
         void pollLut() override { onPoll(); }
+        const char* getTableName() const override { return "FAKE LUT"; }
 
         std::function<void()> onPoll;
         std::function<void()> onDestruction = [] {};

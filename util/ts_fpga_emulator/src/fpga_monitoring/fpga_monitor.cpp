@@ -49,14 +49,16 @@ void FPGAMonitor::monitorThread() noexcept {
     Log::debug(*m_Logger, "Exit the main thread of FPGAMonitor");
 }
 
-/// An error that leaves a poll is told when it appears or changes, not a thousand times a second, and polling
-/// goes on: the other table is not affected. The last text is kept as a hash,
-/// since memory may be what is missing.
+/// An error that ends a poll is logged when it appears or changes, not a thousand times a second. Polling
+/// goes on, and the other table is not affected. The last text is kept as a hash, since memory may be short.
 void FPGAMonitor::pollMonitors() noexcept {
     for (std::size_t i = 0; i < m_LutMonitors.size(); ++i) {
         try {
             m_LutMonitors[i]->pollLut();
-            m_LastErrors[i] = NO_ERROR;
+            if (std::exchange(m_LastErrors[i], NO_ERROR) != NO_ERROR) {
+                Log::info(*m_Logger, "The {} can be read again, monitoring continues",
+                          m_LutMonitors[i]->getTableName());
+            }
         } catch (const std::exception& e) {
             const std::size_t error = std::hash<std::string_view>{}(e.what());
             if (std::exchange(m_LastErrors[i], error) != error) {

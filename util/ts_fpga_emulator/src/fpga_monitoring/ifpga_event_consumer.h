@@ -6,14 +6,13 @@
 
 namespace Vel::Utils {
 
-/// Receives the monitor events, one call an event, always on the monitor thread and never beside itself.
+/// Receives the monitor events, one call per event, always on the monitor thread.
 class IFPGAEventConsumer {
 public:
     /// Takes the event over. Must not throw: a poll that has begun to deliver always finishes its passes.
     virtual void handleEvent(std::unique_ptr<FPGAMonEvent> event) = 0;
     virtual ~IFPGAEventConsumer() = default;
-    /// The events of one change of one table stand between these two. Must not throw.
-    virtual void handleChangeBegin() {}
+    /// Follows the last event of one change of one table. Must not throw.
     virtual void handleChangeEnd() {}
 };
 

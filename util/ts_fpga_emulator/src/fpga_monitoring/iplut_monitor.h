@@ -1,24 +1,20 @@
 #pragma once
 
-#include <cstdint>
 #include <memory>
-#include <span>
-#include <vector>
 
 #include "fpga_monitoring/lut_monitor.h"
-#include "vel/userspace_drivers/drivers/zep/ts/ipinentry.h"
+#include "vel/userspace_drivers/drivers/zep/ts/diag/iplut_diag.h"
 
 namespace Vel::Utils {
 
 /// The IP LUT as a monitor sees it: every enabled row is an input.
 struct IpLutTable {
     using Row = Drivers::Zep::IpInEntry;
-    static constexpr const char* NAME = "IP LUT";
-    static constexpr std::uint32_t WORDS = Drivers::Zep::IpLut::TABLE.rows * Row::WORDS;
+    static constexpr const auto& LAYOUT = Drivers::Zep::IpLut::TABLE;
+    static constexpr auto GET_BASE = Drivers::Zep::getIpLutBase;
+    static constexpr auto GET_CONTROL_BIT = Drivers::Zep::getIpLutControlBit;
+    static constexpr auto IS_USED = &Row::isEnabled;
 
-    static std::uint32_t getControlBit(Drivers::IMemIf& memory);
-    static void readWords(Drivers::IMemIf& memory, std::span<std::uint32_t> words);
-    static std::vector<Row> decode(std::span<const std::uint32_t> words);
     static std::unique_ptr<FPGAMonEvent> makeRemoved(const Row& row);
     static std::unique_ptr<FPGAMonEvent> makeAdded(const Row& row);
 };

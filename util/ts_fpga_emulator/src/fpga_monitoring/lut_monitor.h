@@ -14,16 +14,18 @@
 
 namespace Vel::Utils {
 
-/// Watches one FPGA table. Constructed on the main thread, polled on the monitor thread alone.
+/// Watches one FPGA table. Constructed on the main thread, then polled on the monitor thread only.
 class LutMonitor {
 public:
     virtual ~LutMonitor() = default;
     LutMonitor(const LutMonitor&) = delete;
     LutMonitor& operator=(const LutMonitor&) = delete;
 
-    /// Reads the table and delivers what changed since the last poll, event by event, before it returns.
-    /// Errors of the memory leave it with the last copy untouched; no event has been delivered then.
+    /// Reads the table and delivers what changed since the last poll, event by event, before it returns. An
+    /// error of the memory passes through; no event has been delivered then, and the last copy is kept.
     virtual void pollLut() = 0;
+    /// For messages, for example "IP LUT".
+    virtual const char* getTableName() const = 0;
 
 protected:
     /// `consumer` must outlive the monitor.
@@ -36,9 +38,8 @@ protected:
     IFPGAEventConsumer& m_Consumer;
 };
 
-/// Whether `rows` contains `row`, as the hardware's ordered tables are searched: the first row that is not
-/// less decides. Rows out of ascending order may thus be missed, and are then reported as removed and added
-/// again.
+/// Whether `rows` contains `row`. The search is that of the hardware's ordered tables: the first row that is
+/// not less decides. It may miss rows out of ascending order; they are then reported as removed and added.
 template <typename Row>
 bool containsEntry(const std::vector<Row>& rows, const Row& row) {
     const auto found =
@@ -46,15 +47,15 @@ bool containsEntry(const std::vector<Row>& rows, const Row& row) {
     return found != rows.end() && *found == row;
 }
 
-/// The monitor of one kind of table. Beyond what LutSnapshotReader needs, `Table` has a `NAME`, and turns a
-/// row into events with `makeRemoved(row)` and `makeAdded(row)`, each null where the row is none of the
-/// consumer's business.
+/// The monitor of one kind of table. Beyond what LutSnapshotReader needs, `Table` turns a row into events
+/// with `makeRemoved(row)` and `makeAdded(row)`. Both return null for a row that does not concern the
+/// consumer.
 template <typename Table>
 class TableLutMonitor final : public LutMonitor {
 public:
-    /// Takes a first look at the table. Rows that it holds already are served like rows that come later: a
-    /// warning tells their number, and the first poll reports them as added.
-    /// @param stop ends the wait for a table that never holds still
+    /// Reads the table once. Rows that it already holds are served like later ones: a warning gives their
+    /// number, and the first poll reports them as added.
+    /// @param stop ends the wait for a table that never becomes stable
     TableLutMonitor(std::shared_ptr<Drivers::IMemIf> devMem, IFPGAEventConsumer& consumer,
                     std::stop_token stop = {})
         : LutMonitor(std::move(devMem), consumer), m_Stop(std::move(stop)) {
@@ -63,11 +64,12 @@ public:
             const auto logger =
                 Log::getLogsystem()->getLogger(Log::makeLoggerName(__FILE__, "Vel::Utils::LutMonitor"));
             Log::warning(*logger, "The {} already holds {} used rows at start. They are taken as added now.",
-                         Table::NAME, initial->second.size());
+                         Table::LAYOUT.name, initial->second.size());
         }
     }
 
     void pollLut() override {
+        m_DevMem->restoreMemory();
         auto current = m_Reader.readChanged(*m_DevMem, m_Stop);
         if (!current) {
             return;
@@ -79,38 +81,34 @@ public:
         m_Reader.accept();
     }
 
+    const char* getTableName() const override { return Table::LAYOUT.name; }
+
 private:
-    using Rows = typename LutSnapshotReader<Table>::Rows;
+    using Snapshot = typename LutSnapshotReader<Table>::Snapshot;
 
-    using Events = std::vector<std::unique_ptr<FPGAMonEvent>>;
-
-    /// Makes all events before the first one is delivered: when memory is short, the change as a whole is
-    /// left to the next poll.
-    void emitEvents(const Rows& current) {
-        Events events;
+    void emitEvents(const std::vector<typename Table::Row>& current) {
         for (const auto& row : m_CachedLut.second) {
             if (!containsEntry(current, row)) {
-                events.push_back(Table::makeRemoved(row));
+                deliver(Table::makeRemoved(row));
             }
         }
         for (const auto& row : current) {
             if (!containsEntry(m_CachedLut.second, row)) {
-                events.push_back(Table::makeAdded(row));
-            }
-        }
-        m_Consumer.handleChangeBegin();
-        for (auto& event : events) {
-            if (event) {
-                m_Consumer.handleEvent(std::move(event));
+                deliver(Table::makeAdded(row));
             }
         }
         m_Consumer.handleChangeEnd();
     }
 
+    void deliver(std::unique_ptr<FPGAMonEvent> event) {
+        if (event) {
+            m_Consumer.handleEvent(std::move(event));
+        }
+    }
+
     std::stop_token m_Stop;
     LutSnapshotReader<Table> m_Reader;
-    typename LutSnapshotReader<Table>::Snapshot
-        m_CachedLut;  // the last copy whose rows differed from the one before
+    Snapshot m_CachedLut;  // the last copy whose rows differed from the one before
 };
 
 }  // namespace Vel::Utils

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -18,6 +19,10 @@ namespace {
 
 constexpr mode_t NEW_FILE_MODE = 0666;
 constexpr std::chrono::milliseconds READER_RETRY(5);
+/// How long a device may take nothing of a record that has begun, after a stop request.
+constexpr std::chrono::seconds PATIENCE(1);
+
+using Clock = std::chrono::steady_clock;
 
 bool isFifo(const std::string& path) {
     struct stat status {};
@@ -40,17 +45,18 @@ PacketDispatcher::~PacketDispatcher() {
 /// Non-blocking, so that neither a FIFO without a reader nor one that is full keeps the program from ending.
 void PacketDispatcher::openDevice() {
     constexpr int FLAGS = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC;
-    bool told = false;
+    bool isAnnounced = false;
     while (!m_Stop.stop_requested()) {
         m_File = CppUtil::FileDescriptor(::open(m_DevicePath.c_str(), FLAGS, NEW_FILE_MODE));
         if (m_File.isOpen()) {
             m_Device = Device::Open;
             return;
         }
-        if (errno != ENXIO || !isFifo(m_DevicePath)) {
+        m_Error = errno;
+        if (m_Error != ENXIO || !isFifo(m_DevicePath)) {
             return;
         }
-        if (!std::exchange(told, true)) {
+        if (!std::exchange(isAnnounced, true)) {
             Log::info(*m_Logger, "Waiting for a reader of {}", m_DevicePath);
         }
         std::this_thread::sleep_for(READER_RETRY);
@@ -63,26 +69,48 @@ void PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet) {
     const std::uint8_t* record = packet.getWriteDataPtr();
     if (m_Device == Device::Failed) {
         throw CppUtil::IOError("Failed writing TS packets to file: \"" + m_DevicePath + "\"", __FILE__,
-                               __LINE__);
+                               __LINE__, CppUtil::errnoText(m_Error));
     }
     if (m_Device == Device::Open) {
-        m_Device = writeRecord(record, packet.getTotalSize());
+        m_Device = writeRecord({record, packet.getTotalSize()});
     }
 }
 
-/// A record that could not go out without waiting after a stop request ends the output, so that what has been
-/// written is the beginning of what was routed, without a gap.
-PacketDispatcher::Device PacketDispatcher::writeRecord(const std::uint8_t* record, std::size_t size) const {
-    while (size > 0) {
-        const ssize_t written = ::write(m_File.get(), record, size);
+/// What has been written is always a beginning of what was routed, without a gap. After a stop request, a
+/// record that would have to wait therefore ends the output, but one that has begun is finished, unless the
+/// device takes nothing of its rest for a while.
+PacketDispatcher::Device PacketDispatcher::writeRecord(std::span<const std::uint8_t> record) {
+    std::span<const std::uint8_t> rest = record;
+    std::optional<Clock::time_point> deadline;
+    const auto isGivenUp = [&] {
+        if (!m_Stop.stop_requested()) {
+            return false;
+        }
+        if (!deadline) {
+            deadline = Clock::now() + PATIENCE;
+        }
+        return rest.size() == record.size() || Clock::now() >= *deadline;
+    };
+    for (bool isReady = false; !rest.empty();) {
+        const ssize_t written = ::write(m_File.get(), rest.data(), rest.size());
         if (written > 0) {
-            record += written;
-            size -= static_cast<std::size_t>(written);
+            rest = rest.subspan(static_cast<std::size_t>(written));
+            deadline.reset();
+            isReady = false;
         } else if (written < 0 && errno == EAGAIN) {
-            if (!m_File.waitFor(POLLOUT, [this] { return m_Stop.stop_requested(); })) {
+            if (std::exchange(isReady, true)) {
+                CppUtil::FileDescriptor::pauseBeforeRetry();
+            }
+            if (!m_File.waitFor(POLLOUT, isGivenUp)) {
+                if (rest.size() < record.size()) {
+                    Log::error(*m_Logger,
+                               "The last record on {} is torn: {} of {} bytes written, then none for {} s",
+                               m_DevicePath, record.size() - rest.size(), record.size(), PATIENCE.count());
+                }
                 return Device::GivenUp;
             }
         } else if (written == 0 || errno != EINTR) {
+            m_Error = written == 0 ? EIO : errno;
             return Device::Failed;
         }
     }

@@ -7,6 +7,7 @@
 #include <span>
 #include <utility>
 
+#include "vel/cpp_utils/error.h"
 #include "vel/ts_basics/zep_record.h"
 
 namespace Vel::Utils {
@@ -33,18 +34,28 @@ PktioStreamIn::~PktioStreamIn() {
     Log::debug(*m_Logger, "Joined with PktioStreamIn streaming thread");
 }
 
-void PktioStreamIn::routePid(std::uint32_t pid) {
-    Log::debug(*m_Logger, "Add PID {} to stream", pid);
-    const auto lock = lockForRouting();
-    m_PidFilter.addPid(pid);
-    if (!m_Thread.joinable()) {
+void PktioStreamIn::changeRoutes(std::span<const RouteChange> changes) {
+    m_RoutingWaits = true;
+    const std::lock_guard lock(m_FilterLock);
+    m_RoutingWaits = false;
+    m_RoutingWaits.notify_one();
+    bool startsThread = false;
+    for (const RouteChange& change : changes) {
+        change.isRouted ? routePid(change.pid) : stopRoutePid(change.pid);
+        startsThread |= change.isRouted;
+    }
+    if (startsThread && !m_Thread.joinable()) {
         m_Thread = std::thread(&PktioStreamIn::streamThread, this);
     }
 }
 
+void PktioStreamIn::routePid(std::uint32_t pid) {
+    Log::debug(*m_Logger, "Add PID {} to stream", pid);
+    m_PidFilter.addPid(pid);
+}
+
 void PktioStreamIn::stopRoutePid(std::uint32_t pid) {
     Log::debug(*m_Logger, "Remove PID {} from stream", pid);
-    const auto lock = lockForRouting();
     m_PidFilter.removePid(pid);
 }
 
@@ -53,12 +64,14 @@ void PktioStreamIn::streamThread() noexcept {
     try {
         ::pthread_setname_np(::pthread_self(), fmt::format("tsiidx-{}", m_TSIIDX).c_str());
         playFile();
+    } catch (const CppUtil::IOError& e) {
+        Log::error(*m_Logger, "Stream of TSIIDX {} has ended: {} [{}]", m_TSIIDX, e.what(), e.getReason());
     } catch (const std::exception& e) {
         Log::error(*m_Logger, "Stream of TSIIDX {} has ended: {}", m_TSIIDX, e.what());
     }
 }
 
-/// The way of every packet: file, buffer, queue, rate adapter, PID filter, data device.
+/// The path of every packet: file, buffer, queue, rate adapter, PID filter, data device.
 void PktioStreamIn::playFile() {
     Log::debug(*m_Logger, "Starting stream thread. Streaming packets from file {} to TSIIDX {}",
                m_InputFile.getPath(), m_TSIIDX);
@@ -89,7 +102,7 @@ void PktioStreamIn::playFile() {
                m_InputFile.getPath());
 }
 
-/// A file that ends within a packet has no last packet that would let the adapter release what it holds.
+/// A file that ends within a packet has no last packet, which would make the adapter release what it holds.
 void PktioStreamIn::reportDroppedPackets() const {
     if (!isStopped() && !m_PacketQueue.empty()) {
         Log::warning(*m_Logger,
@@ -118,30 +131,13 @@ void PktioStreamIn::release(std::int32_t count) {
     }
 }
 
-std::unique_lock<std::mutex> PktioStreamIn::lockForRouting() {
-    ++m_RoutingCalls;
-    std::unique_lock lock(m_FilterLock);
-    endRoutingCall();
-    return lock;
-}
-
-void PktioStreamIn::endRoutingCall() {
-    --m_RoutingCalls;
-    m_RoutingCalls.notify_one();
-}
-
 /// At full rate this thread takes the lock for every packet, and would mostly win it again before a waiting
-/// routing call has woken up. So it lets those, and holds, pass first; otherwise this costs one load. It
-/// looks under the lock: a hold that began just before could else be overtaken by this batch after its first
-/// change.
+/// routing call has woken up. So it lets that call pass first; otherwise this costs one load.
 std::unique_lock<std::mutex> PktioStreamIn::lockForRelease() {
-    std::unique_lock lock(m_FilterLock);
-    for (int waiting = m_RoutingCalls; waiting != 0; waiting = m_RoutingCalls) {
-        lock.unlock();
-        m_RoutingCalls.wait(waiting);
-        lock.lock();
+    if (m_RoutingWaits) {
+        m_RoutingWaits.wait(true);
     }
-    return lock;
+    return std::unique_lock(m_FilterLock);
 }
 
 }  // namespace Vel::Utils

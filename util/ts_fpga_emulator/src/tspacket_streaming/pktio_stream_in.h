@@ -5,6 +5,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <stop_token>
 #include <string>
 #include <thread>
@@ -26,24 +27,17 @@ namespace Vel::Utils {
 /// Constructed, routed and destroyed on the monitor thread (destroyed on the main thread at program end).
 class PktioStreamIn {
 public:
-    /// While one exists, the stream releases no further batch: several routes then take effect at the same
-    /// packet. Must not outlive the stream.
-    class ReleaseHold {
-    public:
-        explicit ReleaseHold(PktioStreamIn& stream) : m_Stream(stream) { ++m_Stream.m_RoutingCalls; }
-        ~ReleaseHold() { m_Stream.endRoutingCall(); }
-        ReleaseHold(const ReleaseHold&) = delete;
-        ReleaseHold& operator=(const ReleaseHold&) = delete;
-
-    private:
-        PktioStreamIn& m_Stream;
+    /// Lets a PID through to the CPU, or blocks it.
+    struct RouteChange {
+        std::uint32_t pid;
+        bool isRouted;
     };
 
     static std::string loggerName() { return Log::makeLoggerName(__FILE__, "Vel::Utils::PktioStreamIn"); }
 
-    /// Opens the file; a failure is told when the thread first reads. Every PID is blocked.
+    /// Opens the file; a failure is reported when the thread first reads. Every PID is blocked.
     /// @param dispatcher must outlive the stream
-    /// @param stop the program's end: ends every wait of this stream
+    /// @param stop requested at the end of the program: ends every wait of this stream
     PktioStreamIn(const std::string& fileName, std::uint32_t tsiidx, std::unique_ptr<IRateAdapter>&& adapter,
                   PacketDispatcher& dispatcher, std::stop_token stop = {});
     /// Ends the thread, after the release batch in progress; what is still queued is dropped.
@@ -51,13 +45,12 @@ public:
     PktioStreamIn(const PktioStreamIn&) = delete;
     PktioStreamIn& operator=(const PktioStreamIn&) = delete;
 
-    /// Lets `pid` through from now on, and starts the thread if it has never been started. Waits for the
-    /// release batch in progress, as stopRoutePid() does, and no longer: the streaming thread lets waiting
-    /// calls pass first.
-    /// @throws std::system_error when no thread is to be had; a later call tries again
-    void routePid(std::uint32_t pid);
-    /// Blocks `pid`. The thread plays on, also when no PID is left.
-    void stopRoutePid(std::uint32_t pid);
+    /// Applies all changes in their order, at one packet of the stream. The first routed PID starts the
+    /// thread, which plays on even when no PID is left. Waits for the release batch in progress, and no
+    /// longer: the streaming thread lets a waiting call pass first.
+    /// @throws std::system_error when no thread can be created; all changes are applied, and a later call
+    /// with a routed PID tries again
+    void changeRoutes(std::span<const RouteChange> changes);
 
 private:
     void streamThread() noexcept;
@@ -66,8 +59,8 @@ private:
     void prepare(Ts::LowlevInTSPacket& packet) const;
     void release(std::int32_t count);
     bool isStopped() const { return m_Stop || m_ProgramStop.stop_requested(); }
-    std::unique_lock<std::mutex> lockForRouting();
-    void endRoutingCall();
+    void routePid(std::uint32_t pid);
+    void stopRoutePid(std::uint32_t pid);
     std::unique_lock<std::mutex> lockForRelease();
 
     std::shared_ptr<spdlog::logger> m_Logger;
@@ -75,13 +68,13 @@ private:
     std::stop_token m_ProgramStop;
     TsFile m_InputFile;                           // the streaming thread's, once that runs
     std::mutex m_FilterLock;                      // taken before the dispatcher's write lock, never after it
-    std::atomic<int> m_RoutingCalls = 0;          // that wait for m_FilterLock, and holds
+    std::atomic<bool> m_RoutingWaits = false;     // changeRoutes() waits for m_FilterLock
     std::unique_ptr<IRateAdapter> m_RateAdapter;  // the streaming thread's
     PacketDispatcher& m_Dispatcher;
     Ts::Misc::PidFilter m_PidFilter;  // guarded by m_FilterLock
     std::atomic<bool> m_Stop = false;
-    std::deque<Ts::LowlevInTSPacket>
-        m_PacketQueue;     // the streaming thread's: what the adapter holds, in file order
+    // The streaming thread's: what the adapter holds, in file order.
+    std::deque<Ts::LowlevInTSPacket> m_PacketQueue;
     std::thread m_Thread;  // guarded by m_FilterLock
 };
 

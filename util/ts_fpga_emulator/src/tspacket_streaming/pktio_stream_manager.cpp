@@ -1,7 +1,6 @@
 #include "tspacket_streaming/pktio_stream_manager.h"
 
 #include <exception>
-#include <system_error>
 #include <utility>
 
 #include "tspacket_streaming/max_rate_adapter.h"
@@ -32,116 +31,100 @@ PktioStreamManager::PktioStreamManager(PacketDispatcher& dispatcher, StreamMode 
 
 PktioStreamManager::~PktioStreamManager() {
     Log::debug(*m_Logger, "Destroy PktioStreamManager");
-    m_RoutedStream.reset();
     m_PendingRoutes.clear();
     m_ToCpuPktioStreams.clear();
 }
 
 void PktioStreamManager::handleEvent(std::unique_ptr<FPGAMonEvent> event) {
-    dispatchEvent(*event);
-}
-
-void PktioStreamManager::handleChangeEnd() {
-    m_InChange = false;
-    m_RoutedStream.reset();
-}
-
-void PktioStreamManager::dispatchEvent(const FPGAMonEvent& event) noexcept {
     try {
-        switch (event.getType()) {
+        switch (event->getType()) {
             case FPGAMonEventType::InputTSAdded:
-                handleInputTsAdd(static_cast<const FPGAMonEvent_InputTSAdded&>(event));
+                handleInputTsAdd(static_cast<const FPGAMonEvent_InputTSAdded&>(*event));
                 break;
             case FPGAMonEventType::InputTSRemoved:
-                handleInputTsRemove(static_cast<const FPGAMonEvent_InputTSRemoved&>(event));
+                handleInputTsRemove(static_cast<const FPGAMonEvent_InputTSRemoved&>(*event));
                 break;
             case FPGAMonEventType::CPUPIDAdded:
-                handleCpuRouteAdd(static_cast<const FPGAMonEvent_CPUPIDAdded&>(event));
+                handleCpuRouteAdd(static_cast<const FPGAMonEvent_CPUPIDAdded&>(*event));
                 break;
             case FPGAMonEventType::CPUPIDRemoved:
-                handleCpuRouteRemove(static_cast<const FPGAMonEvent_CPUPIDRemoved&>(event));
+                handleCpuRouteRemove(static_cast<const FPGAMonEvent_CPUPIDRemoved&>(*event));
                 break;
         }
     } catch (const std::exception& e) {
-        Log::error(*m_Logger, "This change of the tables is not followed: {}", e.what());
+        Log::error(*m_Logger, "This change of the tables has no effect: {}", e.what());
+    }
+}
+
+void PktioStreamManager::handleChangeEnd() {
+    for (auto& [tsiidx, input] : m_ToCpuPktioStreams) {
+        if (input.routes.empty()) {
+            continue;
+        }
+        try {
+            input.stream->changeRoutes(input.routes);
+        } catch (const std::exception& e) {
+            Log::error(*m_Logger, "Stream of TSIIDX {} cannot start, its next route will try again: {}",
+                       tsiidx, e.what());
+        }
+        input.routes.clear();
     }
 }
 
 void PktioStreamManager::handleInputTsAdd(const FPGAMonEvent_InputTSAdded& event) {
-    Log::info(*m_Logger, "Detected added input TS: {} @ TSIIDX {}", event.getUri(), event.getTSIIDX());
+    const std::uint32_t tsiidx = event.getTSIIDX();
+    Log::info(*m_Logger, "Detected added input TS: {} @ TSIIDX {}", event.getUri(), tsiidx);
     const auto file = m_Files.find(event.getUri());
     if (file == m_Files.end() || file->second.empty()) {
         return;
     }
-    if (const auto playing = m_ToCpuPktioStreams.find(event.getTSIIDX());
-        playing != m_ToCpuPktioStreams.end()) {
+    if (const auto playing = m_ToCpuPktioStreams.find(tsiidx); playing != m_ToCpuPktioStreams.end()) {
         Log::warning(*m_Logger, "Input TS {} is not played: TSIIDX {} already plays {}", event.getUri(),
-                     event.getTSIIDX(), playing->second.uri);
+                     tsiidx, playing->second.uri);
         return;
     }
-    auto stream = std::make_unique<PktioStreamIn>(file->second, event.getTSIIDX(),
-                                                  makeRateAdapter(m_Mode, m_Stop), m_Dispatcher, m_Stop);
-    m_ToCpuPktioStreams.emplace(event.getTSIIDX(), InputStream{event.getUri(), std::move(stream)});
-    replayPendingRoutes(event.getTSIIDX());
+    auto stream = std::make_unique<PktioStreamIn>(file->second, tsiidx, makeRateAdapter(m_Mode, m_Stop),
+                                                  m_Dispatcher, m_Stop);
+    m_ToCpuPktioStreams.emplace(tsiidx, InputStream{event.getUri(), std::move(stream), {}});
+    replayPendingRoutes(tsiidx);
 }
 
 void PktioStreamManager::handleInputTsRemove(const FPGAMonEvent_InputTSRemoved& event) {
     Log::info(*m_Logger, "Detected removed input TS: {} @ TSIIDX {}", event.getUri(), event.getTSIIDX());
-    m_RoutedStream.reset();
     m_ToCpuPktioStreams.erase(event.getTSIIDX());
 }
 
 void PktioStreamManager::handleCpuRouteAdd(const FPGAMonEvent_CPUPIDAdded& event) {
     Log::info(*m_Logger, "Detected added CPU route of PID {} from TSIIDX {}", event.getPID(),
               event.getTSIIDX());
-    PktioStreamIn* const stream = findStreamOrKeep(event);
-    if (stream == nullptr) {
-        return;
-    }
-    try {
-        stream->routePid(event.getPID());
-    } catch (const std::system_error& e) {
-        Log::error(*m_Logger, "Stream of TSIIDX {} cannot start, the next route will try again: {}",
-                   event.getTSIIDX(), e.what());
-    }
+    noteRoute(event.getTSIIDX(), {event.getPID(), true});
 }
 
 void PktioStreamManager::handleCpuRouteRemove(const FPGAMonEvent_CPUPIDRemoved& event) {
     Log::info(*m_Logger, "Detected removed CPU route of PID {} from TSIIDX {}", event.getPID(),
               event.getTSIIDX());
-    if (PktioStreamIn* const stream = findStreamOrKeep(event)) {
-        stream->stopRoutePid(event.getPID());
-    }
+    noteRoute(event.getTSIIDX(), {event.getPID(), false});
 }
 
-/// The stream that a route event is for, held until the change is complete; without one the event is kept for
-/// it.
-template <typename RouteEventKind>
-PktioStreamIn* PktioStreamManager::findStreamOrKeep(const RouteEventKind& event) {
-    const auto input = m_ToCpuPktioStreams.find(event.getTSIIDX());
+void PktioStreamManager::noteRoute(std::uint32_t tsiidx, PktioStreamIn::RouteChange change) {
+    const auto input = m_ToCpuPktioStreams.find(tsiidx);
     if (input == m_ToCpuPktioStreams.end()) {
-        m_PendingRoutes.emplace_back(event);
-        return nullptr;
+        m_PendingRoutes.push_back({tsiidx, change});
+    } else {
+        input->second.routes.push_back(change);
     }
-    PktioStreamIn& stream = *input->second.stream;
-    if (m_InChange && (!m_RoutedStream || m_RoutedStream->tsiidx != event.getTSIIDX())) {
-        m_RoutedStream.emplace(event.getTSIIDX(), stream);
-    }
-    return &stream;
 }
 
-/// Routes that arrived before their input are followed now, in the order of their arrival.
+/// Routes that arrived before their input are handled again now, in the order of their arrival.
 void PktioStreamManager::replayPendingRoutes(std::uint32_t tsiidx) {
-    std::list<RouteEvent> due;
-    for (auto route = m_PendingRoutes.begin(); route != m_PendingRoutes.end();) {
-        const auto current = route++;
-        if (std::visit([](const auto& event) { return event.getTSIIDX(); }, *current) == tsiidx) {
-            due.splice(due.end(), m_PendingRoutes, current);
+    for (const PendingRoute& route : m_PendingRoutes) {
+        if (route.tsiidx == tsiidx && route.change.isRouted) {
+            handleCpuRouteAdd({tsiidx, route.change.pid});
+        } else if (route.tsiidx == tsiidx) {
+            handleCpuRouteRemove({tsiidx, route.change.pid});
         }
     }
-    for (const RouteEvent& route : due) {
-        std::visit([this](const auto& event) { dispatchEvent(event); }, route);
-    }
+    std::erase_if(m_PendingRoutes, [&](const PendingRoute& route) { return route.tsiidx == tsiidx; });
 }
 
 }  // namespace Vel::Utils

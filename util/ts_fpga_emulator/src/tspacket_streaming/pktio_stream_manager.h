@@ -1,13 +1,11 @@
 #pragma once
 
 #include <cstdint>
-#include <list>
 #include <memory>
-#include <optional>
 #include <stop_token>
 #include <string>
 #include <unordered_map>
-#include <variant>
+#include <vector>
 
 #include "fpga_monitoring/fpga_mon_event.h"
 #include "fpga_monitoring/ifpga_event_consumer.h"
@@ -36,43 +34,37 @@ public:
     /// Pending routes go first, then the streams end.
     ~PktioStreamManager() override;
 
-    /// Never throws. What an event cannot get, a thread or memory, is logged, and nothing else suffers.
+    /// Never throws. An event that cannot be followed, because memory is short for example, is logged, and
+    /// nothing else suffers.
     void handleEvent(std::unique_ptr<FPGAMonEvent> event) override;
-    void handleChangeBegin() override { m_InChange = true; }
+    /// Gives every stream the routes that the change brought it, all at once: the hardware, too, sees them
+    /// change together. So a stream that starts plays all of them from its first packet, and a row that is
+    /// only rewritten, a removal and an addition, loses no packet.
     void handleChangeEnd() override;
 
 private:
-    using RouteEvent = std::variant<FPGAMonEvent_CPUPIDAdded, FPGAMonEvent_CPUPIDRemoved>;
     struct InputStream {
         std::string uri;
         std::unique_ptr<PktioStreamIn> stream;
+        std::vector<PktioStreamIn::RouteChange> routes;  // of the change in progress
     };
-    /// A stream is held while the routes of one change are opened and closed on it one after the other: the
-    /// hardware sees them change at once, so a stream that starts plays all of them from its first packet on,
-    /// and a route that is only rewritten loses no packet. Never more than one is held, so no stream waits
-    /// for another one's batch.
-    struct RoutedStream {
-        RoutedStream(std::uint32_t index, PktioStreamIn& stream) : tsiidx(index), hold(stream) {}
+    struct PendingRoute {
         std::uint32_t tsiidx;
-        PktioStreamIn::ReleaseHold hold;
+        PktioStreamIn::RouteChange change;
     };
 
-    void dispatchEvent(const FPGAMonEvent& event) noexcept;
     void handleInputTsAdd(const FPGAMonEvent_InputTSAdded& event);
     void handleInputTsRemove(const FPGAMonEvent_InputTSRemoved& event);
     void handleCpuRouteAdd(const FPGAMonEvent_CPUPIDAdded& event);
     void handleCpuRouteRemove(const FPGAMonEvent_CPUPIDRemoved& event);
-    template <typename RouteEventKind>
-    PktioStreamIn* findStreamOrKeep(const RouteEventKind& event);
+    void noteRoute(std::uint32_t tsiidx, PktioStreamIn::RouteChange change);
     void replayPendingRoutes(std::uint32_t tsiidx);
 
     std::shared_ptr<spdlog::logger> m_Logger;
     PacketDispatcher& m_Dispatcher;
     UriFileList m_Files;
     std::unordered_map<std::uint32_t, InputStream> m_ToCpuPktioStreams;  // by TSIIDX
-    bool m_InChange = false;
-    std::optional<RoutedStream> m_RoutedStream;  // only within a change
-    std::list<RouteEvent> m_PendingRoutes;       // of inputs without stream, as they arrived
+    std::vector<PendingRoute> m_PendingRoutes;  // of inputs without a stream, in order
     StreamMode m_Mode;
     std::stop_token m_Stop;
 };

@@ -24,11 +24,13 @@ constexpr std::size_t BLOCK_SIZE = 64 * 1024;
 TsFile::TsFile(std::string path, std::function<bool()> stopRequested)
     : m_Path(std::move(path)),
       m_StopRequested(std::move(stopRequested)),
-      m_File(::open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
+      m_File(::open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)),
+      m_Error(m_File.isOpen() ? 0 : errno) {}
 
 bool TsFile::readPacket(std::span<std::uint8_t, Ts::TS_PACKET_SIZE> packet) {
     while (m_Filled - m_Position < packet.size()) {
         if (!fill()) {
+            throwIfFailed();
             return false;
         }
     }
@@ -44,28 +46,37 @@ bool TsFile::isAtEnd() {
     return m_Position == m_Filled && m_EndOfFile;
 }
 
-/// Appends what one read gives to the unread rest of the block. False at the end of the file and on a stop
-/// request.
+void TsFile::throwIfFailed() const {
+    if (m_Error != 0) {
+        throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Path + "\"", __FILE__,
+                               __LINE__, CppUtil::errnoText(m_Error));
+    }
+}
+
+/// Appends what one read gives to the unread rest of the block. False at the end of the file, after a failure
+/// and on a stop request.
 bool TsFile::fill() {
-    if (m_EndOfFile) {
+    if (m_EndOfFile || m_Error != 0) {
         return false;
     }
     m_Block.resize(BLOCK_SIZE);
     std::copy(m_Block.begin() + static_cast<std::ptrdiff_t>(m_Position),
               m_Block.begin() + static_cast<std::ptrdiff_t>(m_Filled), m_Block.begin());
     m_Filled -= std::exchange(m_Position, 0);
-    // A FIFO is waited for also before its first writer, when a read would take it as ended: poll() tells the
-    // two apart, since a FIFO hangs up only once a writer has left.
-    while (!m_File.isOpen() || m_File.waitFor(POLLIN, m_StopRequested)) {
+    // Before its first writer, a read would take a FIFO as ended. poll() waits then: a FIFO hangs up only
+    // once a writer has left.
+    while (m_File.waitFor(POLLIN, m_StopRequested)) {
         const ssize_t got = ::read(m_File.get(), m_Block.data() + m_Filled, m_Block.size() - m_Filled);
-        if (got < 0 && errno != EAGAIN && errno != EINTR) {
-            throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Path + "\"", __FILE__,
-                                   __LINE__);
-        }
         if (got >= 0) {
             m_Filled += static_cast<std::size_t>(got);
             m_EndOfFile = got == 0;
             return !m_EndOfFile;
+        }
+        if (errno == EAGAIN) {
+            CppUtil::FileDescriptor::pauseBeforeRetry();
+        } else if (errno != EINTR) {
+            m_Error = errno;
+            return false;
         }
     }
     return false;

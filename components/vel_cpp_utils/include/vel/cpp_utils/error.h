@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <exception>
 #include <string>
+#include <utility>
 
 namespace Vel {
 
@@ -66,14 +67,14 @@ public:
 /// Reading from or writing to a file or device failed.
 class IOError : public Error {
 public:
-    /// @param error errno value of the system call that failed, 0 for none
-    IOError(const std::string& detail, const char* file, int line, int error = 0)
-        : Error("IOErrorr: " + detail, file, line), m_Error(error) {}
+    /// @param reason what the system says of the failure, for example errnoText(errno); not part of what()
+    IOError(const std::string& detail, const char* file, int line, std::string reason = {})
+        : Error("IOErrorr: " + detail, file, line), m_Reason(std::move(reason)) {}
 
-    int getErrno() const { return m_Error; }
+    const std::string& getReason() const { return m_Reason; }
 
 private:
-    int m_Error;
+    std::string m_Reason;
 };
 
 }  // namespace CppUtil

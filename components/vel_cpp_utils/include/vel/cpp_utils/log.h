@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <spdlog/logger.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -42,6 +43,11 @@ private:
     spdlog::level::level_enum m_DefaultLevel;
     std::vector<spdlog::sink_ptr> m_Sinks;
 };
+
+/// Waits until the worker has written every queued line. False as soon as nobody has taken anything from
+/// standard output for `patience`, for example because it is a full pipe that nobody reads. For the end of
+/// the program: no other thread may log meanwhile.
+bool drain(std::chrono::milliseconds patience);
 
 /// Replaces the process-wide log system. Thread-safe.
 void setLogsystem(std::unique_ptr<ILogsystem> logsystem);

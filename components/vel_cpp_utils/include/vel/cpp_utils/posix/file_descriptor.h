@@ -3,7 +3,9 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace Vel::CppUtil {
@@ -39,6 +41,10 @@ public:
         }
         return false;
     }
+
+    /// For a device that answers EAGAIN although waitFor() reports it ready, as a driver without poll support
+    /// does: keeps the caller from asking without pause.
+    static void pauseBeforeRetry() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
 private:
     int m_Fd;

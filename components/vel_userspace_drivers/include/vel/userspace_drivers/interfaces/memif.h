@@ -42,6 +42,10 @@ public:
     /// Throws when what has been read may not be the device's memory any more. It may make a system call, so
     /// it is not part of every access: who finds a change asks it before acting on it.
     virtual void verifyMemory() const {}
+
+    /// Makes a memory that was lost accessible again, if that is possible by now; returns whether it did.
+    /// Makes no system call while nothing is lost.
+    virtual bool restoreMemory() { return false; }
 };
 
 }  // namespace Vel::Drivers

@@ -9,6 +9,15 @@
 /// the start of the device. Bits that no field names are written 0 and ignored when read.
 namespace Vel::Drivers::Zep {
 
+/// A device with tables: its default path, and the bytes that are mapped.
+struct DeviceInfo {
+    const char* path;
+    std::uint32_t size;
+};
+inline constexpr DeviceInfo TSIO_DEVICE{"/dev/zeptsif_iplut", 16 * 1024};
+inline constexpr DeviceInfo ROUTER_DEVICE{"/dev/zeptsif_pidlut", 128 * 1024};
+inline constexpr const char* PKTIO_DEVICE_PATH = "/dev/zeptsif_pktio";
+
 inline constexpr Range TSIIDX_RANGE{0, 255};       ///< input transport streams
 inline constexpr Range TSOIDX_RANGE{0, 255};       ///< output transport streams
 inline constexpr Range PID_RANGE{0, 8191};         ///< packet identifiers (ISO/IEC 13818-1, 2.4.3.2)
