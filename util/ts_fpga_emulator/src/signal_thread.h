@@ -6,21 +6,19 @@
 
 namespace Vel::Utils {
 
-/// Takes SIGINT and SIGTERM off the process and hands them to a callback on one dedicated thread, one after
-/// the other, where everything may be done that a signal handler may not. Constructed and destroyed on the
-/// main thread.
+/// Takes SIGINT and SIGTERM from the process and hands them to a callback on a dedicated thread, one after
+/// the other. Unlike a signal handler, the callback may do anything. Constructed and destroyed on the main
+/// thread.
 class SignalThread {
 public:
     /// Blocks the two signals in the calling thread and, by inheritance, in every thread that it starts
-    /// later; call it before the first one. They then wait until a SignalThread takes them. Their action
-    /// becomes the default one, since a parent may have had them ignored, and an ignored signal never
-    /// arrives.
+    /// later; call it before the first one. They are pending then until a SignalThread takes them. Their
+    /// action becomes the default one: a parent may have ignored them, and an ignored signal never arrives.
     static void blockSignals();
 
     /// @param onSignal called with SIGINT or SIGTERM; must not throw
     explicit SignalThread(std::function<void(int)> onSignal);
-    /// Waits for the callback in progress. The signals stay blocked, so that a late one cannot end the
-    /// process.
+    /// Waits for the callback in progress. The signals stay blocked, so a late one cannot end the process.
     ~SignalThread();
     SignalThread(const SignalThread&) = delete;
     SignalThread& operator=(const SignalThread&) = delete;

@@ -14,6 +14,7 @@
 #include "fpga_monitoring/pidlut_monitor.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
+#include "vel/ts_basics/zep_record.h"
 #include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
@@ -21,7 +22,9 @@ namespace Vel::Utils {
 
 namespace {
 
-static_assert(Drivers::Zep::PID_RANGE.max + 1 == Ts::PID_COUNT, "rows and packets share the PID's range");
+static_assert(Drivers::Zep::PID_RANGE.max + 1 == Ts::PID_COUNT &&
+                  Drivers::Zep::TSIIDX_RANGE.max + 1 == Ts::TSIIDX_COUNT,
+              "table rows and packets agree on the ranges that they share");
 
 /// Whether a write does not have to wait long. A full pipe that nobody reads, or a stopped terminal, must not
 /// keep the program from ending.

@@ -146,7 +146,7 @@ TEST_F(EmulatorTest, AClockThatJumpsBackHoldsUpNeitherTheEndNorTheRestOfTheFile)
     EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100}));
 }
 
-TEST_F(EmulatorTest, ATruncatedControlFileIsToldOnceAndRemovesNothing) {
+TEST_F(EmulatorTest, ATruncatedControlFileIsReportedOnceAndMonitoredAgainWithItsSizeBack) {
     const Bytes stream = makeStream({0x100, 0x101}, 1000);
     startAndWait(link(1, stream));
     setInput(0, 1, 3);
@@ -162,9 +162,24 @@ TEST_F(EmulatorTest, ATruncatedControlFileIsToldOnceAndRemovesNothing) {
     ASSERT_TRUE(emulator->waitForLog("[error] PCI Error: Cannot access device memory. Device " +
                                      router.path().string()));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(emulator->terminate(), 0);
     EXPECT_EQ(emulator->countLog("[error]"), 2U);
     EXPECT_EQ(emulator->countLog("[info] Detected removed"), 0U);
+    // A file that has its size back is monitored again, with what it holds now.
+    for (int round = 1; round <= 2; ++round) {
+        ASSERT_EQ(::truncate(tsio.path().c_str(), 0), 0);
+        ASSERT_TRUE(emulator->waitForLog(
+            "[error] PCI Error: Cannot access device memory. Device " + tsio.path().string(),
+            static_cast<std::size_t>(round)));
+        ASSERT_EQ(::truncate(tsio.path().c_str(), TSIO_SIZE), 0);
+        ASSERT_TRUE(emulator->waitForLog("[info] The IP LUT can be read again, monitoring continues",
+                                         static_cast<std::size_t>(round)));
+        ASSERT_TRUE(emulator->waitForLog("[info] Detected removed input TS: udp://239.1.2.1:5000 @ TSIIDX 3",
+                                         static_cast<std::size_t>(round)));
+        setInput(0, 1, 3);
+        ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.1:5000 @ TSIIDX 3",
+                                         static_cast<std::size_t>(round) + 1));
+    }
+    EXPECT_EQ(emulator->terminate(), 0);
 }
 
 /// Within a page no access fails: the rest of the page reads as zeros, as rows that are gone.

@@ -296,6 +296,10 @@ TEST_P(LutMonitorTest, FileTruncatedUnderTheMappingIsNotTakenForAnEmptyTable) {
                         AllOf(StartsWith("PCI Error: "), HasSubstr(path)));
             EXPECT_THAT(m_Consumer.takeEvents(), IsEmpty());
         }
+        // With its size back, it is the file's content that counts: no row is left.
+        std::filesystem::resize_file(path, 0);
+        std::filesystem::resize_file(path, TableMemory::SIZE);
+        EXPECT_THAT(poll(), ElementsAre(removed(0, 5), removed(1, 5)));
     }
 }
 

@@ -3,12 +3,11 @@
 #include <cstdint>
 #include <string>
 
+#include "vel/cpp_utils/posix/file_descriptor.h"
+#include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
 namespace Vel::Zepctl {
-
-inline constexpr std::uint32_t TSIO_SIZE = 16384;     ///< bytes of the tsio device that hold tables
-inline constexpr std::uint32_t ROUTER_SIZE = 131072;  ///< bytes of the router device that hold tables
 
 /// A device with tables, or the file that stands in for it.
 struct Device {
@@ -21,12 +20,9 @@ class FileLock {
 public:
     /// Waits for whoever holds it. Throws DeviceError when the file cannot be locked.
     explicit FileLock(const std::string& path);
-    ~FileLock();
-    FileLock(const FileLock&) = delete;
-    FileLock& operator=(const FileLock&) = delete;
 
 private:
-    int m_FileDescriptor;
+    CppUtil::FileDescriptor m_File;
 };
 
 /// The memory of a device for as long as no other zepctl may touch it: who reads a table, changes it and

@@ -41,14 +41,32 @@ void runCommand(CLI::App& app, int argc, char** argv) {
     }
 }
 
+/// The library takes a mistyped command for a missing one. Says which word is no command, and which there
+/// are; empty when no word is left over.
+std::string describeUnknownCommand(const CLI::App& app) {
+    const CLI::App* parent = &app;
+    while (!parent->get_subcommands().empty()) {
+        parent = parent->get_subcommands().front();
+    }
+    const auto rest = parent->remaining(true);
+    if (rest.empty() || parent->get_require_subcommand_min() == 0) {
+        return "";
+    }
+    std::string names;
+    for (const CLI::App* command : parent->get_subcommands({})) {
+        names += (names.empty() ? "" : ", ") + command->get_name();
+    }
+    return "\"" + rest.front() + "\" is not a command of " + parent->get_name() + "; the commands are " +
+           names;
+}
+
 int run(CLI::App& app, int argc, char** argv) {
     try {
         runCommand(app, argc, argv);
         return DONE;
     } catch (const CLI::RequiredError& error) {
-        // A mistyped command counts as none at all, so say what was found in its place.
-        const std::string rest = CLI::detail::join(app.remaining(true), " ");
-        return fail(WRONG_USE, UsageError(error.what() + (rest.empty() ? "" : ", found " + rest)));
+        const std::string unknown = describeUnknownCommand(app);
+        return unknown.empty() ? fail(WRONG_USE, error) : fail(WRONG_USE, UsageError(unknown));
     } catch (const CLI::ParseError& error) {
         return fail(WRONG_USE, error);
     } catch (const UsageError& error) {

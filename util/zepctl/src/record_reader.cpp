@@ -52,7 +52,9 @@ std::span<const std::uint8_t> RecordReader::read() {
     std::copy(torn, torn + static_cast<std::ptrdiff_t>(m_Torn), m_Block.begin());
     m_Given = 0;
     const ssize_t got = ::read(m_File.get(), m_Block.data() + m_Torn, m_Block.size() - m_Torn);
-    if (got < 0 && errno != EAGAIN && errno != EINTR) {
+    if (got < 0 && errno == EAGAIN) {
+        CppUtil::FileDescriptor::pauseBeforeRetry();
+    } else if (got < 0 && errno != EINTR) {
         throw systemError("Cannot read " + m_Name);
     }
     m_AtEnd = got == 0;

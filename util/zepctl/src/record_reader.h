@@ -39,7 +39,7 @@ public:
     std::uint64_t getSize() const;
 
 private:
-    RecordDescriptor m_File;
+    CppUtil::FileDescriptor m_File;
     std::string m_Name;  // for messages
     bool m_PlainFile = false;
     bool m_AtEnd = false;

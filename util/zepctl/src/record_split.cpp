@@ -16,9 +16,9 @@ constexpr std::size_t BLOCK_PACKETS = 256;
 constexpr mode_t NEW_FILE_MODE = 0666;
 
 /// Not truncated by the opening, which would empty the source if it is the same file.
-int openForWriting(const std::string& path, int source) {
-    RecordDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
-    if (file.get() == -1) {
+CppUtil::FileDescriptor openForWriting(const std::string& path, int source) {
+    CppUtil::FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
+    if (!file.isOpen()) {
         throw systemError("Cannot create " + path);
     }
     struct stat target {};
@@ -32,7 +32,7 @@ int openForWriting(const std::string& path, int source) {
     if (S_ISREG(target.st_mode) && ::ftruncate(file.get(), 0) == -1) {
         throw systemError("Cannot empty " + path);
     }
-    return file.release();
+    return file;
 }
 
 }  // namespace
@@ -66,7 +66,7 @@ void TsOutput::flush() {
 
 void TsOutput::close() {
     flush();
-    if (::close(m_File.release()) == -1) {
+    if (!m_File.close()) {
         throw systemError("Cannot write " + m_Path);
     }
 }

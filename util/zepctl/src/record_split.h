@@ -32,7 +32,7 @@ private:
     void flush();
 
     std::string m_Path;
-    RecordDescriptor m_File;
+    CppUtil::FileDescriptor m_File;
     std::vector<std::uint8_t> m_Block;
     std::uint64_t m_Packets = 0;
 };

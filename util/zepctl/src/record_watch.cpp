@@ -35,7 +35,7 @@ public:
             ::sigaddset(&m_Signals, signal);
         }
         ::sigprocmask(SIG_BLOCK, &m_Signals, &m_Former);
-        m_Pending = RecordDescriptor(::signalfd(-1, &m_Signals, SFD_NONBLOCK | SFD_CLOEXEC));
+        m_Pending = CppUtil::FileDescriptor(::signalfd(-1, &m_Signals, SFD_NONBLOCK | SFD_CLOEXEC));
         if (m_Pending.get() == -1) {
             throw systemError("Cannot wait for signals");
         }
@@ -54,7 +54,7 @@ public:
 private:
     sigset_t m_Signals{};
     sigset_t m_Former{};
-    RecordDescriptor m_Pending;
+    CppUtil::FileDescriptor m_Pending;
 };
 
 /// The terminal's second screen, with the cursor hidden; what stood on the first one comes back with the end.

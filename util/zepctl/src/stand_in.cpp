@@ -10,6 +10,7 @@
 
 #include "errors.h"
 #include "locked_device.h"
+#include "record_descriptor.h"
 
 namespace Vel::Zepctl {
 
@@ -24,7 +25,7 @@ void checkTarget(const fs::path& path, fs::file_type wanted, bool force) {
     }
     const bool isFifo = wanted == fs::file_type::fifo;
     if (fs::status(path).type() != wanted) {
-        throw DeviceError(path.string() + " exists already and is no " + (isFifo ? "FIFO" : "plain file") +
+        throw DeviceError(path.string() + " exists already and is not a " + (isFifo ? "FIFO" : "plain file") +
                           "; remove it");
     }
     if (!force) {
@@ -50,8 +51,7 @@ void createTables(const fs::path& path, std::uint32_t size) {
 
 void createFifo(const fs::path& path) {
     if (::mkfifo(path.c_str(), 0666) != 0 && errno != EEXIST) {
-        throw DeviceError("Cannot make the FIFO " + path.string() + ": " +
-                          std::generic_category().message(errno));
+        throw systemError("Cannot make the FIFO " + path.string());
     }
 }
 
@@ -81,8 +81,8 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
     if (error) {
         throw DeviceError("Cannot create directory \"" + directory + "\": " + error.message());
     }
-    createTables(path / "tsio", TSIO_SIZE);
-    createTables(path / "router", ROUTER_SIZE);
+    createTables(path / "tsio", Drivers::Zep::TSIO_DEVICE.size);
+    createTables(path / "router", Drivers::Zep::ROUTER_DEVICE.size);
     if (withFifo) {
         createFifo(path / "pktio");
     }

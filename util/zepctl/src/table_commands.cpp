@@ -27,8 +27,8 @@ namespace Zep = Drivers::Zep;
 
 /// Filled by the options in front of the command, so read in its callback only.
 struct Devices {
-    Device tsio{"/dev/zeptsif_iplut", TSIO_SIZE};
-    Device router{"/dev/zeptsif_pidlut", ROUTER_SIZE};
+    Device tsio{Zep::TSIO_DEVICE.path, Zep::TSIO_DEVICE.size};
+    Device router{Zep::ROUTER_DEVICE.path, Zep::ROUTER_DEVICE.size};
 };
 using SharedDevices = std::shared_ptr<const Devices>;
 

@@ -66,7 +66,7 @@ protected:
         }
     }
 
-    WatchedTable<Utils::IpLutMonitor> table{TSIO_SIZE};
+    WatchedTable<Utils::IpLutMonitor> table{Drivers::Zep::TSIO_DEVICE.size};
     std::shared_ptr<WatchedMemory> memory = table.memory;
 };
 

@@ -154,7 +154,8 @@ TEST_F(ProgramTest, ErrorsAreOneLineAndHaveTheirExitStatus) {
         const char* text;
     } cases[] = {
         {"", 2, "required"},
-        {"inptu list", 2, "inptu"},
+        {"inptu list", 2, "\"inptu\" is not a command of zepctl; the commands are create, input, "},
+        {"input foo", 2, "\"foo\" is not a command of input; the commands are add, remove, list"},
         {"\"$(printf '\\033[2J\\nlist')\"", 2, "?[2J?list"},
         {"input", 2, "required"},
         {"dump iplutt", 2, "iplutt"},
@@ -216,8 +217,8 @@ TEST_F(ProgramTest, CreateMakesEmptyTablesAndPrintsHowToUseThem) {
     EXPECT_EQ(outputOf("create --fifo \"" + zep + "\""),
               "zeptfem -t '" + path("new/it'\\''s/tsio") + "' -r '" + path("new/it'\\''s/router") + "' -P '" +
                   path("new/it'\\''s/pktio") + "' -f \"udp://239.1.2.3:5000 FILE.ts\"\n");
-    EXPECT_EQ(contentOf(zep + "/tsio"), std::string(TSIO_SIZE, '\0'));
-    EXPECT_EQ(contentOf(zep + "/router"), std::string(ROUTER_SIZE, '\0'));
+    EXPECT_EQ(contentOf(zep + "/tsio"), std::string(Drivers::Zep::TSIO_DEVICE.size, '\0'));
+    EXPECT_EQ(contentOf(zep + "/router"), std::string(Drivers::Zep::ROUTER_DEVICE.size, '\0'));
     EXPECT_TRUE(fs::is_fifo(zep + "/pktio"));
 
     fs::remove(zep + "/router");
@@ -234,7 +235,7 @@ TEST_F(ProgramTest, CreateMakesEmptyTablesAndPrintsHowToUseThem) {
     std::ofstream(zep + "/pktio") << "records";
     const Outcome noFifo = run(forced);
     EXPECT_EQ(noFifo.status, 3);
-    EXPECT_EQ(noFifo.errors, "zepctl: " + zep + "/pktio exists already and is no FIFO; remove it\n");
+    EXPECT_EQ(noFifo.errors, "zepctl: " + zep + "/pktio exists already and is not a FIFO; remove it\n");
     EXPECT_EQ(contentOf(zep + "/tsio"), "mine");
     fs::remove(zep + "/tsio");
     fs::create_directory(zep + "/tsio");
@@ -250,9 +251,10 @@ TEST_F(ProgramTest, ForceEmptiesAMappedTableInPlaceAndNeverShortensIt) {
     const std::span bytes(static_cast<char*>(mapping), 20000);
     std::ranges::fill(bytes, 'x');
     outputOf("create --force " + path("zep"));
-    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), std::string(TSIO_SIZE, '\0') + std::string(3616, 'x'));
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()),
+              std::string(Drivers::Zep::TSIO_DEVICE.size, '\0') + std::string(3616, 'x'));
     EXPECT_EQ(fs::file_size(path("zep/tsio")), 20000U);
-    EXPECT_EQ(fs::file_size(path("zep/router")), ROUTER_SIZE);
+    EXPECT_EQ(fs::file_size(path("zep/router")), Drivers::Zep::ROUTER_DEVICE.size);
     ::munmap(mapping, bytes.size());
     ::close(file);
 }

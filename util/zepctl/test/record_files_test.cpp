@@ -54,7 +54,7 @@ TEST(RecordReader, WaitsForTheWriterOfAFifoAndMendsRecordsThatComeInPieces) {
     EXPECT_EQ(reader.getSize(), 0U);
     const Bytes stream = join(numberedRecords(40));
     std::thread writer([&] {
-        const RecordDescriptor file(::open(fifo.c_str(), O_WRONLY));
+        const CppUtil::FileDescriptor file(::open(fifo.c_str(), O_WRONLY));
         for (std::size_t at = 0; at < stream.size(); at += 100) {
             EXPECT_GT(::write(file.get(), &stream[at], std::min<std::size_t>(100, stream.size() - at)), 0);
         }
@@ -90,7 +90,7 @@ TEST(RecordReader, NamesWhatCannotBeRead) {
 class Split : public testing::Test {
 protected:
     const ScratchDirectory m_Scratch;
-    const RecordDescriptor m_Source{::open("/dev/null", O_RDONLY)};
+    const CppUtil::FileDescriptor m_Source{::open("/dev/null", O_RDONLY)};
 
     RecordSplit split(const std::string& directory) const {
         return {m_Scratch.file(directory), m_Source.get()};

@@ -198,7 +198,9 @@ protected:
     }
 
     /// Waits for the watch to read.
-    RecordDescriptor openFifo() const { return RecordDescriptor(::open(m_Fifo.c_str(), O_WRONLY)); }
+    CppUtil::FileDescriptor openFifo() const {
+        return CppUtil::FileDescriptor(::open(m_Fifo.c_str(), O_WRONLY));
+    }
 
     /// The output, after the watch ended by itself and with success.
     std::string finish() const {
@@ -213,7 +215,7 @@ protected:
 TEST_F(WatchProcess, EndsWithItsSummaryWhenTheWriterLeaves) {
     const Bytes stream = join({{.counter = 1}, {.counter = 3}});
     {
-        const RecordDescriptor writer = openFifo();
+        const CppUtil::FileDescriptor writer = openFifo();
         ASSERT_EQ(::write(writer.get(), stream.data(), stream.size() - 1), 383);
     }
     EXPECT_THAT(finish(),
@@ -221,7 +223,7 @@ TEST_F(WatchProcess, EndsWithItsSummaryWhenTheWriterLeaves) {
 }
 
 TEST_F(WatchProcess, EndsWithItsSummaryOnASignal) {
-    const RecordDescriptor writer = openFifo();
+    const CppUtil::FileDescriptor writer = openFifo();
     ::kill(m_Process, SIGTERM);
     EXPECT_THAT(finish(), HasSubstr("s: 0 records, no fault\n"));
 }

@@ -45,7 +45,7 @@ protected:
         memory->putRow(LOWER_BANK + row * PidLutEntry::WORDS, content);
     }
 
-    WatchedTable<Utils::PidLutMonitor> table{ROUTER_SIZE};
+    WatchedTable<Utils::PidLutMonitor> table{Drivers::Zep::ROUTER_DEVICE.size};
     std::shared_ptr<WatchedMemory> memory = table.memory;
 };
 

@@ -14,8 +14,8 @@ enum class FPGAMonEventType : std::uint32_t {
     CPUPIDRemoved = 3,
 };
 
-/// Base of the monitor events. Events are values: the consumer may copy one to keep it. Nothing is validated
-/// here; the values come from decoded table rows.
+/// Base of the monitor events. Events are values: a consumer that keeps one copies it. Nothing is validated
+/// here, since the values come from decoded table rows.
 class FPGAMonEvent {
 public:
     virtual ~FPGAMonEvent() = default;

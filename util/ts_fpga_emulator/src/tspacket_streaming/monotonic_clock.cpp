@@ -9,7 +9,7 @@ namespace Vel::Utils {
 namespace {
 
 constexpr std::uint64_t NS_PER_SECOND = 1'000'000'000;
-/// The longest sleep between two looks at the stop request.
+/// The longest sleep between two checks of the stop request.
 constexpr std::uint64_t SLICE_NS = 100'000'000;
 
 }  // namespace
@@ -21,8 +21,8 @@ std::uint64_t MonotonicClock::getMonotonicNs() const {
 }
 
 void MonotonicClock::sleepNs(std::uint64_t ns, const std::stop_token& stop) const {
-    // Each slice is what is left until the end, so overshoots of the slices do not add up; and a signal that
-    // cuts one short only leads to another.
+    // Each slice is part of what is left until the end, so the overshoots of the slices do not add up. A
+    // slice that a signal cuts short is followed by another.
     const std::uint64_t end = getMonotonicNs() + ns;
     for (std::uint64_t now = end - ns; now < end && !stop.stop_requested(); now = getMonotonicNs()) {
         const std::uint64_t slice = std::min(end - now, SLICE_NS);

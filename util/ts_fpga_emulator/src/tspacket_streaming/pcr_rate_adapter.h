@@ -13,12 +13,12 @@
 namespace Vel::Utils {
 
 /// Replays a stream at the rate at which it was produced. Learns the time per packet from the PCRs of one
-/// PID, holds back up to about ten thousand packets, and lets one packet out per learnt packet delay on
-/// average: batches of 100 leave as fast as they can, and each lasts at least 100 packet delays. A PCR below
-/// its predecessor is taken as a wrap.
+/// PID, holds up to about ten thousand packets, and releases one packet per learnt packet delay on average:
+/// batches of 100 leave as fast as they can, and each lasts at least 100 packet delays. A PCR below its
+/// predecessor is taken as a wrap.
 ///
-/// What it does when is decided by its state; docs/architecture.md has the table. One adapter serves one
-/// stream, on that stream's thread.
+/// The state decides what happens; docs/architecture.md has the table. One adapter serves one stream, on that
+/// stream's thread.
 class PCRRateAdapter final : public IRateAdapter {
 public:
     /// Packets that may be held before the play-out starts, and how many of them a play-out leaves queued.
@@ -30,15 +30,15 @@ public:
     /// No PCR PID yet: the first value that is not a PID.
     static constexpr std::uint32_t NO_PID = Ts::PID_COUNT;
 
-    /// @param stop ends the pacing, not the order: from then on packets leave as fast as they are released
+    /// @param stop ends the pacing: from then on packets leave as fast as they are released
     /// @param clock where time comes from; the system's by default
     explicit PCRRateAdapter(std::stop_token stop = {},
                             std::unique_ptr<const MonotonicClock> clock = std::make_unique<MonotonicClock>());
 
-    /// @throws CppUtil::NotImplementedError for a packet behind the last one
+    /// @throws CppUtil::NotImplementedError for a packet after the last one
     std::int32_t bufferPacket(const Ts::TSPacket& packet, bool last) override;
     std::uint32_t getMaxBufferedPackets() const override { return MAX_BUFFERED_PACKETS; }
-    /// @throws CppUtil::NotImplementedError where no release has been asked for yet
+    /// @throws CppUtil::NotImplementedError before the first release
     void delayPacket() override;
 
     // For the states.
@@ -50,7 +50,7 @@ public:
     /// At least two PCRs have been seen, so that the packet delay is known.
     bool isPacketDelayKnown() const { return m_PcrHistory.size() > 1; }
     std::uint64_t getPacketDelayNs() const { return m_PacketDelayNs; }
-    /// Destroys the present state, which must not use itself afterwards.
+    /// Destroys the current state, which must not use its own object afterwards.
     void setState(std::unique_ptr<Internal::PCRRateAdapterState> state) { m_State = std::move(state); }
     /// The packet's PCR, if it has one and is of the PCR PID; the first packet with a PCR decides that PID
     /// for good.
@@ -76,7 +76,7 @@ private:
     std::uint64_t m_PacketDelayNs = 0;
     std::uint64_t m_LastReleaseNs = 0;  // monotonic; 0: none yet
     std::uint64_t m_BatchStartNs = 0;   // monotonic
-    std::uint32_t m_BatchCount = 0;     // releases in the present batch
+    std::uint32_t m_BatchCount = 0;     // releases in the current batch
     std::stop_token m_Stop;
     std::unique_ptr<const MonotonicClock> m_Clock;
 };

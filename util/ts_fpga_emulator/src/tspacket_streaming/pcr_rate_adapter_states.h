@@ -10,8 +10,8 @@ class PCRRateAdapter;
 
 namespace Internal {
 
-/// What a PCRRateAdapter does with a packet. The states hold no data; they go forwards only, LockPCR,
-/// FillBuffer, PlayOutBuffer, EmptyBuffer, and the last packet leads to EmptyBuffer from each of them.
+/// What a PCRRateAdapter does with a packet. The states hold no data. Their order is LockPCR, FillBuffer,
+/// PlayOutBuffer, EmptyBuffer; none comes back, and the last packet leads to EmptyBuffer from each of them.
 class PCRRateAdapterState {
 public:
     virtual ~PCRRateAdapterState() = default;
@@ -21,7 +21,7 @@ public:
     virtual void packetDelay(PCRRateAdapter& adapter) = 0;
 };
 
-/// Holds every packet until two PCRs are known, or until as many are held as memory is meant for.
+/// Holds every packet until two PCRs are known, or until the buffer is full.
 class PCRRateAdapterState_LockPCR final : public PCRRateAdapterState {
 public:
     std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) override;
@@ -35,15 +35,14 @@ public:
     void packetDelay(PCRRateAdapter& adapter) override;
 };
 
-/// Lets a packet out for each one that comes in, when its time has come, and half of the buffer when it is
-/// full.
+/// Releases a packet for each one that comes in, once a packet delay has passed, and half of a full buffer.
 class PCRRateAdapterState_PlayOutBuffer final : public PCRRateAdapterState {
 public:
     std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) override;
     void packetDelay(PCRRateAdapter& adapter) override;
 };
 
-/// The last packet has come: what is left goes out.
+/// The last packet has come: the rest is released.
 class PCRRateAdapterState_EmptyBuffer final : public PCRRateAdapterState {
 public:
     std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) override;

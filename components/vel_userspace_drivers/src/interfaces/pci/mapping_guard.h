@@ -24,6 +24,8 @@ public:
     MappingGuard& operator=(const MappingGuard&) = delete;
 
     bool isLost() const noexcept { return m_Lost.load(std::memory_order_acquire); }
+    /// The region has been mapped again, while nobody accessed it.
+    void markRestored() noexcept { m_Lost.store(false); }
 
     /// For the signal handler, so async-signal-safe: puts a zero page under `address` and marks its region
     /// lost. False when the address lies in no guarded region.

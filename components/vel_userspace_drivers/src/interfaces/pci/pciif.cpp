@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
@@ -54,18 +55,34 @@ void PciIf::mapMemory() {
     m_Guard = std::make_unique<MappingGuard>(base, length);
 }
 
-void PciIf::checkFileSize() const {
+std::int64_t PciIf::getMissingBytes() const {
     struct stat status {};
-    // A device has no size to compare with; the mapping call of its driver checks the region.
     if (::fstat(m_FileDescriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
-        return;
+        return 0;
     }
-    const std::int64_t needed = std::int64_t{m_MapOffset} + m_MapSize;
-    if (status.st_size < needed) {
-        throw PciError("File " + m_Path + " is too short: it has " + std::to_string(status.st_size) +
+    return std::max<std::int64_t>(std::int64_t{m_MapOffset} + m_MapSize - status.st_size, 0);
+}
+
+void PciIf::checkFileSize() const {
+    if (const std::int64_t missing = getMissingBytes(); missing > 0) {
+        const std::int64_t needed = std::int64_t{m_MapOffset} + m_MapSize;
+        throw PciError("File " + m_Path + " is too short: it has " + std::to_string(needed - missing) +
                            " bytes, but " + std::to_string(needed) + " are needed.",
                        __FILE__, __LINE__);
     }
+}
+
+bool PciIf::restoreMemory() {
+    if (!isMapped() || !m_Guard->isLost() || getMissingBytes() > 0) {
+        return false;
+    }
+    // Where this fails, nothing may be mapped there any more; the mark that stays keeps every access away.
+    if (::mmap(m_MapBase, static_cast<std::size_t>(m_MapSize), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
+               m_FileDescriptor, static_cast<off_t>(m_MapOffset)) == MAP_FAILED) {
+        return false;
+    }
+    m_Guard->markRestored();
+    return true;
 }
 
 void PciIf::closeDevice() {

@@ -47,12 +47,17 @@ public:
     /// Throws PciError as checkAccessible() does, and for a file that ends within the region by now: the rest
     /// of its last page reads as zeros, without any fault.
     void verifyMemory() const override;
+    /// Maps a file that was truncated again, over the same addresses, once it has its size back.
+    bool restoreMemory() override;
 
 private:
     static constexpr std::int32_t NOT_OPEN = -1;
 
     void openDevice();
     void mapMemory();
+    /// Bytes that the region is short of in a plain file, 0 where it is whole. A device has no size to compare
+    /// with; its driver checks the region when it is mapped.
+    std::int64_t getMissingBytes() const;
     void checkFileSize() const;
 
     std::string m_Path;
