@@ -1,10 +1,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <fstream>
-#include <map>
 #include <string>
 #include <thread>
 
@@ -91,41 +89,6 @@ TEST_F(EmulatorTest, AFlippedBankReplacesAllRoutesAtOnce) {
     EXPECT_EQ(emulator->countLog("[info] Detected removed CPU route of PID 256 from TSIIDX 3"), 1U);
     EXPECT_EQ(emulator->countLog("[info] Detected added CPU route of PID 257 from TSIIDX 3"), 1U);
     EXPECT_EQ(emulator->countLog("[info] Detected removed CPU route"), 1U);
-}
-
-/// A writer that never pauses keeps a reader from two equal looks; when it stops, what it left is served.
-TEST_F(EmulatorTest, ATableThatIsRewrittenWithoutPauseIsServedOnceItHoldsStill) {
-    constexpr std::uint32_t ROUTES = 400;
-    startAndWait(link(1, {}));
-    std::atomic<bool> stop = false;
-    std::thread writer([&] {
-        for (std::uint32_t round = 0; !stop; ++round) {
-            for (std::uint32_t row = 0; row < ROUTES; ++row) {
-                setRoute(row, 1, row + round % 1000);
-            }
-        }
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    stop = true;
-    writer.join();
-    for (std::uint32_t row = 0; row < ROUTES; ++row) {
-        setRoute(row, 1, row);
-    }
-    std::map<std::string, int> routed;
-    const auto isServed = [&] {
-        routed.clear();
-        for (const std::string& line : emulator->log()) {
-            const std::size_t pid = line.find("PID ");
-            if (pid != std::string::npos) {
-                routed[line.substr(pid)] += line.find("added") != std::string::npos ? 1 : -1;
-            }
-        }
-        std::erase_if(routed, [](const auto& route) { return route.second == 0; });
-        return routed.size() == ROUTES && routed.contains("PID 0 from TSIIDX 1") &&
-               routed.contains("PID 399 from TSIIDX 1");
-    };
-    EXPECT_TRUE(eventually(isServed)) << routed.size();
-    EXPECT_EQ(emulator->terminate(), 0);
 }
 
 TEST_F(EmulatorTest, PacedByPcrAFileTakesItsTimeAndArrivesWhole) {
