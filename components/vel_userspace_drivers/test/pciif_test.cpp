@@ -105,8 +105,18 @@ TEST(PciIf, TruncatedFileReadsAsZeroThenFails) {
 
     file.resize(SIZE);
     EXPECT_EQ(pciError([&] { device.read32(0); }), lost)
-        << "the zero page stays until the device is opened anew";
-    EXPECT_EQ(PciIf(file.path(), SIZE, 0).read32(0), 0U);
+        << "the zero page stays until the mapping is restored";
+    EXPECT_TRUE(device.restoreMemory());
+    EXPECT_EQ(device.read32(0), 0U);
+    EXPECT_FALSE(device.restoreMemory()) << "nothing is lost";
+    file.resize(0);
+    EXPECT_EQ(device.read32(0), 0U) << "the access that meets the loss reads zeros";
+    EXPECT_FALSE(device.restoreMemory()) << "the file does not have its size yet";
+    EXPECT_EQ(pciError([&] { device.read32(0); }), lost);
+    file.resize(SIZE);
+    EXPECT_TRUE(device.restoreMemory());
+    device.write32(0, 7);
+    EXPECT_EQ(PciIf(file.path(), SIZE, 0).read32(0), 7U) << "it is the file again, not the zero page";
 }
 
 TEST(PciIf, LossIsToldToItsOwnDeviceWhileOthersComeAndGo) {

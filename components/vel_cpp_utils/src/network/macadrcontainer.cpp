@@ -13,7 +13,7 @@ namespace {
 
 constexpr int HEXADECIMAL = 16;
 constexpr std::size_t PAIR_DIGITS = 2;
-constexpr std::size_t PAIR_DISTANCE = PAIR_DIGITS + 1;  // a pair and the colon behind it
+constexpr std::size_t PAIR_DISTANCE = PAIR_DIGITS + 1;  // a pair and the colon after it
 constexpr std::size_t TEXT_LENGTH = MacAdrContainer::OCTETS * PAIR_DISTANCE - 1;
 
 }  // namespace

@@ -4,8 +4,9 @@ namespace Vel::Drivers {
 
 namespace {
 
-// The only places that touch device memory. It changes, and acts, behind the compiler's back: volatile keeps
-// one load or store of the full width a unit, in order, none merged with a neighbour, repeated or left out.
+// The only places that touch device memory. The compiler cannot know that it changes
+// and acts by itself: volatile keeps one load or store of the full width per unit, in order, none merged with
+// a neighbour, repeated or left out.
 template <typename Unit>
 void load(const volatile Unit* device, std::span<Unit> units) {
     for (Unit& unit : units) {

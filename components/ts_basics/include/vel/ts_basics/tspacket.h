@@ -11,7 +11,7 @@ inline constexpr std::uint8_t SYNC_BYTE = 0x47;
 inline constexpr std::uint32_t PID_COUNT = 8192;
 inline constexpr std::uint32_t NULL_PID = PID_COUNT - 1;
 
-/// The system clock behind a PCR runs at 27 MHz; a PCR is a base of 33 bits in units of 300 ticks and an
+/// A PCR samples the system clock of 27 MHz. It is a base of 33 bits in units of 300 ticks and an
 /// extension (ISO/IEC 13818-1, 2.4.3.5), so it returns to 0 after PCR_WRAP ticks, a little over 26 hours.
 inline constexpr std::uint64_t PCR_TICKS_PER_BASE = 300;
 inline constexpr std::uint64_t PCR_WRAP = (std::uint64_t{1} << 33) * PCR_TICKS_PER_BASE;

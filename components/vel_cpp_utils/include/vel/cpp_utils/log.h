@@ -72,7 +72,7 @@ struct LocatedFormat {
     spdlog::source_loc where;
 };
 
-/// Formats and hands over one line. Never throws: a line that cannot be formed, for want of memory, is
+/// Formats and hands over one line. Never throws: a line that cannot be formed because memory is short is
 /// dropped, so that logging is safe in thread bodies, event handlers and destructors.
 template <typename... Args>
 void write(spdlog::logger& logger, spdlog::level::level_enum level,
@@ -80,7 +80,7 @@ void write(spdlog::logger& logger, spdlog::level::level_enum level,
     try {
         // The backend reports its own failures on standard error for formatted lines only, hence the "{}".
         logger.log(format.where, level, "{}", fmt::format(format.text, std::forward<Args>(args)...));
-    } catch (...) {  // nothing is left to tell it with
+    } catch (...) {  // it cannot be reported either
     }
 }
 

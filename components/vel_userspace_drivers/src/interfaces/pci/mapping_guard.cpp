@@ -36,8 +36,8 @@ void onBusError(int signal, siginfo_t* info, void* /*context*/) {
     const int savedErrno = errno;
     if (info->si_code != BUS_ADRERR || !MappingGuard::replaceLostPage(info->si_addr)) {
         // Not ours. On return a faulting access is made again, fails again, and meets the former action with
-        // all its details. A signal that was sent has no access behind it and is sent once more, to arrive
-        // after the return.
+        // all its details. A signal that was sent does not come from an access; it is sent once more, to
+        // arrive after the return.
         ::sigaction(SIGBUS, &g_PreviousAction, nullptr);
         const bool sent = info->si_code <= 0;
         if (sent) {

@@ -8,7 +8,7 @@
 namespace Vel::Drivers {
 
 /// Access to the memory of a device, in units of 32, 16 and 8 bits. Everything above the devices reaches
-/// registers and tables through this interface alone, so that a test can put a plain vector behind it.
+/// registers and tables only through this interface, so a test can replace the device with a plain vector.
 ///
 /// An index counts units of the operation's width from the start of the accessible memory. An access that
 /// passes its end, or cannot be made at all, throws and leaves the memory untouched; see the implementation

@@ -55,8 +55,8 @@ private:
 
     void openDevice();
     void mapMemory();
-    /// Bytes that the region is short of in a plain file, 0 where it is whole. A device has no size to compare
-    /// with; its driver checks the region when it is mapped.
+    /// Bytes that the region is short of in a plain file, 0 where it is whole. A device has no size to
+    /// compare with; its driver checks the region when it is mapped.
     std::int64_t getMissingBytes() const;
     void checkFileSize() const;
 
