@@ -5,7 +5,7 @@
 namespace Vel::Bench {
 
 /// Processor time in seconds, of one thread (CLOCK_THREAD_CPUTIME_ID) or the process
-/// (CLOCK_PROCESS_CPUTIME_ID): what other programs do on the machine does not count.
+/// (CLOCK_PROCESS_CPUTIME_ID). Other programs on the machine do not change it.
 inline double cpuSeconds(clockid_t clock) {
     timespec now{};
     ::clock_gettime(clock, &now);

@@ -66,8 +66,8 @@ double idle(Cycle cycle) {
     return Bench::cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - begin;
 }
 
-/// Processor time of the idle monitors, as a multiple of a loop that reads the words of both tables twice and
-/// sleeps.
+/// Processor time of the idle monitors, as a multiple of that of a loop that reads the words of both tables
+/// twice and sleeps.
 void idleMonitorsAgainstBareLoop(benchmark::State& state) {
     const StandIn tsioFile(TSIO_SIZE);
     const StandIn routerFile(ROUTER_SIZE);

@@ -34,7 +34,7 @@ double processSeconds() {
     return Bench::cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
 }
 
-/// A file of PACKETS packets of one PID, in memory where the machine has that.
+/// A file of PACKETS packets of one PID, in memory if the machine has /dev/shm.
 class SampleFile {
 public:
     SampleFile()
@@ -67,7 +67,9 @@ const SampleFile& sample() {
     return file;
 }
 
-/// What cannot be left out: reads in blocks, one mutex a packet, one write of a record a packet.
+/// The work that no stream can avoid: reads in blocks, and per packet one mutex lock and one write of a
+/// record.
+/// @return processor seconds
 double bareLoop() {
     std::vector<std::uint8_t> block(std::size_t{348} * Ts::TS_PACKET_SIZE);
     std::uint8_t record[Ts::RECORD_SIZE] = {};
@@ -90,7 +92,7 @@ double bareLoop() {
     return processSeconds() - begin;
 }
 
-/// Releases at once, and tells when the last packet has come.
+/// Releases every packet at once, and sets `done` at the last one.
 class CountingAdapter final : public Utils::IRateAdapter {
 public:
     explicit CountingAdapter(std::atomic<bool>& done) : m_Done(done) {}
@@ -109,6 +111,7 @@ private:
     std::atomic<bool>& m_Done;
 };
 
+/// @return processor seconds of a stream that plays the sample
 double playStream(std::uint32_t routedPid) {
     Utils::PacketDispatcher dispatcher("/dev/null");
     std::atomic<bool> done = false;
@@ -121,7 +124,7 @@ double playStream(std::uint32_t routedPid) {
     return processSeconds() - begin;
 }
 
-/// Speed of one stream at full rate, as a part of the bare loop's.
+/// Speed of one stream at full rate, as a fraction of the bare loop's.
 void fullRateAgainstBareLoop(benchmark::State& state) {
     double bare = 0;
     double stream = 0;
@@ -138,7 +141,7 @@ void fullRateAgainstBareLoop(benchmark::State& state) {
 }
 BENCHMARK(fullRateAgainstBareLoop)->UseManualTime()->Iterations(12)->Unit(benchmark::kMillisecond);
 
-/// A packet that is read, queued and not routed.
+/// Processor time of a packet that is read and queued, but not routed.
 void notRoutedPacket(benchmark::State& state) {
     double stream = 0;
     while (state.KeepRunning()) {
@@ -150,7 +153,7 @@ void notRoutedPacket(benchmark::State& state) {
 }
 BENCHMARK(notRoutedPacket)->UseManualTime()->Iterations(40)->Unit(benchmark::kMillisecond);
 
-/// Memory of a full buffer of a paced stream, as a multiple of the bytes of its records.
+/// Memory of the packets that a paced stream holds, as a multiple of the bytes of their records.
 void heldPackets(benchmark::State& state) {
     constexpr std::size_t HELD = 10'000;
     double bytes = 0;
