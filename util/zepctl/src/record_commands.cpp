@@ -92,7 +92,7 @@ void addCheck(CLI::App& records) {
     };
     const auto arguments = std::make_shared<Arguments>();
     CLI::App* command =
-        records.add_subcommand("check", "Judge the records of a file; exit status 1 if they are faulty");
+        records.add_subcommand("check", "Check the records of a file; exit status 1 if they are faulty");
     command->add_option("FILE", arguments->file, "records, or - for standard input")->required();
     command->add_flag("--json", arguments->json, "print the result as JSON");
     command->footer(fmt::format(
@@ -100,7 +100,7 @@ void addCheck(CLI::App& records) {
 other than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are none, nor
 is a file without records. The bit rate is that of the recorded packets, 188 bytes each, by
 the clock of the input's first PID with PCR, between the first PCR and the last. PIDs that
-are not routed do not count, nor do intervals in which the PCR starts anew.
+are not routed do not count, nor do intervals in which the PCR restarts.
 
 Keys of the JSON object:
 {}
@@ -125,7 +125,7 @@ void addSplit(CLI::App& records) {
     command->footer(
         R"(The packets of TSIIDX 3 go to DIR/tsiidx-003.ts, in their order. Files of that name are
 overwritten, others stay. Records with a bad sync byte or a TSIIDX above 255 and a torn last
-one are left out; exit status 1 tells that there were some.
+one are left out; the exit status is 1 if there were any.
 
 Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)");
     command->callback([arguments] { split(arguments->file, arguments->directory); });
@@ -146,9 +146,9 @@ void addWatch(CLI::App& records) {
     command->footer(
         R"(Shows the rate over the latest two seconds and over all, and the drift: how much later
 (+) or earlier (-) than their PCRs say packets arrive, since the first two seconds, in ms and as
-a part of the time by the PCR. It starts anew with each new time base. Records that a file
+a part of the time by the PCR. It restarts with each new time base. Records that a file
 holds already are counted, but not timed; a file that is emptied is watched from its start.
-Without a terminal, a line an input and second is printed.
+Without a terminal, one line per input and second is printed.
 
 Ends with Ctrl-C, or when the last writer of a FIFO has left; waits for the first one.
 

@@ -24,7 +24,7 @@ public:
         throw Ts::TsPacketError("Cannot get data pointer. Packet is read-only.", __FILE__, __LINE__);
     }
 
-    /// discontinuity_indicator (ISO/IEC 13818-1, 2.4.3.5): counter or time base start anew, and that is meant
+    /// discontinuity_indicator (ISO/IEC 13818-1, 2.4.3.5): counter or time base restart, on purpose
     /// so. An adaptation field that does not fit into the packet has none.
     bool hasDiscontinuityIndicator() const {
         constexpr std::uint8_t ADAPTATION_FIELD = 0x20;

@@ -63,7 +63,7 @@ std::string dumpTable(const std::string& tableName, Drivers::IMemIf& memory, con
     const DumpSpec& spec = findDump(tableName);
     const std::uint32_t first = range.first.value_or(spec.first);
     if (first >= spec.rows) {
-        throw UsageError("--first " + std::to_string(first) + " is no row of the table " + tableName +
+        throw UsageError("--first " + std::to_string(first) + " is not a row of the table " + tableName +
                          ", whose last is " + std::to_string(spec.rows - 1));
     }
     const std::uint32_t count = range.count.value_or(spec.rows - first);

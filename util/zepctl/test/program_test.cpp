@@ -171,7 +171,7 @@ TEST_F(ProgramTest, ErrorsAreOneLineAndHaveTheirExitStatus) {
         {"route add 3 1 --no-cpu", 2, "--no-cpu needs --out"},
         {"route add 3 0x100 --out", 2, "3 0x0100 --pididx 1 --filter 255"},
         {"route remove 3 1", 2, "There is no route for TSIIDX 3, PID 0x0001"},
-        {"dump iplut --first 256", 2, "--first 256 is no row of the table iplut, whose last is 255"},
+        {"dump iplut --first 256", 2, "--first 256 is not a row of the table iplut, whose last is 255"},
         {"dump iplut --first 200 --count 57", 2, "Offset (200) and count (57)"},
         {"dump opidmap --first 0", 2, "reserved"},
         {"dump tsimap --bank 1", 2, "has no banks"},
