@@ -24,15 +24,15 @@ struct PidStatistics {
     std::uint64_t timedPackets = 0;  // those between PCRs of the input's clock, see RecordInput
 };
 
-/// Judges the packets of one input. Its clock are the PCRs of the PID that had the first one, and a bit rate
-/// is that of the recorded packets by this clock: those from the first PCR to the last, without the intervals
-/// in which a new time base began. PIDs that are not routed are not in the records, so this is not the rate
-/// of the input's whole stream. Reentrant.
+/// Checks the packets of one input. Its clock comes from the PCRs of the PID that had the first one, and a
+/// bit rate is that of the recorded packets by this clock: those from the first PCR to the last, without the
+/// intervals in which a new time base began. PIDs that are not routed are not in the records, so this is not
+/// the rate of the input's whole stream. Reentrant.
 class RecordInput {
 public:
     explicit RecordInput(std::uint32_t tsiidx) : m_Tsiidx(tsiidx) {}
 
-    /// Judges the next packet, the record with that index, and logs its faults.
+    /// Checks the next packet, the record with that index, and logs its faults.
     void add(const RecordView& packet, std::uint64_t index, FaultLog& faults);
 
     std::uint32_t getTsiidx() const { return m_Tsiidx; }
@@ -71,7 +71,7 @@ private:
     std::array<Pid*, Ts::PID_COUNT> m_PidTable{};
 };
 
-/// Judges a stream of records. It holds some 64 KiB for an input and 300 bytes for a PID, each allocated when
+/// Checks a stream of records. It holds some 64 KiB for an input and 300 bytes for a PID, each allocated when
 /// it first occurs, and nothing for a record. Thread-bound.
 class RecordCheck {
 public:

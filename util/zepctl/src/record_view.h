@@ -24,8 +24,8 @@ public:
         throw Ts::TsPacketError("Cannot get data pointer. Packet is read-only.", __FILE__, __LINE__);
     }
 
-    /// discontinuity_indicator (ISO/IEC 13818-1, 2.4.3.5): counter or time base restart, on purpose
-    /// so. An adaptation field that does not fit into the packet has none.
+    /// discontinuity_indicator (ISO/IEC 13818-1, 2.4.3.5): counter or time base restart here
+    /// on purpose. An adaptation field that does not fit into the packet has none.
     bool hasDiscontinuityIndicator() const {
         constexpr std::uint8_t ADAPTATION_FIELD = 0x20;
         constexpr std::uint8_t DISCONTINUITY_INDICATOR = 0x80;
