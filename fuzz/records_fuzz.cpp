@@ -5,8 +5,8 @@
 #include <span>
 #include <string>
 
-#include "record_check.h"
-#include "record_report.h"
+#include "records/record_check.h"
+#include "records/record_report.h"
 #include "require.h"
 #include "vel/ts_basics/zep_record.h"
 

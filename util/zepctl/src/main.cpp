@@ -7,23 +7,19 @@
 #include <sstream>
 #include <string>
 
-#include "errors.h"
-#include "output.h"
-#include "record_commands.h"
-#include "table_commands.h"
+#include "command_error.h"
+#include "records/record_commands.h"
+#include "tables/table_commands.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
-#include "vel/userspace_drivers/drivers/driver_error.h"
+#include "vel/userspace_drivers/interfaces/lindevmemaccessor.h"
+#include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
 namespace {
 
-using Vel::Zepctl::StreamFault;
-using Vel::Zepctl::UsageError;
+using namespace Vel::Zepctl;
 
-enum ExitStatus { DONE = 0, STREAM_FAULTY = 1, WRONG_USE = 2, DEVICE_UNUSABLE = 3 };
-
-int fail(ExitStatus status, const std::exception& error) {
-    std::string line = error.what();
+int fail(ExitStatus status, std::string line) {
     // What was typed may stand in it: keep it one line, and control sequences from the terminal.
     std::ranges::replace_if(
         line, [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
@@ -66,21 +62,19 @@ int run(CLI::App& app, int argc, char** argv) {
         return DONE;
     } catch (const CLI::RequiredError& error) {
         const std::string unknown = describeUnknownCommand(app);
-        return unknown.empty() ? fail(WRONG_USE, error) : fail(WRONG_USE, UsageError(unknown));
+        return fail(WRONG_USE, unknown.empty() ? error.what() : unknown);
     } catch (const CLI::ParseError& error) {
-        return fail(WRONG_USE, error);
-    } catch (const UsageError& error) {
-        return fail(WRONG_USE, error);
-    } catch (const Vel::CppUtil::InvalidArgumentError& error) {
-        return fail(WRONG_USE, error);
-    } catch (const Vel::CppUtil::ParsingError& error) {
-        return fail(WRONG_USE, error);
-    } catch (const Vel::Drivers::Zep::ZepDriverError& error) {
-        return fail(WRONG_USE, error);
-    } catch (const StreamFault& error) {
-        return fail(STREAM_FAULTY, error);
+        return fail(WRONG_USE, error.what());
+    } catch (const CommandError& error) {
+        return fail(error.getStatus(), error.what());
+    } catch (const Vel::Pci::PciError& error) {
+        return fail(DEVICE_UNUSABLE, error.getMessage());
+    } catch (const Vel::Drivers::DevMemError& error) {
+        return fail(DEVICE_UNUSABLE, error.getMessage());
+    } catch (const Vel::Error& error) {  // of a text or a value that was given
+        return fail(WRONG_USE, error.getMessage());
     } catch (const std::exception& error) {
-        return fail(DEVICE_UNUSABLE, error);
+        return fail(DEVICE_UNUSABLE, error.what());
     }
 }
 

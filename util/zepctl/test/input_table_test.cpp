@@ -1,4 +1,4 @@
-#include "input_table.h"
+#include "tables/input_table.h"
 
 #include <gmock/gmock.h>
 
@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "errors.h"
+#include "command_error.h"
 #include "fpga_monitoring/iplut_monitor.h"
-#include "locked_device.h"
-#include "row_text.h"
+#include "tables/locked_device.h"
+#include "tables/row_text.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/iplut_diag.h"
 #include "watched_memory.h"
 
@@ -199,7 +199,7 @@ TEST_F(InputTableTest, RefusalsSayWhyAndChangeNothing) {
     const auto refusal = [](const auto& change) -> std::string {
         try {
             change();
-        } catch (const UsageError& error) {
+        } catch (const CommandError& error) {
             return error.what();
         }
         return "none";

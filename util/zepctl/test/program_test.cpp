@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "locked_device.h"
+#include "tables/locked_device.h"
 
 namespace Vel::Zepctl {
 

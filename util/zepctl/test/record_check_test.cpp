@@ -1,4 +1,4 @@
-#include "record_check.h"
+#include "records/record_check.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
-#include "record_commands.h"
+#include "records/record_commands.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
-#include "errors.h"
+#include "command_error.h"
 #include "record_test_support.h"
 
 namespace Vel::Zepctl {
@@ -55,7 +55,7 @@ TEST_F(RecordCommands, CheckPrintsAnAlignedTableAndThatAllIsRight) {
 
 TEST_F(RecordCommands, CheckFailsWithWhatIsWrong) {
     const std::string file = m_Scratch.write("faulty", join({{.counter = 1}, {.counter = 3}}));
-    EXPECT_EQ(textOf<StreamFault>([&] { run({"records", "check", file}); }), file + " is faulty");
+    EXPECT_EQ(textOf<CommandError>([&] { run({"records", "check", file}); }), file + " is faulty");
     EXPECT_THAT(s_Printed,
                 HasSubstr("\n1 continuity error; the first at record 1 (byte 192): TSIIDX 3, PID 0x0100: "
                           "continuity counter 3, expected 2\n"));
@@ -81,7 +81,7 @@ TEST_F(RecordCommands, JsonHoldsTheSame) {
 
     const std::string file =
         m_Scratch.write("name that is no UTF-8 \xFF", join({{.counter = 1}, {.counter = 3}}));
-    EXPECT_THROW(run({"records", "check", "--json", file}), StreamFault);
+    EXPECT_THROW(run({"records", "check", "--json", file}), CommandError);
     const auto faulty = nlohmann::json::parse(s_Printed);
     EXPECT_EQ(faulty["ok"], false);
     EXPECT_EQ(
@@ -100,7 +100,7 @@ TEST_F(RecordCommands, SplitListsItsFilesAlsoWhereTheStreamIsFaulty) {
               directory + "/tsiidx-003.ts: 5 packets\n");
     stream.pop_back();
     const std::string torn = m_Scratch.write("torn", stream);
-    EXPECT_THAT(textOf<StreamFault>([&] {
+    EXPECT_THAT(textOf<CommandError>([&] {
                     run({"records", "split", torn, directory});
                 }),
                 StartsWith(torn + " is faulty: 1 torn record"));
@@ -114,7 +114,7 @@ TEST_F(RecordCommands, WatchOfAFileEndsAfterItsTime) {
         run({"records", "watch", file, "--for", "0.05"}),
         HasSubstr(": 5 records, no fault\nTSIIDX 3: - kbit/s over all, 5 packets, 0 continuity errors"));
     for (const char* seconds : {"0", "-1", "nan", "1e9", "1s", "abc"}) {
-        EXPECT_THAT(textOf<UsageError>([&] {
+        EXPECT_THAT(textOf<CommandError>([&] {
                         run({"records", "watch", file, "--for", seconds});
                     }),
                     StartsWith(std::string("--for \"") + seconds +
@@ -124,7 +124,7 @@ TEST_F(RecordCommands, WatchOfAFileEndsAfterItsTime) {
 
 TEST_F(RecordCommands, WhatCannotBeReadIsADeviceErrorAndWhatIsMissingAParseError) {
     for (const char* command : {"check", "watch"}) {
-        EXPECT_THROW(run({"records", command, m_Scratch.file("none")}), DeviceError);
+        EXPECT_THROW(run({"records", command, m_Scratch.file("none")}), CommandError);
         EXPECT_THROW(run({"records", command}), CLI::ParseError);
     }
     EXPECT_THROW(run({"records"}), CLI::ParseError);

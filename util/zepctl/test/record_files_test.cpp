@@ -5,9 +5,9 @@
 #include <filesystem>
 #include <thread>
 
-#include "record_reader.h"
-#include "record_split.h"
 #include "record_test_support.h"
+#include "records/record_reader.h"
+#include "records/record_split.h"
 
 namespace Vel::Zepctl {
 namespace {
@@ -81,9 +81,9 @@ TEST(RecordReader, FollowsAFileThatGrowsAndStartsAnewWhereItWasEmptied) {
 TEST(RecordReader, NamesWhatCannotBeRead) {
     const ScratchDirectory scratch;
     const std::string directory = scratch.file("");
-    EXPECT_EQ(textOf<DeviceError>([&] { RecordReader(scratch.file("none")); }),
+    EXPECT_EQ(textOf<CommandError>([&] { RecordReader(scratch.file("none")); }),
               "Cannot open " + scratch.file("none") + ": No such file or directory");
-    EXPECT_EQ(textOf<DeviceError>([&] { RecordReader(directory).read(); }),
+    EXPECT_EQ(textOf<CommandError>([&] { RecordReader(directory).read(); }),
               "Cannot read " + directory + ": Is a directory");
 }
 
@@ -135,10 +135,10 @@ TEST_F(Split, TellsThatTheDiskIsFullOrTheDirectoryIsNone) {
     std::filesystem::create_symlink("/dev/full", m_Scratch.file("full/tsiidx-003.ts"));
     auto split = this->split("full");
     split.add(join({{}}));
-    EXPECT_EQ(textOf<DeviceError>([&] { split.end(0); }),
+    EXPECT_EQ(textOf<CommandError>([&] { split.end(0); }),
               "Cannot write " + m_Scratch.file("full/tsiidx-003.ts") + ": No space left on device");
     m_Scratch.write("file", {});
-    EXPECT_EQ(textOf<DeviceError>([&] { this->split("file"); }),
+    EXPECT_EQ(textOf<CommandError>([&] { this->split("file"); }),
               "Cannot create directory " + m_Scratch.file("file") + ": Not a directory");
 }
 
@@ -146,7 +146,7 @@ TEST_F(Split, DoesNotOverwriteWhatItReads) {
     const Bytes records = join({{}});
     const RecordReader reader(m_Scratch.write("tsiidx-003.ts", records));
     RecordSplit split(m_Scratch.file("."), reader.getDescriptor());
-    EXPECT_THROW(split.add(records), DeviceError);
+    EXPECT_THROW(split.add(records), CommandError);
     EXPECT_EQ(m_Scratch.read("tsiidx-003.ts"), records);
 }
 

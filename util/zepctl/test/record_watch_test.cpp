@@ -1,4 +1,4 @@
-#include "record_watch.h"
+#include "records/record_watch.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -9,10 +9,10 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "record_descriptor.h"
+#include "command_error.h"
 #include "record_test_support.h"
-#include "record_watch_model.h"
-#include "record_watch_view.h"
+#include "records/record_watch_model.h"
+#include "records/record_watch_view.h"
 
 namespace Vel::Zepctl {
 namespace {

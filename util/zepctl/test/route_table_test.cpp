@@ -1,4 +1,4 @@
-#include "route_table.h"
+#include "tables/route_table.h"
 
 #include <gmock/gmock.h>
 
@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "errors.h"
+#include "command_error.h"
 #include "fpga_monitoring/pidlut_monitor.h"
-#include "locked_device.h"
-#include "row_text.h"
+#include "tables/locked_device.h"
+#include "tables/row_text.h"
 #include "watched_memory.h"
 
 namespace Vel::Zepctl {
@@ -129,7 +129,7 @@ TEST_F(RouteTableTest, RefusalsSayWhyAndChangeNothing) {
     const auto refusal = [](const auto& change) -> std::string {
         try {
             change();
-        } catch (const UsageError& error) {
+        } catch (const CommandError& error) {
             return error.what();
         }
         return "none";

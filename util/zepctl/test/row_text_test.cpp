@@ -1,11 +1,11 @@
-#include "row_text.h"
+#include "tables/row_text.h"
 
 #include <gmock/gmock.h>
 
 #include <string>
 
-#include "errors.h"
-#include "number.h"
+#include "command_error.h"
+#include "tables/number.h"
 
 namespace Vel::Zepctl {
 
@@ -14,7 +14,7 @@ namespace {
 std::string refusalOf(const std::string& uri) {
     try {
         parseInputUri(uri);
-    } catch (const UsageError& error) {
+    } catch (const CommandError& error) {
         return error.what();
     }
     return "none";
@@ -48,7 +48,7 @@ TEST(NumberTest, IsDecimalOrHexadecimalAndWithinItsLimits) {
     EXPECT_EQ(parseNumber("N", "0XA", range), 10U);
     for (const std::string text :
          {"", "0x", "0", "4096", "0x1000", "-1", "+1", " 1", "1 ", "1k", "0x0x1", "4294967297", "a"}) {
-        EXPECT_THROW(parseNumber("N", text, range), UsageError) << text;
+        EXPECT_THROW(parseNumber("N", text, range), CommandError) << text;
     }
 }
 

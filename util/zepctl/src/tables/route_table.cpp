@@ -1,0 +1,77 @@
+#include "tables/route_table.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "command_error.h"
+#include "tables/row_text.h"
+#include "vel/userspace_drivers/drivers/zep/ts/diag/pidlut_diag.h"
+
+namespace Vel::Zepctl {
+
+using Drivers::Zep::PidLutEntry;
+namespace PidLut = Drivers::Zep::PidLut;
+
+static_assert(PidLut::TABLE.rows < Drivers::Zep::PIDIDX_RANGE.max);
+
+RouteTable::RouteTable(Drivers::IMemIf& memory)
+    : m_Memory(memory), m_Routes(Drivers::Zep::readPidLut(memory, 0, Drivers::Zep::getPidLutSize(), false)) {}
+
+std::uint32_t RouteTable::findFreePididx() const {
+    std::uint32_t pididx = Drivers::Zep::PIDIDX_RANGE.min;
+    while (std::ranges::find(m_Routes, pididx, &PidLutEntry::getPIDIDX) != m_Routes.end()) {
+        ++pididx;
+    }
+    return pididx;
+}
+
+void RouteTable::add(const PidLutEntry& route) {
+    if (!route.isRouted()) {
+        throw CommandError(WRONG_USE, "A route needs the CPU route, the out route or both");
+    }
+    for (const PidLutEntry& other : m_Routes) {
+        if (!(other < route) && !(route < other)) {
+            throw CommandError(WRONG_USE, "There is a route for it already: " + formatRoute(other));
+        }
+    }
+    if (m_Routes.size() >= PidLut::TABLE.rows) {
+        throw CommandError(WRONG_USE,
+                           fmt::format("The PID LUT is full: all {} rows are in use", m_Routes.size()));
+    }
+    m_Routes.push_back(route);
+    write();
+}
+
+void RouteTable::remove(std::uint32_t tsiidx, std::uint32_t pid) {
+    const auto removed = std::erase_if(m_Routes, [&](const PidLutEntry& route) {
+        return route.getTSIIDX() == tsiidx && route.getPID() == pid;
+    });
+    if (removed == 0) {
+        throw CommandError(WRONG_USE,
+                           fmt::format("There is no route for TSIIDX {}, PID 0x{:04x}", tsiidx, pid));
+    }
+    write();
+}
+
+void RouteTable::clear() {
+    m_Routes.clear();
+    write();
+}
+
+void RouteTable::write() {
+    std::stable_sort(m_Routes.begin(), m_Routes.end());
+    std::vector<PidLutEntry> rows = m_Routes;
+    rows.resize(PidLut::TABLE.rows);
+    std::vector<std::uint32_t> words;
+    for (PidLutEntry& row : rows) {
+        row.toWords();
+        words.insert(words.end(), row.getWords().begin(), row.getWords().end());
+    }
+    m_Memory.writeBlock32(Drivers::Zep::getPidLutBase(m_Memory, 1), words);
+
+    const std::uint32_t select = PidLut::BANK_SELECT.place(1);
+    m_Memory.write32(PidLut::BANK_SELECT.word, m_Memory.read32(PidLut::BANK_SELECT.word) ^ select);
+}
+
+}  // namespace Vel::Zepctl
