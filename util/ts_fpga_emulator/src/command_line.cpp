@@ -50,7 +50,8 @@ std::vector<std::string> joinValues(const cxxopts::Options& options, std::span<c
         }
         const auto* attached =
             argument.starts_with("--") ? nullptr : findOption(known, argument.substr(0, 2));
-        const bool takesRest = attached != nullptr && (!attached->has_implicit || attached->is_container);
+        const bool takesRest =
+            attached != nullptr && (!attached->has_implicit || attached->implicit_value.empty());
         joined.push_back(takesRest ? "--" + attached->l.front() + "=" + argument.substr(2) : argument);
     }
     return joined;
@@ -71,6 +72,18 @@ std::vector<std::string> splitAtBlanks(const std::string& text) {
         tokens.push_back(token);
     }
     return tokens;
+}
+
+void addUriFilePair(UriFileList& files, const std::string& pair) {
+    const std::vector<std::string> tokens = splitAtBlanks(pair);
+    if (tokens.size() != 2) {
+        throw CppUtil::InitializationError("Invalid formatted URI/file pair \"" + pair + "\". ", __FILE__,
+                                           __LINE__);
+    }
+    if (!files.emplace(tokens[0], tokens[1]).second) {
+        throw CppUtil::InitializationError("Rendundant URI in URI/file pair \"" + pair + "\". ", __FILE__,
+                                           __LINE__);
+    }
 }
 
 }  // namespace
@@ -97,7 +110,7 @@ cxxopts::Options declareOptions() {
          "stream packets of 188 bytes size. Must conform to format [URI PATH]. A minimum of 1 of these "
          "options "
          "are required.",
-         cxxopts::value<std::vector<std::string>>()->implicit_value(""))            //
+         text()->implicit_value(""))                                                //
         ("h,help", "Displays this help text.", text()->implicit_value("implicit"))  //
         ("m,pcrmode", "If given, the transport stream files, will be streamed by the rate of the PCR.",
          text()->implicit_value("true"));
@@ -112,29 +125,17 @@ cxxopts::ParseResult parseArguments(cxxopts::Options& options, int argc, const c
     return options.parse(static_cast<int>(pointers.size()), pointers.data());
 }
 
-UriFileList parseUriFilePairs(const std::vector<std::string>& pairs) {
-    UriFileList files;
-    for (const std::string& pair : pairs) {
-        const std::vector<std::string> tokens = splitAtBlanks(pair);
-        if (tokens.size() != 2) {
-            throw CppUtil::InitializationError("Invalid formatted URI/file pair \"" + pair + "\". ", __FILE__,
-                                               __LINE__);
-        }
-        if (!files.emplace(tokens[0], tokens[1]).second) {
-            throw CppUtil::InitializationError("Rendundant URI in URI/file pair \"" + pair + "\". ", __FILE__,
-                                               __LINE__);
-        }
-    }
-    return files;
-}
-
 Settings readSettings(const cxxopts::ParseResult& options) {
     if (options.count("file_uri_pair") == 0) {
         throw CppUtil::InitializationError("No file/URI pairs given via the -f/--file_uri_pair option.",
                                            __FILE__, __LINE__);
     }
     Settings settings;
-    settings.files = parseUriFilePairs(options["file_uri_pair"].as<std::vector<std::string>>());
+    for (const cxxopts::KeyValue& option : options.arguments()) {
+        if (option.key() == "file_uri_pair") {
+            addUriFilePair(settings.files, option.value());
+        }
+    }
     settings.routerDevice = options["router_dev"].as<std::string>();
     settings.tsioDevice = options["tsio_dev"].as<std::string>();
     settings.pktioCtrlDevice = options["pktioctrl_dev"].as<std::string>();

@@ -29,11 +29,6 @@ cxxopts::Options declareOptions();
 /// @throws cxxopts::exceptions::exception for anything that the options do not allow
 cxxopts::ParseResult parseArguments(cxxopts::Options& options, int argc, const char* const* argv);
 
-/// Reads the "URI PATH" pairs in their order.
-/// @throws CppUtil::InitializationError for a pair that is not two texts with one blank between them, and for
-/// a repeated URI
-UriFileList parseUriFilePairs(const std::vector<std::string>& pairs);
-
 /// @throws CppUtil::InitializationError where the pairs are missing or wrong
 Settings readSettings(const cxxopts::ParseResult& options);
 

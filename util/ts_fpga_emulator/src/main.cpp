@@ -35,10 +35,7 @@ public:
         auto application = std::move(m_Application);
         lock.unlock();
         application.reset();
-        // What is left is the log's queue, and a reader that has stopped reading must not delay the end.
-        if (!Vel::Log::drain(LOG_PATIENCE)) {
-            ::_exit(m_ExitStatus);
-        }
+        endLog();
     }
 
     /// The lock is held throughout, so an early signal is handled as soon as the application exists. Its stop
@@ -55,6 +52,18 @@ public:
     }
 
 private:
+    /// What is left is the log's queue, and a reader that has stopped reading must not delay the end.
+    void endLog() const noexcept {
+        try {
+            if (Vel::Log::drain(LOG_PATIENCE)) {
+                return;
+            }
+        } catch (const std::exception&) {
+            // There is no memory to ask for the rest of the log.
+        }
+        ::_exit(m_ExitStatus);
+    }
+
     void onSignal(int signal) {
         m_Stop.request_stop();
         const std::lock_guard lock(m_ApplicationLock);
@@ -81,7 +90,6 @@ void configureAssertions() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    configureAssertions();
     Vel::CppUtil::occupyStandardDescriptors(O_RDWR);
     SignalThread::blockSignals();
     // A reader of the records or of the log that leaves, and a size limit, show as write errors.
@@ -91,6 +99,7 @@ int main(int argc, char** argv) {
     // stop.
     std::cerr.tie(nullptr);
     try {
+        configureAssertions();
         Vel::Log::setLogsystem(std::make_unique<Vel::Log::StdoutLogger>(spdlog::level::info));
         // Created after the logging backend, so destroyed before it at process exit: the teardown can log.
         static ApplicationOwner application;

@@ -13,6 +13,12 @@
 
 namespace Vel::SystemTest {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true;
+#else
+constexpr bool SANITIZED = false;
+#endif
+
 constexpr std::uint32_t CPU_ROUTE = 1U << 13;
 constexpr std::uint32_t OUT_ROUTE = 1U << 12;
 constexpr std::uint32_t IP_ENABLED = 1U << 24;
@@ -22,6 +28,16 @@ constexpr std::uint32_t address(std::uint32_t n) {
     return 0xEF010200U | n;
 }
 std::string uri(std::uint32_t n);
+
+inline std::vector<std::string>& operator+=(std::vector<std::string>& left,
+                                            const std::vector<std::string>& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+inline std::vector<std::string> operator+(std::vector<std::string> left,
+                                          const std::vector<std::string>& right) {
+    return left += right;
+}
 
 /// Stand-in tables and the emulator on them, as a developer has them on a desk. Rows are stored word by word,
 /// word 1 with the used bits last.

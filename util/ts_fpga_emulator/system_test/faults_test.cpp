@@ -9,19 +9,8 @@
 
 #include "emulator.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool SANITIZED = true;
-#else
-constexpr bool SANITIZED = false;
-#endif
-
 namespace Vel::SystemTest {
 namespace {
-
-std::vector<std::string> operator+(std::vector<std::string> left, const std::vector<std::string>& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 /// A FIFO as data device, and its reader.
 class FifoTest : public EmulatorTest {

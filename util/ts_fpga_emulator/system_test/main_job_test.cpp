@@ -11,11 +11,6 @@
 namespace Vel::SystemTest {
 namespace {
 
-std::vector<std::string> operator+(std::vector<std::string> left, const std::vector<std::string>& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 TEST_F(EmulatorTest, InputsAndRoutesPlayTheLinkedFilesInFileOrder) {
     const Bytes first = makeStream({0x100, 0x101, 0x1FFF, 0x0}, 40000);
     const Bytes second = makeStream({0x20, 0x21}, 30000);

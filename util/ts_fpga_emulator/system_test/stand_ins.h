@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -44,6 +45,7 @@ public:
 
     volatile std::uint32_t& operator[](std::size_t word) { return m_Words[word]; }
     const std::filesystem::path& path() const { return m_Path; }
+    void clear() { std::fill_n(m_Words, m_Size / 4, 0); }
 
 private:
     std::filesystem::path m_Path;

@@ -73,8 +73,6 @@ int run(CLI::App& app, int argc, char** argv) {
         return fail(DEVICE_UNUSABLE, error.getMessage());
     } catch (const Vel::Error& error) {  // of a text or a value that was given
         return fail(WRONG_USE, error.getMessage());
-    } catch (const std::exception& error) {
-        return fail(DEVICE_UNUSABLE, error.what());
     }
 }
 
@@ -83,16 +81,21 @@ int run(CLI::App& app, int argc, char** argv) {
 int main(int argc, char** argv) {
     // Read-only, so that printing to a descriptor that the parent closed still fails.
     Vel::CppUtil::occupyStandardDescriptors(O_RDONLY);
-    CLI::App app("Make, change and show the tables of the transport stream hardware, and look at its records",
-                 "zepctl");
-    app.require_subcommand(1);
-    app.footer(
-        "Exit status: 0 done, 1 the checked stream is faulty, 2 wrong use or a value out of range,\n"
-        "3 a file or device cannot be used.\n\n"
-        "Example: zepctl create /tmp/zep\n"
-        "         zepctl -t /tmp/zep/tsio input add udp://239.1.2.3:5000 3\n"
-        "         zepctl -r /tmp/zep/router route add 3 0x100");
-    Vel::Zepctl::addTableCommands(app);
-    Vel::Zepctl::addRecordCommands(app);
-    return run(app, argc, argv);
+    try {
+        CLI::App app(
+            "Make, change and show the tables of the transport stream hardware, and look at its records",
+            "zepctl");
+        app.require_subcommand(1);
+        app.footer(
+            "Exit status: 0 done, 1 the checked stream is faulty, 2 wrong use or a value out of range,\n"
+            "3 a file or device cannot be used.\n\n"
+            "Example: zepctl create /tmp/zep\n"
+            "         zepctl -t /tmp/zep/tsio input add udp://239.1.2.3:5000 3\n"
+            "         zepctl -r /tmp/zep/router route add 3 0x100");
+        Vel::Zepctl::addTableCommands(app);
+        Vel::Zepctl::addRecordCommands(app);
+        return run(app, argc, argv);
+    } catch (const std::exception& error) {
+        return fail(DEVICE_UNUSABLE, error.what());
+    }
 }

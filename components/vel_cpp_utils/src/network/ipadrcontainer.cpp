@@ -59,6 +59,7 @@ std::uint32_t IpAdrContainer::fromString(const std::string& text) {
         isValidString(text) && std::count(text.begin(), text.end(), '.') == DOTS && text.back() != '.';
     std::uint32_t value = 0;
     std::istringstream groups(text);
+    groups.exceptions(std::ios::badbit);  // otherwise a lack of memory would pass as the end of the text
     for (std::string group; valid && std::getline(groups, group, '.');) {
         const auto number = static_cast<std::uint32_t>(std::stoul(group));  // at most three digits
         valid = number <= OCTET_MAX;

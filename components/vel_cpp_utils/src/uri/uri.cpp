@@ -27,6 +27,7 @@ std::string cutTail(std::string_view& text, char delimiter) {
 Uri::Query parseQuery(const std::string& text) {
     Uri::Query query;
     std::istringstream segments(text);
+    segments.exceptions(std::ios::badbit);  // otherwise a lack of memory would pass as the end of the text
     for (std::string segment; std::getline(segments, segment, '&');) {
         if (const std::size_t equals = segment.find('='); equals != NOT_FOUND) {
             query[segment.substr(0, equals)] = segment.substr(equals + 1);
@@ -39,7 +40,9 @@ Uri::Query parseQuery(const std::string& text) {
 /// no digits are 0. What does not fit a port leaves it unset.
 void parsePort(UriAuthority& authority, const std::string& text) {
     std::uint32_t port = 0;
-    std::istringstream(text) >> port;
+    std::istringstream number(text);
+    number.exceptions(std::ios::badbit);  // otherwise a lack of memory would pass as port 0
+    number >> port;
     if (port <= std::numeric_limits<std::uint16_t>::max()) {
         authority.setPort(static_cast<std::uint16_t>(port));
     }

@@ -39,6 +39,10 @@ PacketDispatcher::PacketDispatcher(std::string devicePath, std::stop_token stop)
 }
 
 PacketDispatcher::~PacketDispatcher() {
+    // No record came after the one that could not be written, so no stream has reported it.
+    if (m_Device == Device::Failed && !m_IsReported) {
+        Log::error(*m_Logger, "Cannot write to {}: {}", m_DevicePath, CppUtil::errnoText(m_Error));
+    }
     Log::debug(*m_Logger, "Destroy PacketDispatcher");
 }
 
@@ -68,6 +72,7 @@ void PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet) {
     const std::lock_guard lock(m_WriteLock);
     const std::uint8_t* record = packet.getWriteDataPtr();
     if (m_Device == Device::Failed) {
+        m_IsReported = true;
         throw CppUtil::IOError("Failed writing TS packets to file: \"" + m_DevicePath + "\"", __FILE__,
                                __LINE__, CppUtil::errnoText(m_Error));
     }

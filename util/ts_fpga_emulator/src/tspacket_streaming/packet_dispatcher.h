@@ -41,9 +41,10 @@ private:
 
     std::shared_ptr<spdlog::logger> m_Logger;
     std::mutex m_WriteLock;          // taken last, after a stream's filter lock; held for one record
-    CppUtil::FileDescriptor m_File;  // guarded by m_WriteLock, as are the next two
+    CppUtil::FileDescriptor m_File;  // guarded by m_WriteLock, as are the next three
     Device m_Device = Device::Failed;
-    int m_Error = 0;  // errno of what failed
+    int m_Error = 0;            // errno of what failed
+    bool m_IsReported = false;  // a stream has reported the failure
     std::string m_DevicePath;
     std::stop_token m_Stop;
 };

@@ -1,0 +1,110 @@
+// Preloaded into a program under test, makes the N-th call of one function fail: FAIL_CALL names the
+// function, FAIL_AT is N, and FAIL_ERRNO is the errno, or 0 for a short count. The file FAIL_MARK appears at
+// that call.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+
+extern "C" void* __libc_malloc(std::size_t size);
+
+namespace {
+
+std::atomic<long> calls = 0;
+/// Set by the first open() of main(). Allocations of libraries before that cannot be handled by anybody.
+std::atomic<bool> isInMain = false;
+
+int injectedErrno() {
+    return std::atoi(std::getenv("FAIL_ERRNO"));
+}
+
+bool isDue(const char* call) {
+    const char* wanted = std::getenv("FAIL_CALL");
+    if (wanted == nullptr || std::strcmp(wanted, call) != 0 || ++calls != std::atol(std::getenv("FAIL_AT"))) {
+        return false;
+    }
+    // Past the functions below, which this must not count.
+    ::syscall(SYS_close, ::syscall(SYS_openat, AT_FDCWD, std::getenv("FAIL_MARK"), O_WRONLY | O_CREAT, 0600));
+    errno = injectedErrno();
+    return true;
+}
+
+template <typename Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+/// A transfer of `count` bytes: 0 for one that goes on with the returned count, -1 for one that fails.
+int transfer(const char* call, std::size_t& count) {
+    if (!isDue(call)) {
+        return 0;
+    }
+    count = count > 1 ? count / 2 : count;
+    return injectedErrno() == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+    std::va_list more;
+    va_start(more, flags);
+    const int mode = (flags & O_CREAT) != 0 ? va_arg(more, int) : 0;
+    va_end(more);
+    isInMain = true;
+    return isDue("open") ? -1 : next<int(const char*, int, ...)>("open64")(path, flags, mode);
+}
+
+int fstat(int fd, struct stat* status) noexcept {
+    return isDue("fstat") ? -1 : next<int(int, struct stat*)>("fstat64")(fd, status);
+}
+
+void* mmap(void* address, std::size_t length, int protection, int flags, int fd, off_t offset) noexcept {
+    using Mmap = void*(void*, std::size_t, int, int, int, off_t);
+    return isDue("mmap") ? MAP_FAILED : next<Mmap>("mmap64")(address, length, protection, flags, fd, offset);
+}
+
+ssize_t read(int fd, void* buffer, std::size_t count) {
+    return transfer("read", count) != 0 ? -1
+                                        : next<ssize_t(int, void*, std::size_t)>("read")(fd, buffer, count);
+}
+
+ssize_t write(int fd, const void* data, std::size_t count) {
+    using Write = ssize_t(int, const void*, std::size_t);
+    return transfer("write", count) != 0 ? -1 : next<Write>("write")(fd, data, count);
+}
+
+int poll(pollfd* entries, nfds_t count, int patience) {
+    return isDue("poll") ? -1 : next<int(pollfd*, nfds_t, int)>("poll")(entries, count, patience);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+                   void* argument) noexcept {
+    using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    return isDue("pthread_create") ? errno
+                                   : next<Create>("pthread_create")(thread, attributes, run, argument);
+}
+
+int clock_nanosleep(clockid_t clock, int flags, const timespec* duration, timespec* rest) {
+    using Sleep = int(clockid_t, int, const timespec*, timespec*);
+    return isDue("clock_nanosleep") ? errno : next<Sleep>("clock_nanosleep")(clock, flags, duration, rest);
+}
+
+void* malloc(std::size_t size) noexcept {
+    return isInMain && isDue("malloc") ? nullptr : __libc_malloc(size);
+}
+
+}  // extern "C"
