@@ -135,56 +135,6 @@ TEST_F(EmulatorTest, AClockThatJumpsBackHoldsUpNeitherTheEndNorTheRestOfTheFile)
     EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100}));
 }
 
-TEST_F(EmulatorTest, ATruncatedControlFileIsReportedOnceAndMonitoredAgainWithItsSizeBack) {
-    const Bytes stream = makeStream({0x100, 0x101}, 1000);
-    startAndWait(link(1, stream));
-    setInput(0, 1, 3);
-    setRoute(0, 3, 0x100);
-    ASSERT_TRUE(waitForRecords(500 * 192));
-    ASSERT_EQ(::truncate(tsio.path().c_str(), 0), 0);
-    ASSERT_TRUE(emulator->waitForLog("[error] PCI Error: Cannot access device memory. Device " +
-                                     tsio.path().string()));
-    // The other table is still followed, and nothing counts as removed.
-    setRoute(1, 3, 0x101);
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 257 from TSIIDX 3"));
-    ASSERT_EQ(::truncate(router.path().c_str(), 4096), 0);
-    ASSERT_TRUE(emulator->waitForLog("[error] PCI Error: Cannot access device memory. Device " +
-                                     router.path().string()));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(emulator->countLog("[error]"), 2U);
-    EXPECT_EQ(emulator->countLog("[info] Detected removed"), 0U);
-    // A file that has its size back is monitored again, with what it holds now.
-    for (int round = 1; round <= 2; ++round) {
-        ASSERT_EQ(::truncate(tsio.path().c_str(), 0), 0);
-        ASSERT_TRUE(emulator->waitForLog(
-            "[error] PCI Error: Cannot access device memory. Device " + tsio.path().string(),
-            static_cast<std::size_t>(round)));
-        ASSERT_EQ(::truncate(tsio.path().c_str(), TSIO_SIZE), 0);
-        ASSERT_TRUE(emulator->waitForLog("[info] The IP LUT can be read again, monitoring continues",
-                                         static_cast<std::size_t>(round)));
-        ASSERT_TRUE(emulator->waitForLog("[info] Detected removed input TS: udp://239.1.2.1:5000 @ TSIIDX 3",
-                                         static_cast<std::size_t>(round)));
-        setInput(0, 1, 3);
-        ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.1:5000 @ TSIIDX 3",
-                                         static_cast<std::size_t>(round) + 1));
-    }
-    EXPECT_EQ(emulator->terminate(), 0);
-}
-
-/// Within a page no access fails: the rest of the page reads as zeros, as rows that are gone.
-TEST_F(EmulatorTest, AControlFileCutWithinThePageOfItsTableRemovesNothing) {
-    startAndWait(link(1, {}));
-    setInput(0, 1, 3);
-    setInput(200, 2, 4);
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.2:5000 @ TSIIDX 4"));
-    ASSERT_EQ(::truncate(tsio.path().c_str(), 0x2000 + 100 * 8), 0);
-    ASSERT_TRUE(emulator->waitForLog("[error] PCI Error: File " + tsio.path().string() +
-                                     " is too short: it has 8992 bytes, but 16384 are needed."));
-    EXPECT_EQ(emulator->terminate(), 0);
-    EXPECT_EQ(emulator->countLog("[info] Detected removed"), 0U);
-    EXPECT_EQ(emulator->countLog("[error]"), 1U);
-}
-
 TEST_F(EmulatorTest, AControlDeviceThatCannotBeUsedEndsTheStartWithStatus1) {
     ASSERT_EQ(::truncate(router.path().c_str(), 100000), 0);
     start(link(1, {}));
@@ -216,52 +166,6 @@ TEST_F(EmulatorTest, AControlDeviceThatCannotBeUsedEndsTheStartWithStatus1) {
         << emulator->err();
 }
 
-TEST_F(EmulatorTest, AnInputWithoutThreadStartsWithALaterRoute) {
-    if (SANITIZED) {
-        GTEST_SKIP() << "a sanitizer's own memory does not fit under the limit";
-    }
-    startAndWait(link(1, makeStream({0x100, 0x101}, 100)));
-    setInput(0, 1, 3);
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.1:5000 @ TSIIDX 3"));
-    // Room for less than one more thread's stack.
-    const std::string memory = readText("/proc/" + std::to_string(emulator->pid()) + "/statm");
-    const rlim_t limit = std::stoul(memory) * static_cast<rlim_t>(::getpagesize()) + (1 << 20);
-    rlimit old{};
-    const rlimit tight{limit, RLIM_INFINITY};
-    ASSERT_EQ(::prlimit(emulator->pid(), RLIMIT_AS, &tight, &old), 0);
-    setRoute(0, 3, 0x100);
-    EXPECT_TRUE(emulator->waitForLog("[error] Stream of TSIIDX 3 cannot start"));
-    ASSERT_EQ(::prlimit(emulator->pid(), RLIMIT_AS, &old, nullptr), 0);
-    setRoute(1, 3, 0x101);
-    EXPECT_TRUE(waitForRecords(100 * 192));
-    EXPECT_EQ(emulator->terminate(), 0);
-}
-
-TEST_F(EmulatorTest, AnInputWithoutDescriptorIsToldAndTheOthersPlay) {
-    if (SANITIZED) {
-        GTEST_SKIP() << "a sanitizer needs descriptors of its own for every thread";
-    }
-    const Bytes stream = makeStream({0x100}, 100);
-    startAndWait(link(1, stream) + link(2, stream));
-    setInput(0, 1, 3);
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.1:5000 @ TSIIDX 3"));
-    rlimit tight{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &tight), 0);
-    tight.rlim_cur = 3;
-    ASSERT_EQ(::prlimit(emulator->pid(), RLIMIT_NOFILE, &tight, nullptr), 0);
-    setInput(1, 2, 4);
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added input TS: udp://239.1.2.2:5000 @ TSIIDX 4"));
-    setRoute(0, 3, 0x100);
-    setRoute(1, 4, 0x100);
-    EXPECT_TRUE(emulator->waitForLog(
-        "[error] Stream of TSIIDX 4 has ended: IOErrorr: Unknown error occurred when reading "
-        "from \"" +
-        (folder / "2.ts").string() + "\""));
-    EXPECT_TRUE(waitForRecords(100 * 192));
-    EXPECT_EQ(emulator->terminate(), 0);
-    EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100}));
-}
-
 TEST_F(EmulatorTest, AClosedStandardOutputMixesNoLogIntoTheTables) {
     const Bytes stream = makeStream({0x100}, 1000);
     start(link(1, stream), [] {
@@ -276,19 +180,6 @@ TEST_F(EmulatorTest, AClosedStandardOutputMixesNoLogIntoTheTables) {
     EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100}));
     Bytes tables = readBytes(tsio.path());
     EXPECT_EQ(std::count(tables.begin(), tables.end(), 0), static_cast<std::ptrdiff_t>(TSIO_SIZE) - 8);
-}
-
-TEST_F(EmulatorTest, ALogReaderThatLeavesDoesNotEndTheProgram) {
-    const Bytes stream = makeStream({0x100}, 1000);
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    start(link(1, stream), [&] { ::dup2(ends[1], STDOUT_FILENO); });
-    ::close(ends[1]);
-    ::close(ends[0]);
-    setInput(0, 1, 3);
-    setRoute(0, 3, 0x100);
-    ASSERT_TRUE(waitForRecords(1000 * 192));
-    EXPECT_EQ(emulator->terminate(), 0);
 }
 
 /// `zeptfem | less`, or a terminal that was stopped: nobody empties the pipe, and still the program can be

@@ -32,7 +32,8 @@ public:
     /// Sends SIGTERM and waits.
     int terminate(std::chrono::seconds limit = std::chrono::seconds(30));
 
-    std::string out() const { return readText(m_Folder / "out"); }
+    std::filesystem::path outPath() const { return m_Folder / "out"; }
+    std::string out() const { return readText(outPath()); }
     std::string err() const { return readText(m_Folder / "err"); }
     /// The lines on standard output without their time, "[info] text".
     std::vector<std::string> log() const;

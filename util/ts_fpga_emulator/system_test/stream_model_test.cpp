@@ -1,0 +1,372 @@
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <fstream>
+#include <iostream>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "emulator.h"
+
+namespace Vel::SystemTest {
+namespace {
+
+constexpr std::size_t RECORD = 192;
+constexpr std::size_t NEVER = std::numeric_limits<std::size_t>::max();
+
+/// Reads the data device slowly, at times not at all, and keeps what arrives.
+class Reader {
+public:
+    explicit Reader(const std::filesystem::path& fifo)
+        : m_Fd(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)), m_Thread([this] { readAll(); }) {}
+    ~Reader() {
+        m_Stop = true;
+        m_Thread.join();
+        ::close(m_Fd);
+    }
+
+    /// Records that have been written until now, whether they have been read yet or not.
+    std::size_t countWritten() {
+        const std::lock_guard lock(m_Mutex);
+        int inPipe = 0;
+        ::ioctl(m_Fd, FIONREAD, &inPipe);
+        return (m_Arrived.size() + static_cast<std::size_t>(inPipe)) / RECORD;
+    }
+    /// Waits for all that has been written, and begins to count from 0 again.
+    Bytes take() {
+        for (std::size_t written = countWritten();;) {
+            const std::lock_guard lock(m_Mutex);
+            if (m_Arrived.size() >= written * RECORD) {
+                return std::exchange(m_Arrived, {});
+            }
+        }
+    }
+
+private:
+    void readAll() {
+        std::minstd_rand random(1);
+        std::uint8_t block[8192];
+        while (!m_Stop) {
+            {
+                const std::lock_guard lock(m_Mutex);
+                const ssize_t got = ::read(m_Fd, block, sizeof block);
+                m_Arrived.insert(m_Arrived.end(), block, block + std::max<ssize_t>(got, 0));
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 100 == 0 ? 50 : 1));
+        }
+    }
+
+    int m_Fd;
+    std::mutex m_Mutex;
+    Bytes m_Arrived;  // guarded by m_Mutex
+    std::atomic<bool> m_Stop = false;
+    std::thread m_Thread;
+};
+
+/// Something that was switched on and off while records went out. Bounds are numbers of records written: it
+/// may have an effect from the number before the change until the number after the change back. It must have
+/// it after a record that was written when the change had taken effect; 0 is the start of the file.
+struct Span {
+    std::size_t mayFrom = 0;
+    std::size_t mustFrom = NEVER;
+    std::size_t mustTo = NEVER;
+    std::size_t mayTo = NEVER;
+};
+
+/// An input from its addition to its removal.
+struct Life {
+    std::uint32_t n;  // of its file
+    Span span;
+    bool isStarted = false;                                  // by its first route
+    std::map<std::uint32_t, std::vector<Span>> routes = {};  // by PID
+};
+
+std::string inputLine(bool isAdded, std::uint32_t n, std::uint32_t tsiidx) {
+    return std::string("[info] Detected ") + (isAdded ? "added" : "removed") + " input TS: " + uri(n) +
+           " @ TSIIDX " + std::to_string(tsiidx);
+}
+
+std::string routeLine(bool isAdded, std::uint32_t tsiidx, std::uint32_t pid) {
+    return std::string("[info] Detected ") + (isAdded ? "added" : "removed") + " CPU route of PID " +
+           std::to_string(pid) + " from TSIIDX " + std::to_string(tsiidx);
+}
+
+/// Inputs and routes come and go, by zepctl or by rows, while a slow reader takes the records. A model of
+/// what each change means knows which log lines must come, and which records may and must.
+class StreamModelTest : public EmulatorTest, public testing::WithParamInterface<const char*> {
+protected:
+    static constexpr std::uint32_t FILES = 3;
+    static constexpr std::uint32_t SYNC = 9;  // an input with an empty file, and its TSIIDX
+    static constexpr std::uint32_t PIDS[] = {0x100, 0x101, 0x102, 0x103};
+
+    void SetUp() override {
+        ASSERT_EQ(::mkfifo(data.c_str(), 0600), 0);
+        m_Reader.emplace(data);
+        std::vector<std::string> arguments = link(SYNC, {});
+        if (*GetParam() != '\0') {
+            arguments.push_back(GetParam());
+        }
+        for (std::uint32_t n = 1; n <= FILES; ++n) {
+            constexpr std::uint64_t TICKS_PER_PACKET = 540;  // 50,000 packets per second
+            m_Files[n] = makeStream({std::begin(PIDS), std::end(PIDS)}, 100000 + n, TICKS_PER_PACKET);
+            arguments += link(n, m_Files[n]);
+        }
+        startAndWait(arguments);
+        m_Log.open(emulator->outPath());
+        expect("[info] Starting the zeptfem application");
+    }
+
+    void playRound() {
+        m_ByCompanion = random(2) == 0;
+        changeInput(SYNC, SYNC);
+        for (int i = 0; i < 60 && !HasFailure(); ++i) {
+            const std::uint32_t n = 1 + random(FILES);
+            const std::uint32_t tsiidx = m_Inputs.contains(n) ? m_Inputs[n] : n + 10 * random(2);
+            const std::uint32_t what = random(20);
+            if (what == 0) {
+                truncateInputs();
+            } else if (what < 5) {
+                changeInput(n, tsiidx);
+                changeRoute(tsiidx, PIDS[0]);  // on for long, so that the file does not rush to its end
+            } else {
+                changeRoute(tsiidx, PIDS[1 + random(3)]);
+            }
+        }
+        for (const auto& [tsiidx, pid] : std::set(m_Routes)) {
+            if (tsiidx != SYNC) {
+                changeRoute(tsiidx, pid);
+            }
+        }
+        for (const auto& [n, tsiidx] : std::map(m_Inputs)) {
+            changeInput(n, tsiidx);
+        }
+        if (m_Routes.contains({SYNC, PIDS[0]})) {
+            toggleRoute(SYNC, PIDS[0]);
+        }
+        check(m_Reader->take());
+        m_Lives.clear();
+    }
+
+    std::uint32_t random(std::uint32_t below) { return static_cast<std::uint32_t>(m_Random() % below); }
+
+    std::size_t recordCount = 0;
+
+private:
+    /// The next line of the log must be this one, or begin with it where it is an error.
+    void expect(const std::string& expected) {
+        std::string line;
+        const bool isThere = eventually([&] {
+            const auto begin = m_Log.tellg();
+            if (std::getline(m_Log, line) && !m_Log.eof()) {
+                return true;
+            }
+            m_Log.clear();
+            m_Log.seekg(begin);
+            return false;
+        });
+        ASSERT_TRUE(isThere) << "missing: " << expected;
+        line.erase(0, line.find(' ') + 1);
+        ASSERT_EQ(expected.starts_with("[error]") ? line.substr(0, expected.size()) : line, expected);
+    }
+
+    void zepctl(const std::vector<std::string>& command) const {
+        const std::vector<std::string> devices = {"-t", tsio.path(), "-r", router.path()};
+        Program program(ZEPCTL_PROGRAM, devices + command);
+        ASSERT_EQ(program.wait(), 0) << program.err();
+    }
+
+    Life* findPlaying(std::uint32_t tsiidx) {
+        auto& lives = m_Lives[tsiidx];
+        const auto input = lives.empty() ? m_Inputs.end() : m_Inputs.find(lives.back().n);
+        return input == m_Inputs.end() || input->second != tsiidx ? nullptr : &lives.back();
+    }
+
+    void changeInput(std::uint32_t n, std::uint32_t tsiidx) {
+        const std::size_t before = m_Reader->countWritten();
+        const bool isAdded = m_Inputs.emplace(n, tsiidx).second;
+        if (m_ByCompanion && isAdded) {
+            zepctl({"input", "add", uri(n), std::to_string(tsiidx)});
+        } else if (m_ByCompanion) {
+            zepctl({"input", "remove", uri(n)});
+        } else if (isAdded) {
+            setInput(n, n, tsiidx);
+        } else {
+            clearInput(n);
+        }
+        expect(inputLine(isAdded, n, tsiidx));
+        if (isAdded) {
+            Life life{n, {before}};
+            for (const auto& [pid, isRouted] : std::exchange(m_Waiting[tsiidx], {})) {
+                expect(routeLine(isRouted, tsiidx, pid));
+                life.routes[pid] = isRouted ? std::vector{Span{before, 0}} : std::vector<Span>{};
+                life.isStarted |= isRouted;
+            }
+            m_Lives[tsiidx].push_back(life);
+        }
+        if (!isAdded) {
+            m_Inputs.erase(n);
+        }
+        synchronize();
+        if (!isAdded) {
+            m_Lives[tsiidx].back().span.mayTo = m_Reader->countWritten();
+        }
+    }
+
+    bool toggleRoute(std::uint32_t tsiidx, std::uint32_t pid) {
+        const bool isAdded = m_Routes.insert({tsiidx, pid}).second;
+        const std::size_t row = 8 * tsiidx + pid % 8;
+        if (!isAdded) {
+            m_Routes.erase({tsiidx, pid});
+        }
+        if (m_ByCompanion) {
+            zepctl({"route", isAdded ? "add" : "remove", std::to_string(tsiidx), std::to_string(pid)});
+        } else if (isAdded) {
+            setRoute(row, tsiidx, pid);
+        } else {
+            clearRoute(row);
+        }
+        expect(routeLine(isAdded, tsiidx, pid));
+        if (findPlaying(tsiidx) == nullptr) {
+            m_Waiting[tsiidx].emplace_back(pid, isAdded);
+        }
+        return isAdded;
+    }
+
+    /// An event of a later poll: all that earlier ones brought has taken effect.
+    void synchronize() { toggleRoute(SYNC, PIDS[0]); }
+
+    void changeRoute(std::uint32_t tsiidx, std::uint32_t pid) {
+        const std::size_t before = m_Reader->countWritten();
+        const bool isAdded = toggleRoute(tsiidx, pid);
+        synchronize();
+        Life* life = findPlaying(tsiidx);
+        if (life == nullptr) {
+            return;
+        }
+        auto& spans = life->routes[pid];
+        if (isAdded) {
+            const bool isStarted = std::exchange(life->isStarted, true);
+            spans.push_back({before, isStarted ? m_Reader->countWritten() + 1 : 0});
+        } else if (!spans.empty()) {
+            spans.back().mustTo = before;
+            spans.back().mayTo = m_Reader->countWritten();
+        }
+    }
+
+    void truncateInputs() {
+        ASSERT_EQ(::truncate(tsio.path().c_str(), 0), 0);
+        expect("[error] PCI Error: Cannot access device memory. Device " + tsio.path().string());
+        ASSERT_EQ(::truncate(tsio.path().c_str(), TSIO_SIZE), 0);
+        for (const auto& [n, tsiidx] : m_Inputs) {
+            expect(inputLine(false, n, tsiidx));
+        }
+        expect("[info] The IP LUT can be read again, monitoring continues");
+        for (const auto& [n, tsiidx] : std::exchange(m_Inputs, {})) {
+            m_Lives[tsiidx].back().span.mayTo = m_Reader->countWritten();
+        }
+        changeInput(SYNC, SYNC);
+    }
+
+    /// Every record is a later packet of its file, from a PID that may be routed, and no packet between it
+    /// and the record before it was of a PID that must have been.
+    void check(const Bytes& arrived) {
+        struct Position {
+            const Life* life = nullptr;
+            std::size_t records = 0;  // up to its last one
+            std::size_t packet = 0;   // the next one of its file
+        };
+        std::map<std::uint32_t, Position> positions;
+        ASSERT_EQ(arrived.size() % RECORD, 0U);
+        recordCount += arrived.size() / RECORD;
+        for (std::size_t i = 0; i < arrived.size() / RECORD; ++i) {
+            const auto record = arrived.begin() + static_cast<std::ptrdiff_t>(i * RECORD);
+            const std::uint32_t tsiidx = record[0];
+            SCOPED_TRACE("record " + std::to_string(i) + " of TSIIDX " + std::to_string(tsiidx));
+            const auto isAlive = [&](const Life& life) {
+                return life.span.mayFrom <= i && i < life.span.mayTo;
+            };
+            const auto life = std::ranges::find_if(m_Lives[tsiidx], isAlive);
+            ASSERT_TRUE(life != m_Lives[tsiidx].end()) << "no such input";
+            Position& at = positions[tsiidx];
+            if (at.life != &*life) {
+                at = {&*life};
+            }
+            const auto file = m_Files[life->n].begin();
+            for (;; ++at.packet) {
+                ASSERT_LT(at.packet, m_Files[life->n].size() / 188) << "not one of the file's next packets";
+                const auto packet = file + static_cast<std::ptrdiff_t>(at.packet * 188);
+                const auto& spans = life->routes[(packet[1] & 0x1FU) << 8 | packet[2]];
+                if (std::equal(packet, packet + 188, record + 4)) {
+                    ASSERT_TRUE(std::ranges::any_of(spans, [&](const Span& span) {
+                        return span.mayFrom <= i && i < span.mayTo;
+                    })) << "not routed";
+                    break;
+                }
+                ASSERT_TRUE(std::ranges::none_of(
+                    spans, [&](const Span& span) { return span.mustFrom <= at.records && i < span.mustTo; }))
+                    << "packet " << at.packet << " is missing before it";
+            }
+            at.records = i + 1;
+            ++at.packet;
+        }
+    }
+
+    std::minstd_rand m_Random{std::random_device{}()};
+    std::map<std::uint32_t, Bytes> m_Files;
+    std::optional<Reader> m_Reader;
+    std::ifstream m_Log;
+    bool m_ByCompanion = false;
+    std::map<std::uint32_t, std::uint32_t> m_Inputs;             // TSIIDX by file
+    std::set<std::pair<std::uint32_t, std::uint32_t>> m_Routes;  // TSIIDX and PID, as the rows have them
+    std::map<std::uint32_t, std::vector<std::pair<std::uint32_t, bool>>> m_Waiting;  // for their input
+    std::map<std::uint32_t, std::vector<Life>> m_Lives;                              // by TSIIDX
+};
+
+/// What the process holds when nothing plays.
+std::array<std::size_t, 3> measure(pid_t pid) {
+    const std::string process = "/proc/" + std::to_string(pid);
+    const auto count = [&](const char* entries) {
+        std::filesystem::directory_iterator all(process + entries);
+        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    };
+    const std::string memory = readText(process + "/statm");
+    return {count("/fd"), count("/task"), std::stoul(memory.substr(memory.find(' '))) / 256};
+}
+
+TEST_P(StreamModelTest, RecordsAndLogAreThoseOfTheChanges) {
+    const char* seconds = std::getenv("ZEPTFEM_TEST_SECONDS");
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::seconds(seconds ? std::atoi(seconds) : 2);
+    playRound();
+    const auto first = measure(emulator->pid());
+    auto last = first;
+    int rounds = 1;
+    for (; !HasFailure() && std::chrono::steady_clock::now() < end; ++rounds) {
+        playRound();
+        last = measure(emulator->pid());
+        ASSERT_EQ(last[0], first[0]) << "descriptors";
+        ASSERT_EQ(last[1], first[1]) << "threads";
+        ASSERT_LE(last[2], first[2] + 16) << "MiB";
+    }
+    std::cout << rounds << " rounds of 60 changes, " << recordCount << " records, " << last[0]
+              << " descriptors, " << last[1] << " threads, " << first[2] << " to " << last[2] << " MiB\n";
+    EXPECT_GT(recordCount, 0U);
+    EXPECT_EQ(emulator->terminate(), 0);
+    EXPECT_TRUE(emulator->log().back().ends_with("Application exit has been signaled..."));
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, StreamModelTest, testing::Values("", "-m"),
+                         [](const auto& mode) { return *mode.param == '\0' ? "FullRate" : "PcrRate"; });
+
+}  // namespace
+}  // namespace Vel::SystemTest
