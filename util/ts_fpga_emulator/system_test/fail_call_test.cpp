@@ -2,7 +2,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "emulator.h"
+#include "harness.h"
 
 namespace Vel::SystemTest {
 namespace {
@@ -84,13 +84,13 @@ protected:
     }
 
 private:
-    std::filesystem::path m_Mark = folder / "mark";
+    std::string m_Mark = folder / "mark";
     int m_At = 1;
 };
 
 TEST_P(FailCallTest, EmulatorReportsItAndWritesAGaplessBeginning) {
     const Bytes stream = makeStream({0x100, 0x101}, 8);
-    std::vector<std::string> files = link(1, stream);
+    Texts files = link(1, stream);
     files += link(2, stream);
     const Bytes expected = recordsOf(stream, 1, {0x100});
     forEachCall([&] {
@@ -133,37 +133,36 @@ TEST_P(FailCallTest, CompanionLeavesEachTableAsItWasOrAsItShouldBe) {
         setInput(1, 3, 3);
         setRoute(0, 3, 0x100);
     };
-    const auto run = [&](std::vector<std::string> command, const std::function<void()>& prepare) {
-        std::vector<std::string> arguments = {"-t", tsio.path(), "-r", router.path()};
+    const auto run = [&](Texts command, const std::function<void()>& prepare) {
+        Texts arguments = {"-t", tsio.path(), "-r", router.path()};
         arguments += command;
         emulator = std::make_unique<Program>(ZEPCTL_PROGRAM, arguments, prepare);
         return emulator->wait(std::chrono::seconds(10));
     };
-    writeBytes(folder / "in", recordsOf(makeStream({0x100}, 20), 3, {0x100}));
-    const std::vector<std::vector<std::string>> commands = {
-        {"input", "add", uri(2), "2"},
-        {"input", "remove", uri(1)},
-        {"route", "add", "1", "0x20"},
-        {"route", "remove", "3", "0x100"},
-        {"input", "list"},
-        {"clear"},
-        {"records", "check", folder / "in"},
-        {"records", "split", folder / "in", folder / "split"},
-        {"create", "--force", (folder / ".").string()}};
+    writeFile(folder / "in", recordsOf(makeStream({0x100}, 20), 3, {0x100}));
+    const std::vector<Texts> commands = {{"input", "add", uri(2), "2"},
+                                         {"input", "remove", uri(1)},
+                                         {"route", "add", "1", "0x20"},
+                                         {"route", "remove", "3", "0x100"},
+                                         {"input", "list"},
+                                         {"clear"},
+                                         {"records", "check", folder / "in"},
+                                         {"records", "split", folder / "in", folder / "split"},
+                                         {"create", "--force", folder / "."}};
     for (const auto& command : commands) {
         SCOPED_TRACE(testing::PrintToString(command));
         fill();
-        const Bytes tsioBefore = readBytes(tsio.path());
-        const Bytes routerBefore = readBytes(router.path());
+        const Bytes tsioBefore = readFile(tsio.path());
+        const Bytes routerBefore = readFile(router.path());
         ASSERT_EQ(run(command, {}), 0) << emulator->err();
         const std::string out = emulator->out();
-        const Bytes tsioAfter = readBytes(tsio.path());
-        const Bytes routerAfter = readBytes(router.path());
+        const Bytes tsioAfter = readFile(tsio.path());
+        const Bytes routerAfter = readFile(router.path());
         forEachCall([&] {
             fill();
             const int status = run(command, injection());
-            const Bytes tsioNow = readBytes(tsio.path());
-            const Bytes routerNow = readBytes(router.path());
+            const Bytes tsioNow = readFile(tsio.path());
+            const Bytes routerNow = readFile(router.path());
             ASSERT_TRUE(tsioNow == tsioAfter || (status != 0 && tsioNow == tsioBefore));
             ASSERT_TRUE(routerNow == routerAfter || (status != 0 && routerNow == routerBefore));
             const std::string err = emulator->err();

@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "emulator.h"
+#include "harness.h"
 
 namespace Vel::SystemTest {
 namespace {
@@ -56,9 +56,8 @@ TEST_F(EmulatorTest, RowsThatAreRewrittenTogetherLoseNoRecord) {
     std::uint32_t filter = 0;
     ASSERT_TRUE(eventually([&] {
         filter = (filter + 1) % 256;
-        for (const std::size_t row : {1U, 2U}) {
-            router[8192 + 2 * row + 1] = filter << 24 | CPU_ROUTE | static_cast<std::uint32_t>(row);
-        }
+        setRoute(1, 1, 0x100, filter);
+        setRoute(2, 2, 0x100, filter);
         return std::filesystem::file_size(data) >= expected;
     }));
     EXPECT_EQ(emulator->terminate(), 0);
@@ -73,7 +72,7 @@ TEST_F(EmulatorTest, PacedByPcrAFileTakesItsTimeAndArrivesWhole) {
     constexpr std::uint32_t PACKETS = 1000;
     constexpr std::uint64_t TICKS_PER_PACKET = 27000;  // 1 ms
     const Bytes stream = makeStream({0x100, 0x101}, PACKETS, TICKS_PER_PACKET);
-    startAndWait(link(1, stream) + std::vector<std::string>{"-m"});
+    startAndWait(link(1, stream) + Texts{"-m"});
     setRoute(0, 3, 0x100);
     setRoute(1, 3, 0x101);
     ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 257 from TSIIDX 3"));
@@ -91,8 +90,8 @@ TEST_F(EmulatorTest, AFileOver4GiBPlaysToItsEnd) {
     GTEST_SKIP() << "takes minutes under a sanitizer";
 #endif
     constexpr std::uint64_t HOLE = (std::uint64_t{1} << 32) / 188 * 188 + 188;
-    const std::filesystem::path file = folder / "large.ts";
-    writeBytes(file, {});
+    const std::string file = folder / "large.ts";
+    writeFile(file, Bytes{});
     std::filesystem::resize_file(file, HOLE);  // reads as packets of PID 0
     const Bytes end = makeStream({0x100}, 100);
     std::ofstream(file, std::ios::binary | std::ios::app)

@@ -1,14 +1,14 @@
 #include <csignal>
 #include <thread>
 
-#include "emulator.h"
+#include "harness.h"
 
 namespace Vel::SystemTest {
 namespace {
 
 TEST(CommandLine, MistakesAreReportedWithTheHelpAndStatus0) {
     struct Case {
-        std::vector<std::string> arguments;
+        Texts arguments;
         std::string error;
     };
     const std::vector<Case> cases = {
@@ -33,10 +33,8 @@ TEST(CommandLine, MistakesAreReportedWithTheHelpAndStatus0) {
                   c.error.starts_with("Option"));
         // Paths in messages are the project's, not those of the machine that built it.
         EXPECT_EQ(program.err().find("(/"), std::string::npos) << program.err();
-        const std::vector<std::string> expected =
-            c.error.starts_with("Option")
-                ? std::vector<std::string>{}
-                : std::vector<std::string>{"[info] Starting the zeptfem application"};
+        const Texts expected =
+            c.error.starts_with("Option") ? Texts{} : Texts{"[info] Starting the zeptfem application"};
         EXPECT_EQ(program.log(), expected);
     }
 }
@@ -72,20 +70,21 @@ TEST_F(EmulatorTest, SignalsEndTheProgramAlsoWhereTheParentHadThemIgnored) {
 /// Signals at any moment of start, run and teardown, many of them, while a table is never stable: the program
 /// ends once, in order.
 TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {
-    const std::vector<std::string> pair = link(1, makeStream({0x100}, 3000));
+    const Texts pair = link(1, makeStream({0x100}, 3000));
     setInput(0, 1, 3);
     setRoute(0, 3, 0x100);
     std::jthread writer([&](const std::stop_token& stop) {
         for (std::uint32_t i = 0; !stop.stop_requested(); ++i) {
-            router[8192 + 2] = i;
-            router[8192 + 3] = CPU_ROUTE | (i & 0xFF);
+            router[PID_LUT + 2] = i;
+            router[PID_LUT + 3] = CPU_ROUTE | (i & 0xFF);
         }
     });
     for (int delay = 0; delay < 24; ++delay) {
         start(pair);
         // Until the program has blocked the signals they would end it as they end every program.
         ASSERT_TRUE(eventually([&] {
-            const std::string status = readText("/proc/" + std::to_string(emulator->pid()) + "/status");
+            const std::string status =
+                readFile<std::string>("/proc/" + std::to_string(emulator->pid()) + "/status");
             return status.find("Name:\tzeptfem") != std::string::npos &&
                    status.find("SigBlk:\t0000000000004002") != std::string::npos;
         }));

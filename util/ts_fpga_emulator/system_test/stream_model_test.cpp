@@ -16,18 +16,17 @@
 #include <set>
 #include <thread>
 
-#include "emulator.h"
+#include "harness.h"
 
 namespace Vel::SystemTest {
 namespace {
 
-constexpr std::size_t RECORD = 192;
 constexpr std::size_t NEVER = std::numeric_limits<std::size_t>::max();
 
 /// Reads the data device slowly, at times not at all, and keeps what arrives.
 class Reader {
 public:
-    explicit Reader(const std::filesystem::path& fifo)
+    explicit Reader(const std::string& fifo)
         : m_Fd(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)), m_Thread([this] { readAll(); }) {}
     ~Reader() {
         m_Stop = true;
@@ -112,7 +111,7 @@ protected:
     void SetUp() override {
         ASSERT_EQ(::mkfifo(data.c_str(), 0600), 0);
         m_Reader.emplace(data);
-        std::vector<std::string> arguments = link(SYNC, {});
+        Texts arguments = link(SYNC, {});
         if (*GetParam() != '\0') {
             arguments.push_back(GetParam());
         }
@@ -179,8 +178,8 @@ private:
         ASSERT_EQ(expected.starts_with("[error]") ? line.substr(0, expected.size()) : line, expected);
     }
 
-    void zepctl(const std::vector<std::string>& command) const {
-        const std::vector<std::string> devices = {"-t", tsio.path(), "-r", router.path()};
+    void zepctl(const Texts& command) const {
+        const Texts devices = {"-t", tsio.path(), "-r", router.path()};
         Program program(ZEPCTL_PROGRAM, devices + command);
         ASSERT_EQ(program.wait(), 0) << program.err();
     }
@@ -265,7 +264,7 @@ private:
 
     void truncateInputs() {
         ASSERT_EQ(::truncate(tsio.path().c_str(), 0), 0);
-        expect("[error] PCI Error: Cannot access device memory. Device " + tsio.path().string());
+        expect("[error] PCI Error: Cannot access device memory. Device " + tsio.path());
         ASSERT_EQ(::truncate(tsio.path().c_str(), TSIO_SIZE), 0);
         for (const auto& [n, tsiidx] : m_Inputs) {
             expect(inputLine(false, n, tsiidx));
@@ -339,7 +338,7 @@ std::array<std::size_t, 3> measure(pid_t pid) {
         std::filesystem::directory_iterator all(process + entries);
         return static_cast<std::size_t>(std::distance(begin(all), end(all)));
     };
-    const std::string memory = readText(process + "/statm");
+    const std::string memory = readFile<std::string>(process + "/statm");
     return {count("/fd"), count("/task"), std::stoul(memory.substr(memory.find(' '))) / 256};
 }
 
