@@ -103,6 +103,10 @@ int clock_nanosleep(clockid_t clock, int flags, const timespec* duration, timesp
     return isDue("clock_nanosleep") ? errno : next<Sleep>("clock_nanosleep")(clock, flags, duration, rest);
 }
 
+int nanosleep(const timespec* duration, timespec* rest) {
+    return isDue("clock_nanosleep") ? -1 : next<int(const timespec*, timespec*)>("nanosleep")(duration, rest);
+}
+
 void* malloc(std::size_t size) noexcept {
     return isInMain && isDue("malloc") ? nullptr : __libc_malloc(size);
 }

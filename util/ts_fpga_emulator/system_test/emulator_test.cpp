@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <thread>
 
@@ -21,6 +22,151 @@ Bytes drain(int reader) {
     }
     all.resize(size);
     return all;
+}
+
+TEST_F(EmulatorTest, InputsAndRoutesPlayTheLinkedFilesInFileOrder) {
+    const Bytes first = makeStream({0x100, 0x101, 0x1FFF, 0x0}, 40000);
+    const Bytes second = makeStream({0x20, 0x21}, 30000);
+    const Texts links = link(1, first) + link(2, second) + link(4, second);
+    std::filesystem::resize_file(folder / "2.ts", std::uintmax_t{5} << 30);  // goes on with PID 0
+    setRoute(0, 3, 0x100);  // comes before its input, and before the start
+    start(links);
+    ASSERT_TRUE(emulator->waitForLog("[warning] The PID LUT already holds 1 used rows"));
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 256 from TSIIDX 3"));
+    setRoute(1, 3, 0x0);
+    setRoute(2, 7, 0x21);
+    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 33 from TSIIDX 7"));
+    setInput(0, 1, 3);
+    setInput(1, 2, 7);
+    setInput(2, 3, 9);  // nothing is linked to it
+    setInput(3, 4, 7);  // too late
+
+    const Bytes expected3 = recordsOf(first, 3, {0x0, 0x100});
+    const Bytes expected7 = recordsOf(second, 7, {0x21});
+    ASSERT_TRUE(waitForRecords(expected3.size() + expected7.size()));
+    EXPECT_EQ(emulator->terminate(), 0);
+    const Bytes written = records();
+    EXPECT_EQ(written.size(), expected3.size() + expected7.size());
+    EXPECT_TRUE(recordsOfInput(written, 3) == expected3);
+    EXPECT_TRUE(recordsOfInput(written, 7) == expected7);
+    // The pending routes are logged a second time when their input arrives.
+    EXPECT_EQ(emulator->countLog("[info] Detected added CPU route of PID 256 from TSIIDX 3"), 2U);
+    EXPECT_EQ(emulator->countLog("[info] Detected added input TS: udp://239.1.2.3:5000 @ TSIIDX 9"), 1U);
+    EXPECT_EQ(
+        emulator->countLog("[warning] Input TS udp://239.1.2.4:5000 is not played: TSIIDX 7 already plays "
+                           "udp://239.1.2.2:5000"),
+        1U);
+    EXPECT_EQ(emulator->countLog("[error]"), 0U);
+}
+
+/// A row that is rewritten is a removal and an addition. Both take effect at one packet, for every input.
+TEST_F(EmulatorTest, RowsThatAreRewrittenTogetherLoseNoRecord) {
+    const Bytes stream = makeStream({0x100}, 200000);
+    startAndWait(link(1, stream) + link(2, stream));
+    for (std::uint32_t n = 1; n <= 2; ++n) {
+        setRoute(n, n, 0x100);
+        setInput(n, n, n);
+    }
+    const std::size_t expected = 2 * stream.size() / 188 * 192;
+    std::uint32_t filter = 0;
+    ASSERT_TRUE(eventually([&] {
+        filter = (filter + 1) % 256;
+        setRoute(1, 1, 0x100, filter);
+        setRoute(2, 2, 0x100, filter);
+        return std::filesystem::file_size(data) >= expected;
+    }));
+    EXPECT_EQ(emulator->terminate(), 0);
+    EXPECT_GT(emulator->countLog("[info] Detected removed CPU route"), 2U);
+    const Bytes written = records();
+    for (std::uint32_t n = 1; n <= 2; ++n) {
+        EXPECT_TRUE(recordsOfInput(written, n) == recordsOf(stream, n, {0x100}));
+    }
+}
+
+TEST_F(EmulatorTest, PacedByPcrAFileTakesItsTimeAndArrivesWhole) {
+    const Bytes stream = makeStream({0x100, 0x101}, 1000, 27000);  // 1 ms per packet
+    setRoute(0, 3, 0x100);
+    setRoute(1, 3, 0x101);
+    startAndWait(link(1, stream) + Texts{"-m"});
+    const auto begin = std::chrono::steady_clock::now();
+    setInput(0, 1, 3);
+    ASSERT_TRUE(waitForRecords(1000 * RECORD));
+    // Ten batches of 100, each at least 100 ms long.
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
+    EXPECT_EQ(emulator->terminate(), 0);
+    EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100, 0x101}));
+}
+
+TEST(CommandLine, HelpAndMistakesEndWithStatus0) {
+    struct Case {
+        Texts arguments;
+        std::string error;  // how it begins
+        std::size_t logLines;
+    };
+    const std::vector<Case> cases = {
+        {{"-f", "u x", "-f", "u y"},
+         "Initialization Error: Rendundant URI in URI/file pair \"u y\". (util/",
+         1},
+        {{}, "Initialization Error: No file/URI pairs given via the -f/--file_uri_pair option.(util/", 1},
+        {{"--nonsense"}, "Option", 0},
+    };
+    for (const Case& c : cases) {
+        Program program(ZEPTFEM_PROGRAM, c.arguments);
+        EXPECT_EQ(program.wait(), 0) << c.error;
+        EXPECT_TRUE(program.err().starts_with(c.error)) << program.err();
+        EXPECT_NE(program.err().find("zeptfem (ZEP Transport stream FPGA Emulator).\nEmulates"),
+                  std::string::npos);
+        EXPECT_EQ(program.log().size(), c.logLines);
+    }
+    Program help(ZEPTFEM_PROGRAM, {"-f", "bad", "-h"});
+    EXPECT_EQ(help.wait(), 0);
+    EXPECT_EQ(help.err(), "");
+    EXPECT_TRUE(help.out().starts_with("zeptfem (ZEP Transport stream FPGA Emulator).\nEmulates"))
+        << help.out();
+}
+
+TEST_F(EmulatorTest, SignalsEndTheProgramAlsoWhereTheParentHadThemIgnored) {
+    for (const int number : {SIGINT, SIGTERM}) {
+        startAndWait(link(1, {}), [] {
+            std::signal(SIGINT, SIG_IGN);
+            std::signal(SIGTERM, SIG_IGN);
+        });
+        emulator->signal(number);
+        EXPECT_EQ(emulator->wait(), 0);
+        EXPECT_EQ(emulator->err(),
+                  number == SIGINT ? "\nReceived signal SIGINT\n" : "\nReceived signal SIGTERM\n");
+        EXPECT_EQ(emulator->log().front(), "[info] Starting the zeptfem application");
+        EXPECT_EQ(emulator->log().back(), "[info] Application exit has been signaled...");
+    }
+}
+
+/// Signals at any moment of start, run and teardown, many of them, while a table is never stable: the program
+/// ends once, in order.
+TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {
+    const Texts pair = link(1, makeStream({0x100}, 3000));
+    setInput(0, 1, 3);
+    setRoute(0, 3, 0x100);
+    std::jthread writer([&](const std::stop_token& stop) {
+        for (std::uint32_t i = 0; !stop.stop_requested(); ++i) {
+            router[PID_LUT + 2] = i;
+            router[PID_LUT + 3] = CPU_ROUTE | (i & 0xFF);
+        }
+    });
+    for (int delay = 0; delay < 24; ++delay) {
+        start(pair);
+        // Until the program has blocked the signals they would end it as they end every program.
+        ASSERT_TRUE(eventually([&] {
+            const std::string status =
+                readFile<std::string>("/proc/" + std::to_string(emulator->pid()) + "/status");
+            return status.find("Name:\tzeptfem") != std::string::npos &&
+                   status.find("SigBlk:\t0000000000004002") != std::string::npos;
+        }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        for (int i = 0; i < 200 && emulator->isRunning(); ++i) {
+            emulator->signal(i % 2 == 0 ? SIGINT : SIGTERM);
+        }
+        ASSERT_EQ(emulator->wait(), 0) << delay;
+    }
 }
 
 /// A FIFO without reader, then with one that reads nothing, then with one that leaves.
