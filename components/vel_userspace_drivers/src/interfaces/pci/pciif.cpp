@@ -7,9 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
 
 #include "mapping_guard.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::Pci {
 
@@ -34,7 +34,7 @@ PciIf::~PciIf() {
 void PciIf::openDevice() {
     m_FileDescriptor = ::open(m_Path.c_str(), O_RDWR | O_CLOEXEC);
     if (m_FileDescriptor == NOT_OPEN) {
-        const std::string reason = std::generic_category().message(errno);
+        const std::string reason = CppUtil::errnoText(errno);
         throw PciError("Could not open device at path: " + m_Path + ". Error: \"" + reason + "\"", __FILE__,
                        __LINE__);
     }

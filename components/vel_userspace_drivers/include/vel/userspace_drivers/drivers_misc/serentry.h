@@ -38,8 +38,6 @@ public:
 
     /// The serialized form, as toWords() or deserialize() left it.
     const std::vector<T>& getWords() const { return m_Words; }
-    /// Whether the fields were set rather than only read from words; so from construction on.
-    bool isModified() const { return m_Modified; }
 
 protected:
     explicit SerilizeableEntry(std::size_t wordCount) : m_Words(wordCount) {}
@@ -49,6 +47,7 @@ protected:
     SerilizeableEntry& operator=(const SerilizeableEntry&) = default;
     SerilizeableEntry& operator=(SerilizeableEntry&&) noexcept = default;
 
+    /// The fields were set rather than only read from words; so from construction on.
     void setModified() { m_Modified = true; }
 
     std::vector<T> m_Words;

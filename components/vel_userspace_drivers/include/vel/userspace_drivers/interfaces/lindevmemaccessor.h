@@ -29,28 +29,48 @@ enum class MemAccessType { R32, R16, R8, W32, W16, W8 };
 const char* accessTypeToString(MemAccessType type);
 
 /// Device memory as one linear segment, which a derived class supplies. Every operation tests its whole range
-/// first, then makes exactly one load or store of its width a unit, in ascending order: a failed access
+/// first, then makes exactly one load or store of its width per unit, in ascending order: a failed access
 /// changes nothing.
 ///
 /// All operations throw DevMemError when the range passes the segment's end, and whatever checkAccessible()
 /// throws. Thread-bound: one thread at a time.
 class LinDevMemAccessor : public IMemIf {
 public:
-    std::uint32_t read32(std::uint32_t index) override;
-    std::uint16_t read16(std::uint32_t index) override;
-    std::uint8_t read8(std::uint32_t index) override;
-    void write32(std::uint32_t index, std::uint32_t value) override;
-    void write16(std::uint32_t index, std::uint16_t value) override;
-    void write8(std::uint32_t index, std::uint8_t value) override;
+    std::uint32_t read32(std::uint32_t index) override { return readUnit<std::uint32_t>(index); }
+    std::uint16_t read16(std::uint32_t index) override { return readUnit<std::uint16_t>(index); }
+    std::uint8_t read8(std::uint32_t index) override { return readUnit<std::uint8_t>(index); }
+    void write32(std::uint32_t index, std::uint32_t value) override {
+        writeUnits<std::uint32_t>(index, {&value, 1});
+    }
+    void write16(std::uint32_t index, std::uint16_t value) override {
+        writeUnits<std::uint16_t>(index, {&value, 1});
+    }
+    void write8(std::uint32_t index, std::uint8_t value) override {
+        writeUnits<std::uint8_t>(index, {&value, 1});
+    }
 
-    std::vector<std::uint32_t> readBlock32(std::uint32_t index, std::uint32_t count) override;
-    std::vector<std::uint16_t> readBlock16(std::uint32_t index, std::uint32_t count) override;
-    std::vector<std::uint8_t> readBlock8(std::uint32_t index, std::uint32_t count) override;
-    void writeBlock32(std::uint32_t index, const std::vector<std::uint32_t>& values) override;
-    void writeBlock16(std::uint32_t index, const std::vector<std::uint16_t>& values) override;
-    void writeBlock8(std::uint32_t index, const std::vector<std::uint8_t>& values) override;
+    std::vector<std::uint32_t> readBlock32(std::uint32_t index, std::uint32_t count) override {
+        return readUnits<std::uint32_t>(index, count);
+    }
+    std::vector<std::uint16_t> readBlock16(std::uint32_t index, std::uint32_t count) override {
+        return readUnits<std::uint16_t>(index, count);
+    }
+    std::vector<std::uint8_t> readBlock8(std::uint32_t index, std::uint32_t count) override {
+        return readUnits<std::uint8_t>(index, count);
+    }
+    void writeBlock32(std::uint32_t index, const std::vector<std::uint32_t>& values) override {
+        writeUnits<std::uint32_t>(index, values);
+    }
+    void writeBlock16(std::uint32_t index, const std::vector<std::uint16_t>& values) override {
+        writeUnits<std::uint16_t>(index, values);
+    }
+    void writeBlock8(std::uint32_t index, const std::vector<std::uint8_t>& values) override {
+        writeUnits<std::uint8_t>(index, values);
+    }
 
-    void readBlock32Into(std::uint32_t index, std::span<std::uint32_t> words) override;
+    void readBlock32Into(std::uint32_t index, std::span<std::uint32_t> words) override {
+        load(locate<std::uint32_t>(index, words.size(), MemAccessType::R32), words);
+    }
 
     /// The memory to access; asked for on every operation.
     virtual MemSegment getMemSegment() const = 0;
@@ -65,13 +85,54 @@ protected:
 
 private:
     template <typename Unit>
-    Unit* checkedUnits(std::uint32_t index, std::uint64_t count, MemAccessType type) const;
+    static constexpr MemAccessType READ = sizeof(Unit) == 4   ? MemAccessType::R32
+                                          : sizeof(Unit) == 2 ? MemAccessType::R16
+                                                              : MemAccessType::R8;
     template <typename Unit>
-    std::vector<Unit> readUnits(std::uint32_t index, std::uint32_t count) const;
+    static constexpr MemAccessType WRITE = sizeof(Unit) == 4   ? MemAccessType::W32
+                                           : sizeof(Unit) == 2 ? MemAccessType::W16
+                                                               : MemAccessType::W8;
+
     template <typename Unit>
-    void readUnitsInto(std::uint32_t index, std::span<Unit> units) const;
+    Unit* locate(std::uint32_t index, std::uint64_t count, MemAccessType type) const {
+        const MemSegment segment = getMemSegment();
+        checkAccess(segment.size, std::uint64_t{index} * sizeof(Unit), count * sizeof(Unit), type);
+        return reinterpret_cast<Unit*>(segment.base) + index;
+    }
+
+    // load() and writeUnits() are the only places that touch device memory. The compiler cannot know that it
+    // changes and acts by itself: volatile keeps one load or store of the full width per unit, in order, none
+    // merged with a neighbour, repeated or left out.
     template <typename Unit>
-    void writeUnits(std::uint32_t index, std::span<const Unit> units) const;
+    static void load(const volatile Unit* device, std::span<Unit> units) {
+        for (Unit& unit : units) {
+            unit = *device++;
+        }
+    }
+
+    template <typename Unit>
+    std::vector<Unit> readUnits(std::uint32_t index, std::uint32_t count) const {
+        // Tested before the vector exists: a senseless count is a range error, not a lack of memory.
+        const Unit* device = locate<Unit>(index, count, READ<Unit>);
+        std::vector<Unit> units(count);
+        load(device, std::span(units));
+        return units;
+    }
+
+    template <typename Unit>
+    Unit readUnit(std::uint32_t index) const {
+        Unit unit = 0;
+        load(locate<Unit>(index, 1, READ<Unit>), std::span(&unit, 1));
+        return unit;
+    }
+
+    template <typename Unit>
+    void writeUnits(std::uint32_t index, std::span<const Unit> units) const {
+        volatile Unit* device = locate<Unit>(index, units.size(), WRITE<Unit>);
+        for (const Unit unit : units) {
+            *device++ = unit;
+        }
+    }
 };
 
 }  // namespace Vel::Drivers

@@ -1,16 +1,14 @@
 #include "table_access.h"
 
-#include <string>
-
 #include "vel/cpp_utils/error.h"
 
 namespace Vel::Drivers::Zep {
 
-void requireRows(const Table& table, std::uint32_t offset, std::uint32_t count) {
-    if (offset > table.rows || count > table.rows - offset) {
+void requireRows(const Table& table, std::uint32_t first, std::uint32_t count) {
+    if (first > table.rows || count > table.rows - first) {
         throw CppUtil::InvalidArgumentError(
-            "Offset (" + std::to_string(offset) + ") and count (" + std::to_string(count) +
-                ") exceeds the size (" + std::to_string(table.rows) + ") of the ZEP " + table.name + ".",
+            fmt::format("Offset ({}) and count ({}) exceeds the size ({}) of the ZEP {}.", first, count,
+                        table.rows, table.name),
             __FILE__, __LINE__);
     }
 }

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <fmt/format.h>
+
+#include <array>
 #include <cstdint>
+#include <ostream>
 #include <vector>
 
 #include "vel/userspace_drivers/drivers/zep/ts/bitfield.h"
@@ -9,22 +13,60 @@
 
 namespace Vel::Drivers::Zep {
 
-/// Throws InvalidArgumentError unless `table` has all of the `count` rows from row `offset` on.
-void requireRows(const Table& table, std::uint32_t offset, std::uint32_t count);
+/// Throws InvalidArgumentError unless `table` has all of the `count` rows from row `first` on.
+void requireRows(const Table& table, std::uint32_t first, std::uint32_t count);
 
 /// The present value of a register's field.
 inline std::uint32_t readRegister(IMemIf& memory, const BitField& bits) {
     return bits.extract(memory.read32(bits.word));
 }
 
-/// Reads `count` rows from row `offset` on and returns those that `keep` accepts.
-/// @param base word index of row 0
+/// The same table with row 0 at another word of its device.
+constexpr Table moveTo(Table table, std::uint32_t base) {
+    table.base = base;
+    return table;
+}
+
+/// Reads `count` rows from row `first` on, and returns those that `keep` accepts.
 template <class Row, class Keep>
-std::vector<Row> readRows(IMemIf& memory, std::uint32_t base, std::uint32_t offset, std::uint32_t count,
+std::vector<Row> readRows(IMemIf& memory, const Table& table, std::uint32_t first, std::uint32_t count,
                           Keep keep) {
     std::vector<std::uint32_t> words(std::size_t{count} * Row::WORDS);
-    memory.readBlock32Into(base + offset * Row::WORDS, words);
+    memory.readBlock32Into(table.base + first * Row::WORDS, words);
     return decodeRows<Row>(words, keep);
+}
+
+/// Rows that a dump is asked for.
+struct DumpRange {
+    std::uint32_t first;
+    std::uint32_t count;
+    bool includeAll;
+};
+
+inline const char* yesNo(bool flag) {
+    return flag ? "YES" : "NO";
+}
+
+/// Writes one line per row for which `isShown(row)` holds, or per row where all are asked for, each as soon
+/// as its row is read. Throws InvalidArgumentError when the range passes the table's end.
+/// @param format called with index and row, returns the text of the row's fields
+/// @param indexDigits of the row index, padded with zeros
+template <class Row, class IsShown, class Format>
+void dumpRows(IMemIf& memory, const Table& table, const DumpRange& range, IsShown isShown, Format format,
+              std::ostream& output, int indexDigits = 3) {
+    requireRows(table, range.first, range.count);
+    Row row;
+    std::array<std::uint32_t, Row::WORDS> words{};
+    for (std::uint32_t index = range.first; index < range.first + range.count; ++index) {
+        const std::uint32_t wordIndex = table.base + index * Row::WORDS;
+        memory.readBlock32Into(wordIndex, words);
+        row.deserialize(words);
+        if (range.includeAll || std::invoke(isShown, row)) {
+            output << fmt::format("{:0{}} (0x{:08x}): {}\n", index, indexDigits, wordIndex,
+                                  format(index, row))
+                   << std::flush;
+        }
+    }
 }
 
 }  // namespace Vel::Drivers::Zep

@@ -7,8 +7,7 @@ namespace Vel::Drivers::Zep {
 
 /// Bits of one field within 32-bit words.
 struct BitField {
-    std::uint32_t
-        word;  ///< word that holds them: of its row for a table's field, of the device for a register
+    std::uint32_t word;   ///< of the row for a field of a table, of the device for a register
     std::uint32_t shift;  ///< lowest bit
     std::uint32_t width;  ///< bits, 1..32
 

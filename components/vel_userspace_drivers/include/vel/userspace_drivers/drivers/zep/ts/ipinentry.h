@@ -1,7 +1,9 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "vel/cpp_utils/network/ipadrcontainer.h"
 #include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
@@ -10,9 +12,7 @@
 namespace Vel::Drivers::Zep {
 
 /// Row of the IP LUT: binds an IPv4 address and UDP port to an input transport stream while it is enabled.
-///
-/// Setters enable the row. They, and the constructors, throw ZepDriverError for a value that does not fit its
-/// field; a setter that throws changes nothing. A plain value; reentrant.
+/// Setters enable the row.
 class IpInEntry final : public TableRow<IpInEntry, IpLut::TABLE.wordsPerRow> {
 public:
     /// A cleared row.
@@ -40,12 +40,10 @@ public:
     void clear() override;
 
     /// By address, then by port.
-    friend bool operator<(const IpInEntry& left, const IpInEntry& right) {
-        const std::uint32_t leftIp = left.m_Ip.toUint32();
-        const std::uint32_t rightIp = right.m_Ip.toUint32();
-        return leftIp != rightIp ? leftIp < rightIp : left.m_UdpPort < right.m_UdpPort;
+    friend std::weak_ordering operator<=>(const IpInEntry& left, const IpInEntry& right) {
+        return std::pair(left.m_Ip.toUint32(), left.m_UdpPort) <=>
+               std::pair(right.m_Ip.toUint32(), right.m_UdpPort);
     }
-    friend bool operator>(const IpInEntry& left, const IpInEntry& right) { return right < left; }
     /// Same input at the same address and port, enabled or not.
     friend bool operator==(const IpInEntry& left, const IpInEntry& right) {
         return left.m_TSIIDX == right.m_TSIIDX && left.m_Ip.toUint32() == right.m_Ip.toUint32() &&

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
+#include <utility>
 
 #include "vel/cpp_utils/network/ipadrcontainer.h"
 #include "vel/cpp_utils/network/macadrcontainer.h"
@@ -10,10 +12,8 @@
 namespace Vel::Drivers::Zep {
 
 /// Row of the IP output table: where an output transport stream is sent, and whether with an RTP header. The
-/// row's place in the table is its TSOIDX, so its words do not hold it.
-///
-/// Setters of what the words hold enable the row. They, and the constructors, throw ZepDriverError for a
-/// value that does not fit its field; a setter that throws changes nothing. A plain value; reentrant.
+/// row's place in the table is its TSOIDX, so its words do not hold it. Setters of what the words hold enable
+/// the row.
 class IpOutEntry final : public TableRow<IpOutEntry, IpOutTable::TABLE.wordsPerRow> {
 public:
     /// A cleared row of MAC address 00:00:00:00:00:00.
@@ -44,12 +44,10 @@ public:
     void clear() override;
 
     /// By address, then by port.
-    friend bool operator<(const IpOutEntry& left, const IpOutEntry& right) {
-        const std::uint32_t leftIp = left.m_Ip.toUint32();
-        const std::uint32_t rightIp = right.m_Ip.toUint32();
-        return leftIp != rightIp ? leftIp < rightIp : left.m_UdpPort < right.m_UdpPort;
+    friend std::weak_ordering operator<=>(const IpOutEntry& left, const IpOutEntry& right) {
+        return std::pair(left.m_Ip.toUint32(), left.m_UdpPort) <=>
+               std::pair(right.m_Ip.toUint32(), right.m_UdpPort);
     }
-    friend bool operator>(const IpOutEntry& left, const IpOutEntry& right) { return right < left; }
     /// Same output stream to the same address and port.
     friend bool operator==(const IpOutEntry& left, const IpOutEntry& right) {
         return left.m_TSOIDX == right.m_TSOIDX && left.m_Ip.toUint32() == right.m_Ip.toUint32() &&

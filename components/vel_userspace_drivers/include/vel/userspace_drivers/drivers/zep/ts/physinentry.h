@@ -8,11 +8,8 @@
 namespace Vel::Drivers::Zep {
 
 /// Row of the PHYS IN MAP: the input transport stream that a physical input feeds. The row's place in the
-/// table is its PHYIIDX, so its word does not hold it.
-///
-/// Setters and constructors throw ZepDriverError for a value that does not fit its field; a setter that
-/// throws changes nothing. A row read from the table may hold a TSIIDX that no setter accepts. A plain value;
-/// reentrant.
+/// table is its PHYIIDX, so its word does not hold it. A row read from the table may hold a TSIIDX that no
+/// setter accepts.
 class PhysInEntry final : public TableRow<PhysInEntry, PhysInMap::TABLE.wordsPerRow> {
 public:
     /// A cleared row.

@@ -8,11 +8,8 @@
 namespace Vel::Drivers::Zep {
 
 /// Row of the PHYS OUT MAP: the physical output of an output transport stream. The row's place in the table
-/// is its TSOIDX, so its word does not hold it.
-///
-/// Setters and constructors throw ZepDriverError for a value that does not fit its field; a setter that
-/// throws changes nothing. No setter enables the row. A row that is cleared, or read from the table, may hold
-/// a PHYOIDX that no setter accepts. A plain value; reentrant.
+/// is its TSOIDX, so its word does not hold it. No setter enables the row. A row that is cleared, or read
+/// from the table, may hold a PHYOIDX that no setter accepts.
 class PhysOutEntry final : public TableRow<PhysOutEntry, PhysOutMap::TABLE.wordsPerRow> {
 public:
     /// A cleared row.

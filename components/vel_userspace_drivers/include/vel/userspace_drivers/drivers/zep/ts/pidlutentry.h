@@ -1,5 +1,6 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <tuple>
 
@@ -8,11 +9,8 @@
 
 namespace Vel::Drivers::Zep {
 
-/// Row of the PID LUT: says where the packets of one PID of one input transport stream go.
-///
-/// Setters and constructors throw ZepDriverError for a value that does not fit its field; a setter that
-/// throws changes nothing. A row read from the table may hold PIDIDX 0, which no setter accepts. A plain
-/// value; reentrant.
+/// Row of the PID LUT: where the packets of one PID of one input transport stream go. A row read from the
+/// table may hold PIDIDX 0, which no setter accepts.
 class PidLutEntry final : public TableRow<PidLutEntry, PidLut::TABLE.wordsPerRow> {
 public:
     /// A cleared row.
@@ -45,15 +43,16 @@ public:
     void clear() override;
 
     /// By TSIIDX, then by PID.
-    friend bool operator<(const PidLutEntry& left, const PidLutEntry& right) {
-        return std::tie(left.m_TSIIDX, left.m_PID) < std::tie(right.m_TSIIDX, right.m_PID);
+    friend std::weak_ordering operator<=>(const PidLutEntry& left, const PidLutEntry& right) {
+        return std::tie(left.m_TSIIDX, left.m_PID) <=> std::tie(right.m_TSIIDX, right.m_PID);
     }
-    friend bool operator>(const PidLutEntry& left, const PidLutEntry& right) { return right < left; }
     /// All fields.
     friend bool operator==(const PidLutEntry& left, const PidLutEntry& right) {
-        return left.m_TSIIDX == right.m_TSIIDX && left.m_PID == right.m_PID &&
-               left.m_PIDIDX == right.m_PIDIDX && left.m_FiltTabIDX == right.m_FiltTabIDX &&
-               left.m_CpuRoute == right.m_CpuRoute && left.m_OutRoute == right.m_OutRoute;
+        const auto all = [](const PidLutEntry& row) {
+            return std::tie(row.m_TSIIDX, row.m_PID, row.m_PIDIDX, row.m_FiltTabIDX, row.m_CpuRoute,
+                            row.m_OutRoute);
+        };
+        return all(left) == all(right);
     }
 
 private:

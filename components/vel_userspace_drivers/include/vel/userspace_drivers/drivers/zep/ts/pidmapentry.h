@@ -9,10 +9,7 @@ namespace Vel::Drivers::Zep {
 
 /// Row of the O-PID MAP: an output transport stream that a routed PID goes to, perhaps under another PID, and
 /// the row that continues the chain. The row's place in the table is its PIDIDX, so its words do not hold it.
-///
-/// Setters and constructors throw ZepDriverError for a value that does not fit its field, or that would link
-/// the row to itself; a setter that throws changes nothing. No setter enables the row. A plain value;
-/// reentrant.
+/// A row that would continue with itself is refused as a value that does not fit. No setter enables the row.
 class PidMapEntry final : public TableRow<PidMapEntry, OPidMap::TABLE.wordsPerRow> {
 public:
     /// A cleared row.

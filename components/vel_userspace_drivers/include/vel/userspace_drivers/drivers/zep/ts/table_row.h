@@ -55,9 +55,13 @@ struct RowDecoder {
     }
 };
 
-/// A table row of `WordCount` words whose fields each lie in some of their bits. The derived class says
-/// which, once for both directions, by a static `visitFields(row, visit)` that calls `visit(bits, field)` for
-/// every stored field. Every combination of bits is a row, so reading from words never fails.
+/// A table row of `WordCount` words whose fields each lie in some of their bits. A plain value; reentrant.
+///
+/// Its constructors and setters throw ZepDriverError for a value that does not fit its field; a setter that
+/// throws changes nothing. Every combination of bits is a row, so reading from words never fails.
+///
+/// The derived class says which bits hold which field, once for both directions, by a static
+/// `visitFields(row, visit)` that calls `visit(bits, field)` for every stored field.
 template <class Row, std::uint32_t WordCount>
 class TableRow : public Misc::SerilizeableEntry<unsigned int> {
 public:

@@ -8,11 +8,8 @@
 namespace Vel::Drivers::Zep {
 
 /// Row of the TSI MAP: the O-PID MAP row at which an input transport stream starts. The row's place in the
-/// table is its TSIIDX, so its word does not hold it.
-///
-/// Setters and constructors throw ZepDriverError for a value that does not fit its field; a setter that
-/// throws changes nothing. No setter enables the row. A row read from the table may hold PIDIDX 0, which no
-/// setter accepts. A plain value; reentrant.
+/// table is its TSIIDX, so its word does not hold it. No setter enables the row. A row read from the table
+/// may hold PIDIDX 0, which no setter accepts.
 class TsiMapEntry final : public TableRow<TsiMapEntry, TsiMap::TABLE.wordsPerRow> {
 public:
     /// A cleared row.

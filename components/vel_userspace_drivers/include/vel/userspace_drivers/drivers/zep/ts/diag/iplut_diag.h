@@ -18,7 +18,7 @@ constexpr std::uint32_t getIpLutSize() {
 /// Word index of row 0, the same for every bank. Reads the device once, so that one that cannot be read fails
 /// here.
 std::uint32_t getIpLutBase(IMemIf& memory, std::uint32_t bank);
-/// 0 or 1. One that changes between the reads of a table says that the table was being rewritten meanwhile.
+/// 0 or 1. A change between the reads of a table shows that the table was being rewritten meanwhile.
 std::uint32_t getIpLutControlBit(IMemIf& memory);
 
 /// Rows `offset` to `offset + count - 1` of the IP LUT, in row order; without the disabled ones unless they
@@ -26,9 +26,9 @@ std::uint32_t getIpLutControlBit(IMemIf& memory);
 std::vector<IpInEntry> readIpLut(IMemIf& memory, std::uint32_t offset, std::uint32_t count,
                                  bool includeDisabled);
 
-/// Dumps write one line a row: of those in use, or of all, among `count` rows from row `first` on. Each line
-/// is flushed. They throw InvalidArgumentError, before anything is written, when the range passes the table's
-/// end.
+/// Dumps write one line per row: of those in use, or of all, among `count` rows from row `first` on. Each
+/// line is flushed. They throw InvalidArgumentError, before anything is written, when the range passes the
+/// table's end.
 void dumpIpLut(IMemIf& memory, std::uint32_t first, std::uint32_t count, std::uint32_t bank, bool includeAll,
                std::ostream& output);
 void dumpPhysInMap(IMemIf& memory, std::uint32_t first, std::uint32_t count, bool includeAll,

@@ -7,8 +7,7 @@
 #include "vel/userspace_drivers/drivers/zep/ts/pidlutentry.h"
 #include "vel/userspace_drivers/interfaces/memif.h"
 
-/// Readers and dumps of the tables in the router device. All pass on the errors of the memory. They keep
-/// nothing: as reentrant as the memory that they are given.
+/// Readers and dumps of the tables in the router device, with the rules of iplut_diag.h.
 namespace Vel::Drivers::Zep {
 
 /// Rows of one bank of the PID LUT.
@@ -18,7 +17,7 @@ constexpr std::uint32_t getPidLutSize() {
 /// Word index of row 0 of a bank. Bank 0 is the one that the select bit names, now; any other value the other
 /// one.
 std::uint32_t getPidLutBase(IMemIf& memory, std::uint32_t bank);
-/// 0 or 1. One that changes between the reads of a table says that the table was being rewritten meanwhile.
+/// 0 or 1, as getIpLutControlBit().
 std::uint32_t getPidLutControlBit(IMemIf& memory);
 
 /// Rows `offset` to `offset + count - 1` of bank 0 of the PID LUT, in row order; without those that have
@@ -27,9 +26,6 @@ std::uint32_t getPidLutControlBit(IMemIf& memory);
 std::vector<PidLutEntry> readPidLut(IMemIf& memory, std::uint32_t offset, std::uint32_t count,
                                     bool includeUnrouted);
 
-/// Dumps write one line a row: of those in use, or of all, among `count` rows from row `first` on. Each line
-/// is flushed. They throw InvalidArgumentError, before anything is written, when the range passes the table's
-/// end.
 /// @param bank as for getPidLutBase()
 void dumpPidLut(IMemIf& memory, std::uint32_t first, std::uint32_t count, std::uint32_t bank, bool includeAll,
                 std::ostream& output);

@@ -1,0 +1,217 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <list>
+#include <thread>
+
+#include "fake_memory.h"
+#include "thrown_text.h"
+#include "vel/userspace_drivers/interfaces/lindevmemaccessor.h"
+#include "vel/userspace_drivers/interfaces/pci/pciif.h"
+
+namespace Vel::Drivers {
+namespace {
+
+using Pci::PciError;
+using Pci::PciIf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr std::uint32_t SIZE = 16384;  // bytes
+
+TEST(LinDevMemAccessor, EveryWidthAddressesTheSameBytes) {
+    FakeMemory memory(SIZE / 4);
+    memory.write32(1, 0x44332211);
+    EXPECT_EQ(memory.read16(2), 0x2211);
+    EXPECT_EQ(memory.read16(3), 0x4433);
+    EXPECT_EQ(memory.read8(6), 0x33);
+    memory.write16(3, 0xBEEF);
+    memory.write8(4, 0xAA);
+    EXPECT_EQ(memory.read32(1), 0xBEEF22AAU);
+
+    memory.writeBlock32(8, {1, 2});
+    memory.writeBlock16(20, {3, 4});
+    memory.writeBlock8(42, {5, 6});
+    EXPECT_THAT(memory.readBlock32(8, 2), ElementsAre(1, 2));
+    EXPECT_THAT(memory.readBlock16(19, 3), ElementsAre(0, 3, 0x0605));
+    EXPECT_THAT(memory.readBlock8(40, 4), ElementsAre(3, 0, 5, 6));
+    std::array<std::uint32_t, 3> buffer{};
+    memory.readBlock32Into(8, buffer);
+    EXPECT_THAT(buffer, ElementsAre(1, 2, 0x06050003));
+}
+
+TEST(LinDevMemAccessor, AccessLiesWithinTheSegmentAndSuitsItsWidth) {
+    FakeMemory memory(SIZE / 4);
+    EXPECT_NO_THROW(memory.readBlock32(4094, 2));
+    EXPECT_THAT(memory.readBlock32(4096, 0), testing::IsEmpty());
+    constexpr std::uint32_t LARGEST = 0xFFFFFFFF;
+    const auto check = [&](std::uint64_t offset, MemAccessType type) {
+        return [&memory, offset, type] { memory.checkAccess(SIZE, offset, 4, type); };
+    };
+    const std::string boundary = " crosses memory segment boundary";
+    const std::string alignment = "\" causes invalid allignment.";
+    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+        {[&] { memory.read32(4096); }, "16384 and byte size 4" + boundary},
+        {[&] { memory.readBlock32(4095, 2); }, "16380 and byte size 8" + boundary},
+        {[&] { memory.readBlock32(4097, 0); }, "16388 and byte size 0" + boundary},
+        {[&] { memory.write16(8192, 1); }, "16384 and byte size 2" + boundary},
+        {[&] { memory.write8(16384, 1); }, "16384 and byte size 1" + boundary},
+        {[&] { memory.write32(0x40000000, 1); }, "4294967296 and byte size 4" + boundary},
+        {[&] { memory.readBlock32(1, LARGEST); }, "4 and byte size 17179869180" + boundary},
+        {[&] { memory.readBlock16(LARGEST, LARGEST); }, "8589934590 and byte size 8589934590" + boundary},
+        {[&] {
+             memory.writeBlock32(4095, {7, 7});
+         },
+         "16380 and byte size 8" + boundary},
+        {check(6, MemAccessType::R32), "6, byte size 4 and memory access type \"R32" + alignment},
+        {check(5, MemAccessType::W16), "5, byte size 4 and memory access type \"W16" + alignment},
+        {check(4, static_cast<MemAccessType>(6)),
+         "4, byte size 4 and memory access type \"undefined" + alignment},
+        {check(16382, MemAccessType::R32), "16382 and byte size 4" + boundary},  // the bounds come first
+    };
+    for (const auto& [call, text] : cases) {
+        EXPECT_EQ(thrownText<DevMemError>(call),
+                  "Device memory Error: Cannot access device memory. Byte offset " + text);
+    }
+    for (const auto& [offset, type] : {std::pair(6, MemAccessType::R16), std::pair(8, MemAccessType::W32),
+                                       std::pair(5, MemAccessType::R8)}) {
+        EXPECT_EQ(thrownText<DevMemError>(check(static_cast<std::uint64_t>(offset), type)), "nothing thrown");
+    }
+    EXPECT_EQ(std::ranges::count(memory.words, 0U), SIZE / 4) << "a failed write changes nothing";
+}
+
+std::size_t countDescriptors() {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
+/// A plain file in memory, reachable by a path while this object lives.
+class MemoryFile {
+public:
+    explicit MemoryFile(off_t size) : descriptor(::memfd_create("device", MFD_CLOEXEC)) { resize(size); }
+    ~MemoryFile() { ::close(descriptor); }
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+
+    void resize(off_t size) const { ASSERT_EQ(::ftruncate(descriptor, size), 0); }
+
+    const int descriptor;
+    const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+};
+
+TEST(PciIf, SharesTheFileWithOtherProcesses) {
+    const MemoryFile file(off_t{2} * SIZE);
+    PciIf device(file.path, SIZE, SIZE);
+    std::uint32_t word = 0xCAFE0001;
+    ASSERT_EQ(::pwrite(file.descriptor, &word, sizeof word, SIZE + 8), 4);
+    EXPECT_EQ(device.read32(2), 0xCAFE0001U);
+    device.write32(3, 0xCAFE0002);
+    ASSERT_EQ(::pread(file.descriptor, &word, sizeof word, SIZE + 12), 4);
+    EXPECT_EQ(word, 0xCAFE0002U);
+    device.closeDevice();
+    EXPECT_FALSE(device.isOpen() || device.isMapped());
+    EXPECT_THAT(thrownText<PciError>([&] { device.readBlock8(0, 0); }), testing::EndsWith(" is not open."));
+}
+
+TEST(PciIf, FailedConstructionNamesTheReasonAndReleasesWhatItHad) {
+    const MemoryFile file(SIZE - 1);
+    const MemoryFile good(SIZE);
+    std::list<PciIf> all;
+    const std::size_t before = countDescriptors();
+    const auto open = [](const std::string& path, std::uint32_t size, std::uint32_t offset) {
+        return thrownText<PciError>([&] { PciIf(path, size, offset).read32(0); });
+    };
+    EXPECT_EQ(open("/none", SIZE, 0),
+              "PCI Error: Could not open device at path: /none. Error: \"No such file or directory\"");
+    EXPECT_EQ(open(file.path, SIZE, 0),
+              "PCI Error: File " + file.path + " is too short: it has 16383 bytes, but 16384 are needed.");
+    EXPECT_THAT(open(file.path, 4096, 0xFFFFF000), HasSubstr("but 4294967296 are needed."));
+    EXPECT_EQ(open(file.path, 4096, 1),
+              "PCI Error: Failed mmap of 4096 bytes (offset: 1) from device: " + file.path + ". ");
+    EXPECT_THAT(open(file.path, 0x80000000, 0), HasSubstr("Failed mmap"));
+    EXPECT_EQ(open(file.path, 0, 0), "PCI Error: Cannot access device memory. Device " + file.path +
+                                         " has no memory mapped into user space.");
+    EXPECT_EQ(countDescriptors(), before);
+    // A process can map so many devices, and more once it has closed one.
+    for (int i = 0; i < 8; ++i) {
+        all.emplace_back(good.path, SIZE, 0);
+    }
+    EXPECT_EQ(open(good.path, SIZE, 0),
+              "PCI Error: Cannot map another device: 8 are mapped, which is the limit.");
+    all.pop_back();
+    EXPECT_EQ(open(good.path, SIZE, 0), "nothing thrown");
+}
+
+TEST(PciIf, TruncatedFileReadsAsZeroThenFailsUntilItIsRestored) {
+    const MemoryFile file(SIZE);
+    const MemoryFile other(SIZE);
+    PciIf device(file.path, SIZE, 0);
+    PciIf otherDevice(other.path, SIZE, 0);
+    otherDevice.write32(0, 3);
+    const std::string lost = "PCI Error: Cannot access device memory. Device " + file.path +
+                             " has lost its mapped memory (the file was truncated).";
+    for (int round = 0; round < 2; ++round) {
+        device.writeBlock32(0, {1, 2});
+        EXPECT_FALSE(device.restoreMemory()) << "nothing is lost";
+        file.resize(0);
+        EXPECT_EQ(device.read32(1), 0U) << "the access that meets the loss";
+        EXPECT_FALSE(device.restoreMemory()) << "the file does not have its size yet";
+        EXPECT_EQ(thrownText<PciError>([&] { device.write8(0, 1); }), lost);
+        EXPECT_EQ(otherDevice.read32(0), 3U);
+        file.resize(SIZE);
+        EXPECT_EQ(thrownText<PciError>([&] { device.read32(0); }), lost) << "the zero page is still there";
+        EXPECT_TRUE(device.restoreMemory());
+    }
+    device.write32(0, 7);
+    EXPECT_EQ(PciIf(file.path, SIZE, 0).read32(0), 7U) << "it is the file again, not the zero page";
+    file.resize(SIZE - 4);
+    EXPECT_THAT(thrownText<PciError>([&] { device.verifyMemory(); }), HasSubstr("is too short"));
+}
+
+TEST(PciIf, LossIsThatOfItsOwnDeviceWhileOthersComeAndGo) {
+    std::atomic<bool> done{false};
+    std::thread comesAndGoes([&] {
+        const MemoryFile file(SIZE);
+        while (!done) {
+            EXPECT_EQ(PciIf(file.path, SIZE, 0).read32(0), 0U);
+        }
+    });
+    for (int round = 0; round < 100; ++round) {
+        const MemoryFile file(SIZE);
+        PciIf device(file.path, SIZE, 0);
+        file.resize(SIZE / 2);
+        EXPECT_EQ(device.readBlock32(0, SIZE / 4).size(), SIZE / 4) << "several pages are lost in one access";
+        EXPECT_THROW(device.read32(0), PciError);
+    }
+    done = true;
+    comesAndGoes.join();
+}
+
+/// Ends the process with a status of its own, which no other end has.
+constexpr int FORMER_ACTION = 42;
+
+TEST(ForeignBusErrorDeathTest, MeetsTheFormerAction) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    for (const bool isSent : {false, true}) {
+        EXPECT_EXIT(
+            {
+                std::signal(SIGBUS, [](int) { ::_exit(FORMER_ACTION); });
+                const MemoryFile file(SIZE);
+                const PciIf device(file.path, SIZE, 0);
+                const MemoryFile foreign(SIZE);
+                auto* memory = static_cast<volatile char*>(
+                    ::mmap(nullptr, SIZE, PROT_READ, MAP_SHARED, foreign.descriptor, 0));
+                foreign.resize(0);
+                isSent ? ::raise(SIGBUS) : memory[0];
+            },
+            testing::ExitedWithCode(FORMER_ACTION), "");
+    }
+}
+
+}  // namespace
+}  // namespace Vel::Drivers
