@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "support.h"
+#include "thrown_text.h"
 #include "vel/cpp_utils/error.h"
 
 namespace Vel::Utils {

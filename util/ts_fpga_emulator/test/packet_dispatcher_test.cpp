@@ -6,6 +6,7 @@
 #include <termios.h>
 
 #include "support.h"
+#include "thrown_text.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/ts_basics/ts_error.h"
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "support.h"
+#include "thrown_text.h"
 #include "vel/cpp_utils/error.h"
 
 namespace Vel::Utils {

@@ -1,19 +1,19 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <spdlog/sinks/base_sink.h>
-#include <stdlib.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/ringbuffer_sink.h>
 
 #include <algorithm>
 #include <chrono>
 #include <concepts>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
+#include <initializer_list>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <span>
+#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -24,6 +24,29 @@
 #include "vel/ts_basics/zep_record.h"
 
 namespace Vel::Utils {
+
+/// A number from the environment, so that a test can be repeated or run for longer.
+inline std::uint32_t testNumber(const char* variable, std::uint32_t otherwise) {
+    const char* text = std::getenv(variable);
+    return text == nullptr ? otherwise : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
+}
+
+/// Random choices. A test prints the seed when it fails, and ZEPTFEM_TEST_SEED repeats its choices.
+class Random {
+public:
+    std::uint64_t bits() { return m_Engine(); }
+    std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(bits() % limit); }
+    bool oneIn(std::uint32_t chances) { return below(chances) == 0; }
+    template <typename Value>
+    Value pick(std::initializer_list<Value> values) {
+        return values.begin()[below(static_cast<std::uint32_t>(values.size()))];
+    }
+    std::string origin() const { return "ZEPTFEM_TEST_SEED=" + std::to_string(m_Seed); }
+
+private:
+    std::uint32_t m_Seed = testNumber("ZEPTFEM_TEST_SEED", std::random_device{}());
+    std::mt19937_64 m_Engine{m_Seed};
+};
 
 /// Waits for what another thread brings about. False after a time that no healthy run needs.
 template <std::predicate Condition>
@@ -38,19 +61,7 @@ bool waitUntil(Condition condition) {
     return true;
 }
 
-/// Text of the `Expected` error that `call` throws, without the place of the throw statement.
-template <typename Expected, typename Call>
-std::string thrownText(Call call) {
-    try {
-        call();
-    } catch (const Expected& error) {
-        const std::string text = error.what();
-        return text.substr(0, text.rfind('('));
-    }
-    return "nothing thrown";
-}
-
-/// A folder that goes with its contents at the end of the test.
+/// A folder that is removed with its contents at the end of the test.
 class TempFolder {
 public:
     TempFolder() { m_Path = ::mkdtemp(m_Path.data()); }
@@ -72,61 +83,50 @@ inline void writeFile(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
 }
 
-/// While it lives, it is the process-wide log system, and keeps every line from debug on, as "[level]
+/// While it lives, it is the process-wide log system, and keeps its lines from debug on, as "[level]
 /// message".
 class CapturedLog {
 public:
-    CapturedLog() { Log::setLogsystem(std::make_unique<Logsystem>(m_Sink)); }
+    CapturedLog() {
+        constexpr auto ANY_TIME = spdlog::pattern_time_type::local;
+        m_Sink->set_formatter(std::make_unique<spdlog::pattern_formatter>("[%l] %v", ANY_TIME, ""));
+        Log::setLogsystem(std::make_unique<Logsystem>(m_Sink));
+    }
     ~CapturedLog() { Log::setLogsystem(nullptr); }
     CapturedLog(const CapturedLog&) = delete;
     CapturedLog& operator=(const CapturedLog&) = delete;
 
     /// Those that begin with `prefix`, in their order.
-    std::vector<std::string> lines(const std::string& prefix = "") const { return m_Sink->lines(prefix); }
+    std::vector<std::string> lines(const std::string& prefix = "") const {
+        auto found = m_Sink->last_formatted();
+        std::erase_if(found, [&](const std::string& line) { return !line.starts_with(prefix); });
+        return found;
+    }
     std::size_t count(const std::string& line) const { return lines(line).size(); }
-    bool waitFor(const std::string& line, std::size_t times = 1) const {
-        return waitUntil([&] { return count(line) >= times; });
+    bool waitFor(const std::string& line) const {
+        return waitUntil([&] { return count(line) > 0; });
     }
 
 private:
-    class Sink : public spdlog::sinks::base_sink<std::mutex> {
-    public:
-        std::vector<std::string> lines(const std::string& prefix) {
-            const std::lock_guard lock(mutex_);
-            auto found = m_Lines;
-            std::erase_if(found, [&](const std::string& line) { return !line.starts_with(prefix); });
-            return found;
-        }
+    using Sink = spdlog::sinks::ringbuffer_sink_mt;
 
-    private:
-        void sink_it_(const spdlog::details::log_msg& message) override {
-            m_Lines.push_back(
-                fmt::format("[{}] {}", spdlog::level::to_string_view(message.level), message.payload));
-        }
-        void flush_() override {}
-
-        std::vector<std::string> m_Lines;
-    };
-
-    class Logsystem : public Log::ILogsystem {
-    public:
-        explicit Logsystem(std::shared_ptr<Sink> sink) : m_Sink(std::move(sink)) {}
+    struct Logsystem : Log::ILogsystem {
+        explicit Logsystem(std::shared_ptr<Sink> lines) : sink(std::move(lines)) {}
         std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override {
             return getLogger(name, spdlog::level::debug);
         }
         std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
                                                   spdlog::level::level_enum level) override {
-            auto logger = std::make_shared<spdlog::logger>(name, m_Sink);
+            auto logger = std::make_shared<spdlog::logger>(name, sink);
             logger->set_level(level);
             return logger;
         }
         void shutdown() override {}
 
-    private:
-        std::shared_ptr<Sink> m_Sink;
+        std::shared_ptr<Sink> sink;
     };
 
-    std::shared_ptr<Sink> m_Sink = std::make_shared<Sink>();
+    std::shared_ptr<Sink> m_Sink = std::make_shared<Sink>(1000);
 };
 
 /// What tells one packet of a test from another.
