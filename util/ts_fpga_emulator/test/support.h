@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <random>
@@ -37,10 +36,6 @@ public:
     std::uint64_t bits() { return m_Engine(); }
     std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(bits() % limit); }
     bool oneIn(std::uint32_t chances) { return below(chances) == 0; }
-    template <typename Value>
-    Value pick(std::initializer_list<Value> values) {
-        return values.begin()[below(static_cast<std::uint32_t>(values.size()))];
-    }
     std::string origin() const { return "ZEPTFEM_TEST_SEED=" + std::to_string(m_Seed); }
 
 private:
