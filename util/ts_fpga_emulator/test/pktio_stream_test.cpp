@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <array>
+#include <functional>
 #include <future>
 
 #include "support.h"
@@ -15,24 +15,22 @@ namespace {
 
 using testing::ElementsAre;
 
-/// Lets the test decide every answer.
+/// Gives the answers of a list.
 class ScriptedAdapter : public IRateAdapter {
 public:
-    using OnBuffer = std::function<std::int32_t(std::uint32_t number, bool last)>;
-
-    explicit ScriptedAdapter(
-        OnBuffer onBuffer, std::function<void()> onDelay = [] {})
-        : m_OnBuffer(std::move(onBuffer)), m_OnDelay(std::move(onDelay)) {}
+    ScriptedAdapter(std::vector<std::int32_t> answers, std::function<void()> onDelay)
+        : m_Answers(std::move(answers)), m_OnDelay(std::move(onDelay)) {}
     std::int32_t bufferPacket(const Ts::TSPacket& /*packet*/, bool last) override {
-        return m_OnBuffer(m_Number++, last);
+        EXPECT_EQ(last, m_Next + 1 == m_Answers.size());
+        return m_Answers.at(m_Next++);
     }
     std::uint32_t getMaxBufferedPackets() const override { return 0; }
     void delayPacket() override { m_OnDelay(); }
 
 private:
-    OnBuffer m_OnBuffer;
+    std::vector<std::int32_t> m_Answers;
+    std::size_t m_Next = 0;
     std::function<void()> m_OnDelay;
-    std::uint32_t m_Number = 0;
 };
 
 class PktioStreamTest : public testing::Test {
@@ -42,7 +40,7 @@ protected:
         return std::make_unique<PktioStreamIn>(
             m_File, 3, std::make_unique<Adapter>(std::forward<Args>(args)...), m_Dispatcher);
     }
-    static void route(PktioStreamIn& stream, std::vector<PktioStreamIn::RouteChange> changes) {
+    static void route(PktioStreamIn& stream, const std::vector<PktioStreamIn::RouteChange>& changes) {
         stream.changeRoutes(changes);
     }
     bool waitForEnd() const {
@@ -50,8 +48,10 @@ protected:
     }
     std::vector<std::uint32_t> recordNumbers() const {
         std::vector<std::uint32_t> numbers;
-        std::ranges::transform(parseRecords(readFile(m_Folder / "records")), std::back_inserter(numbers),
-                               &PacketId::number);
+        for (const PacketId& record : parseRecords(readFile(m_Folder / "records"))) {
+            EXPECT_EQ(record.tsiidx, 3U);
+            numbers.push_back(record.number);
+        }
         return numbers;
     }
 
@@ -61,27 +61,44 @@ protected:
     PacketDispatcher m_Dispatcher{m_Folder / "records"};
 };
 
-TEST_F(PktioStreamTest, FirstRouteStartsTheOnlyPlayAndAllChangesOfACallTakeEffectTogether) {
+TEST_F(PktioStreamTest, InputPlaysItsFileOnceAndAllRoutesOfAChangeTakeEffectTogether) {
+    constexpr const char* URI = "udp://239.10.0.1:5000";
     writeFile(m_File, tsStream(9, {0x100, 0x101, 0x102}) + std::string(50, 'x'));
-    auto stream = create<ScriptedAdapter>([](auto /*number*/, bool last) {
-        EXPECT_FALSE(last) << "none is the last one where a truncated one follows";
-        return 1;
-    });
-    route(*stream, {{0x102, false}});
-    route(*stream, {{0x100, true}, {0x101, true}, {0x102, true}, {0x101, false}, {8192, true}});
+    auto manager = std::make_unique<PktioStreamManager>(m_Dispatcher, StreamMode::MaxRate,
+                                                        UriFileList{{URI, m_File}, {"udp://239.10.0.9", ""}});
+    const auto change = [&]<typename... Event>(const Event&... events) {
+        (manager->handleEvent(std::make_unique<Event>(events)), ...);
+        manager->handleChangeEnd();
+    };
+    // Routes wait for their input, which must have the very URI of a file.
+    change(FPGAMonEvent_CPUPIDAdded(3, 0x100));
+    change(FPGAMonEvent_CPUPIDAdded(7, 0x101));
+    for (const char* uri : {"UDP://239.10.0.1:5000", "udp://239.10.0.1:5000/", "udp://239.10.0.9"}) {
+        change(FPGAMonEvent_InputTSAdded(uri, 3));
+    }
+    EXPECT_EQ(m_Log.count("[debug] Create PktioStreamIn"), 0U);
+    change(FPGAMonEvent_InputTSAdded(URI, 3), FPGAMonEvent_CPUPIDAdded(3, 0x101),
+           FPGAMonEvent_CPUPIDAdded(3, 0x102), FPGAMonEvent_CPUPIDRemoved(3, 0x101),
+           FPGAMonEvent_CPUPIDAdded(3, 8192));
     ASSERT_TRUE(waitForEnd());
-    route(*stream, {{0x101, true}});
-    stream.reset();
+    change(FPGAMonEvent_CPUPIDAdded(3, 0x101));
     EXPECT_THAT(recordNumbers(), ElementsAre(0, 2, 3, 5, 6, 8));
-    auto lines = m_Log.lines();
-    std::erase_if(lines, [](const std::string& line) { return line.find("to stream") != std::string::npos; });
-    EXPECT_THAT(
-        lines,
-        ElementsAre("[debug] Create PktioStreamIn", "[debug] Remove PID 258 from stream",
-                    "[debug] Remove PID 257 from stream",
-                    "[debug] Starting stream thread. Streaming packets from file " + m_File + " to TSIIDX 3",
-                    "[debug] Stopping packet stream thread for TSIIDX 3 with file " + m_File,
-                    "[debug] Destroy PktioStreamIn", "[debug] Joined with PktioStreamIn streaming thread"));
+    // A removal goes by the TSIIDX, and the next stream starts with every PID blocked.
+    change(FPGAMonEvent_InputTSRemoved("udp://1.2.3.4", 3));
+    EXPECT_EQ(m_Log.count("[debug] Joined with PktioStreamIn streaming thread"), 1U);
+    change(FPGAMonEvent_InputTSAdded(URI, 3));
+    change(FPGAMonEvent_CPUPIDRemoved(3, 0x101));
+    manager.reset();
+    EXPECT_EQ(m_Log.count("[debug] Starting stream thread."), 1U);
+
+    const auto lines = m_Log.lines("[info]");
+    EXPECT_THAT(std::vector(lines.begin() + 5, lines.begin() + 9),
+                ElementsAre("[info] Detected added input TS: udp://239.10.0.1:5000 @ TSIIDX 3",
+                            "[info] Detected added CPU route of PID 256 from TSIIDX 3",
+                            "[info] Detected added CPU route of PID 257 from TSIIDX 3",
+                            "[info] Detected added CPU route of PID 258 from TSIIDX 3"));
+    EXPECT_EQ(m_Log.count("[info] Detected removed CPU route of PID 257 from TSIIDX 3"), 2U);
+    EXPECT_EQ(m_Log.count("[info] Detected removed input TS: udp://1.2.3.4 @ TSIIDX 3"), 1U);
 }
 
 TEST_F(PktioStreamTest, FilterIsAskedAtTheReleaseAndARouteNeverChangesWithinABatch) {
@@ -89,11 +106,7 @@ TEST_F(PktioStreamTest, FilterIsAskedAtTheReleaseAndARouteNeverChangesWithinABat
     std::promise<void> inBatch;
     std::uint32_t released = 0;
     const auto stream = create<ScriptedAdapter>(
-        [](std::uint32_t number, bool last) {
-            EXPECT_EQ(last, number == 7);
-            return std::array{0, 0, IRateAdapter::DISCARD_OLDEST, 0, 0, 4, 1, 2}[number];
-        },
-        [&] {
+        std::vector<std::int32_t>{0, 0, IRateAdapter::DISCARD_OLDEST, 0, 0, 4, 1, 2}, [&] {
             if (++released == 1) {
                 inBatch.set_value();
                 // Time for a change to come through, if anything let it.
@@ -116,8 +129,9 @@ TEST_F(PktioStreamTest, ErrorIsLoggedWithItsReasonAndEndsTheStreamAlone) {
     EXPECT_TRUE(m_Log.lines("[error]").front().ends_with(") [No such file or directory]"));
 
     writeFile(m_File, tsStream(3, {0x100}));
-    const auto refused = create<ScriptedAdapter>(
-        [](auto, auto) { return 1; }, [] { throw CppUtil::NotImplementedError("Cannot", "adapter", 1); });
+    const auto refused = create<ScriptedAdapter>(std::vector<std::int32_t>{1, 1, 1}, [] {
+        throw CppUtil::NotImplementedError("Cannot", "adapter", 1);
+    });
     route(*refused, {{0x100, true}});
     EXPECT_TRUE(m_Log.waitFor(prefix + "Not Implemented Error: Cannot(adapter:1)"));
     route(*refused, {{0x101, true}});  // has got the lock back
@@ -126,63 +140,6 @@ TEST_F(PktioStreamTest, ErrorIsLoggedWithItsReasonAndEndsTheStreamAlone) {
     route(*next, {{0x100, true}});
     ASSERT_TRUE(waitForEnd());
     EXPECT_THAT(recordNumbers(), ElementsAre(0, 1, 2));
-}
-
-TEST_F(PktioStreamTest, RoutingCallGetsTheLockSoonAtFullRate) {
-    m_File = "/dev/zero";  // packets without end, of PID 0
-    std::atomic<std::uint64_t> packets = 0;
-    const auto stream = create<ScriptedAdapter>([&](auto, auto) {
-        ++packets;
-        return 1;
-    });
-    route(*stream, {{1, true}});
-    std::vector<std::uint64_t> passed;  // packets, during one call
-    for (int i = 0; i < 101; ++i) {
-        const std::uint64_t seen = packets;
-        ASSERT_TRUE(waitUntil([&] { return packets > seen + 100; })) << "the stream plays between the calls";
-        const std::uint64_t before = packets;
-        route(*stream, {{1, i % 2 != 0}});
-        passed.push_back(packets - before);
-    }
-    // The median: now and then the calling thread is off its processor for a while.
-    std::ranges::nth_element(passed, passed.begin() + 50);
-    EXPECT_LT(passed[50], 1000U);
-}
-
-/// Which URI has a file, and what becomes of routes that come before their input.
-TEST_F(PktioStreamTest, ManagerPlaysTheExactUriAndReplaysTheRoutesThatWaited) {
-    constexpr const char* URI = "udp://239.10.0.1:5000";
-    writeFile(m_File, tsStream(4, {0x100, 0x101}));
-    auto manager = std::make_unique<PktioStreamManager>(m_Dispatcher, StreamMode::MaxRate,
-                                                        UriFileList{{URI, m_File}, {"udp://239.10.0.9", ""}});
-    const auto change = [&]<typename Event>(Event event) {
-        manager->handleEvent(std::make_unique<Event>(event));
-        manager->handleChangeEnd();
-    };
-    change(FPGAMonEvent_CPUPIDAdded(3, 0x100));
-    change(FPGAMonEvent_CPUPIDAdded(7, 0x100));
-    change(FPGAMonEvent_CPUPIDAdded(3, 0x101));
-    change(FPGAMonEvent_CPUPIDRemoved(3, 0x100));
-    for (const char* uri : {"UDP://239.10.0.1:5000", "udp://239.10.0.1:5000/", "udp://239.10.0.9"}) {
-        change(FPGAMonEvent_InputTSAdded(uri, 3));
-    }
-    EXPECT_EQ(m_Log.count("[debug] Create PktioStreamIn"), 0U);
-    change(FPGAMonEvent_InputTSAdded(URI, 3));
-    ASSERT_TRUE(waitForEnd());
-    EXPECT_THAT(recordNumbers(), ElementsAre(1, 3));
-    const auto lines = m_Log.lines("[info]");
-    EXPECT_THAT(std::vector(lines.end() - 4, lines.end()),
-                ElementsAre("[info] Detected added input TS: udp://239.10.0.1:5000 @ TSIIDX 3",
-                            "[info] Detected added CPU route of PID 256 from TSIIDX 3",
-                            "[info] Detected added CPU route of PID 257 from TSIIDX 3",
-                            "[info] Detected removed CPU route of PID 256 from TSIIDX 3"));
-    // A removal goes by the TSIIDX, and the next stream starts with every PID blocked.
-    change(FPGAMonEvent_InputTSRemoved("udp://1.2.3.4", 3));
-    EXPECT_EQ(m_Log.count("[debug] Destroy PktioStreamIn"), 1U);
-    change(FPGAMonEvent_InputTSAdded(URI, 3));
-    change(FPGAMonEvent_CPUPIDRemoved(3, 0x101));
-    manager.reset();
-    EXPECT_EQ(m_Log.count("[debug] Starting stream thread."), 1U);
 }
 
 }  // namespace

@@ -20,11 +20,12 @@ TEST(ZEPTFEMApplication, IsWiredFromItsSettingsAndTakenDownInAFixedOrder) {
     const std::string records = folder / "records";
     writeFile(tsio, std::string(16384, '\0'));
     writeFile(router, std::string(131072, '\0'));
-    const std::array arguments = {"zeptfem",      "-f",         "udp://239.10.0.1:5000 /a.ts",
-                                  "-t",           tsio.c_str(), "-r",
-                                  router.c_str(), "-P",         records.c_str(),
-                                  "-p",           "/missing",   "-m",
-                                  "stray",        "argument"};
+    const std::array arguments = {"zeptfem", "-fudp://239.10.0.1:5000 /a.ts",
+                                  "-t",      tsio.c_str(),
+                                  "-r",      router.c_str(),
+                                  "-P",      records.c_str(),
+                                  "-pctrl",  "-m",
+                                  "stray",   "argument"};
     {
         ZEPTFEMApplication application(static_cast<int>(arguments.size()), arguments.data());
         ASSERT_TRUE(log.waitFor("[debug] Enter the main thread of FPGAMonitor"));
@@ -32,7 +33,7 @@ TEST(ZEPTFEMApplication, IsWiredFromItsSettingsAndTakenDownInAFixedOrder) {
         EXPECT_EQ(application.doApplication(), 0);
     }
     auto lines = log.lines();
-    // The two threads say these in either order.
+    // The two threads log these in either order.
     std::erase(lines, "[debug] Enter the main thread of FPGAMonitor");
     std::erase(lines, "[debug] Exit the main thread of FPGAMonitor");
     EXPECT_THAT(
@@ -41,7 +42,7 @@ TEST(ZEPTFEMApplication, IsWiredFromItsSettingsAndTakenDownInAFixedOrder) {
                     "[warning] Ignored the argument \"argument\", which belongs to no option",
                     "[debug] Given path to router device " + router,
                     "[debug] Given path to tsio device " + tsio,
-                    "[debug] Given path to pktio_ctrl device /missing",
+                    "[debug] Given path to pktio_ctrl device ctrl",
                     "[debug] Given path to pktio_data device " + records,
                     "[debug] Stream mode is set to: \nPCR RATE ADAPTION\n",
                     "[debug] Given URI to file mapping: \"/a.ts\"", "[debug] Create PktioStreamManager",
