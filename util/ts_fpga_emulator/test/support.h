@@ -1,6 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/ringbuffer_sink.h>
 
@@ -15,7 +15,6 @@
 #include <random>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "vel/cpp_utils/log.h"
@@ -46,14 +45,10 @@ private:
 /// Waits for what another thread brings about. False after a time that no healthy run needs.
 template <std::predicate Condition>
 bool waitUntil(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
+    for (int ms = 0; ms < 60'000 && !condition(); ++ms) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return true;
+    return condition();
 }
 
 /// A folder that is removed with its contents at the end of the test.
@@ -97,56 +92,43 @@ public:
         std::erase_if(found, [&](const std::string& line) { return !line.starts_with(prefix); });
         return found;
     }
-    std::size_t count(const std::string& line) const { return lines(line).size(); }
-    bool waitFor(const std::string& line) const {
-        return waitUntil([&] { return count(line) > 0; });
+    bool waitFor(const std::string& prefix) const {
+        return waitUntil([&] { return !lines(prefix).empty(); });
     }
 
 private:
     using Sink = spdlog::sinks::ringbuffer_sink_mt;
 
     struct Logsystem : Log::ILogsystem {
-        explicit Logsystem(std::shared_ptr<Sink> lines) : sink(std::move(lines)) {}
+        explicit Logsystem(std::shared_ptr<Sink> sink) : logger("test", std::move(sink)) {
+            logger.set_level(spdlog::level::debug);
+        }
         std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override {
-            return getLogger(name, spdlog::level::debug);
+            return logger.clone(name);
         }
         std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
-                                                  spdlog::level::level_enum level) override {
-            auto logger = std::make_shared<spdlog::logger>(name, sink);
-            logger->set_level(level);
-            return logger;
+                                                  spdlog::level::level_enum /*level*/) override {
+            return logger.clone(name);
         }
         void shutdown() override {}
 
-        std::shared_ptr<Sink> sink;
+        spdlog::logger logger;
     };
 
     std::shared_ptr<Sink> m_Sink = std::make_shared<Sink>(1000);
 };
 
-/// What tells one packet of a test from another.
-struct PacketId {
-    std::uint32_t tsiidx;
-    std::uint32_t pid;
-    std::uint32_t number;
-    bool operator==(const PacketId&) const = default;
-};
-
-inline std::ostream& operator<<(std::ostream& out, const PacketId& id) {
-    return out << "TSIIDX " << id.tsiidx << " PID " << id.pid << " #" << id.number;
-}
-
-/// A packet as a record of input `id.tsiidx`. Its number stands in its last four bytes.
+/// A packet of a record whose header is 0. Its number stands in its last four bytes.
 /// @param pcr 27 MHz ticks, carried in an adaptation field
-inline Ts::LowlevInTSPacket makePacket(const PacketId& id, std::optional<std::uint64_t> pcr = {}) {
+inline Ts::LowlevInTSPacket makePacket(std::uint32_t pid, std::uint32_t number = 0,
+                                       std::optional<std::uint64_t> pcr = {}) {
     auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
     std::uint8_t* record = packet.getWriteDataPtr();
     std::fill_n(record, Ts::RECORD_SIZE, std::uint8_t{0});
-    Ts::writeRecordHeader(record, id.tsiidx);
-    Ts::writeRecordHeader(record + Ts::RECORD_SIZE - Ts::RECORD_HEADER_SIZE, id.number);
+    Ts::writeRecordHeader(record + Ts::RECORD_SIZE - Ts::RECORD_HEADER_SIZE, number);
     std::uint8_t* bytes = packet.getDataPtr();
     bytes[0] = Ts::SYNC_BYTE;
-    packet.setPid(id.pid);
+    packet.setPid(pid);
     bytes[3] = pcr ? 0x30 : 0x10;
     if (pcr) {
         bytes[4] = 7;
@@ -163,27 +145,6 @@ inline Ts::LowlevInTSPacket makePacket(const PacketId& id, std::optional<std::ui
 /// The transport packet alone, as a file holds it.
 inline std::string tsBytes(const Ts::LowlevInTSPacket& packet) {
     return {reinterpret_cast<const char*>(packet.getDataPtr()), Ts::TS_PACKET_SIZE};
-}
-
-/// A stream of packets numbered from 0 on, whose PIDs take turns.
-inline std::string tsStream(std::uint32_t count, const std::vector<std::uint32_t>& pids) {
-    std::string stream;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        stream += tsBytes(makePacket({0, pids[i % pids.size()], i}));
-    }
-    return stream;
-}
-
-/// The records in a data device's output, which must hold nothing but whole ones.
-inline std::vector<PacketId> parseRecords(const std::string& output) {
-    EXPECT_EQ(output.size() % Ts::RECORD_SIZE, 0U) << "torn record";
-    std::vector<PacketId> records;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(output.data());
-    for (const auto* end = bytes + output.size(); end - bytes >= Ts::RECORD_SIZE; bytes += Ts::RECORD_SIZE) {
-        records.push_back({Ts::readRecordHeader(bytes), (bytes[5] & 0x1FU) << 8 | bytes[6],
-                           Ts::readRecordHeader(bytes + Ts::RECORD_SIZE - Ts::RECORD_HEADER_SIZE)});
-    }
-    return records;
 }
 
 }  // namespace Vel::Utils

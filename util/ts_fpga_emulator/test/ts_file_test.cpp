@@ -1,10 +1,6 @@
 #include "tspacket_streaming/ts_file.h"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
 #include <array>
-#include <atomic>
 
 #include "support.h"
 #include "thrown_text.h"
@@ -47,27 +43,6 @@ TEST(TsFile, PacketsAreReadInOrderAndTheEndIsSeenExactly) {
     EXPECT_FALSE(directory.isAtEnd());
     EXPECT_EQ(thrownText<CppUtil::IOError>([&] { directory.readPacket(packet); }),
               "IOErrorr: Unknown error occurred when reading from \"" + folder / "." + "\"");
-}
-
-TEST(TsFile, FifoIsWaitedForBeforeItsFirstWriterAndEndsWithIt) {
-    const TempFolder folder;
-    const std::string path = folder / "fifo";
-    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-    const std::string bytes = patternBytes(400 * SIZE + 100);
-    std::atomic<int> looks = 0;
-    TsFile file(path, [&] { return ++looks < 0; });
-    const std::jthread writing([&] {
-        EXPECT_TRUE(waitUntil([&] { return looks >= 3; })) << "the reader has waited for a while";
-        std::ofstream writer(path, std::ios::binary);
-        for (std::size_t at = 0; at < bytes.size(); at += 57) {
-            writer << bytes.substr(at, 57) << std::flush;
-        }
-    });
-    std::string received;
-    for (std::array<std::uint8_t, SIZE> packet{}; file.readPacket(packet);) {
-        received.append(packet.begin(), packet.end());
-    }
-    EXPECT_TRUE(received == bytes.substr(0, 400 * SIZE));
 }
 
 }  // namespace
