@@ -6,6 +6,7 @@
 #include "fpga_monitoring/iplut_monitor.h"
 #include "fpga_monitoring/pidlut_monitor.h"
 #include "support.h"
+#include "thrown_text.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
 // Random tables, read while another program writes them, against the plain rule of what a monitor reads and
@@ -104,26 +105,22 @@ Events changes(const TableRule& table, const Rows& before, const Rows& after) {
 }
 
 /// Keeps each event as "+" or "-", the URI or the PID, "@" and the TSIIDX.
-class RecordingConsumer : public IFPGAEventConsumer {
-public:
+struct RecordingConsumer : IFPGAEventConsumer {
     void handleEvent(std::unique_ptr<FPGAMonEvent> event) override {
         note<FPGAMonEvent_InputTSAdded>('+', *event, &FPGAMonEvent_InputTSAdded::getUri);
         note<FPGAMonEvent_InputTSRemoved>('-', *event, &FPGAMonEvent_InputTSRemoved::getUri);
         note<FPGAMonEvent_CPUPIDAdded>('+', *event, &FPGAMonEvent_CPUPIDAdded::getPID);
         note<FPGAMonEvent_CPUPIDRemoved>('-', *event, &FPGAMonEvent_CPUPIDRemoved::getPID);
     }
-    void handleChangeEnd() override { m_Events.emplace_back(CHANGE_END); }
-    Events takeEvents() { return std::exchange(m_Events, {}); }
-
-private:
+    void handleChangeEnd() override { events.emplace_back(CHANGE_END); }
     template <typename Event>
     void note(char sign, const FPGAMonEvent& event, auto what) {
         if (const auto* seen = dynamic_cast<const Event*>(&event)) {
-            m_Events.push_back(fmt::format("{}{}@{}", sign, (seen->*what)(), seen->getTSIIDX()));
+            events.push_back(fmt::format("{}{}@{}", sign, (seen->*what)(), seen->getTSIIDX()));
         }
     }
 
-    Events m_Events;
+    Events events;
 };
 
 /// Either device. Calls back before every word that is read, and keeps what each read returned.
@@ -162,21 +159,17 @@ protected:
         }
         return std::make_unique<PidLutMonitor>(m_Memory, m_Consumer);
     }
-    /// Writes words as another program may do at any moment.
-    void writeWords(std::uint32_t count) {
-        for (; count > 0; --count) {
-            const auto bits = static_cast<std::uint32_t>(m_Random.bits());
-            const std::uint32_t row = m_Random.oneIn(8) ? m_Table.rows - 1 : m_Random.below(6);
-            const std::uint32_t half = m_Random.below(2);
-            if (m_Random.oneIn(10)) {
-                m_Memory->words[m_Table.controlWord] ^= m_Random.oneIn(2) ? 1 : bits & ~1U;
-            } else if (m_Random.oneIn(10)) {
-                m_Memory->words[m_Table.bankWord] ^= m_Random.oneIn(4) ? 1 : bits & ~1U;
-            } else {
-                const std::uint32_t base = m_Random.oneIn(2) ? m_Table.lowerBase : m_Table.upperBase;
-                m_Memory->words[base + row * 2 + half] =
-                    bits & static_cast<std::uint32_t>(m_Table.drawn >> (half == 0 ? 32 : 0));
-            }
+    /// One word, as another program may write it at any moment.
+    void writeWord() {
+        const auto bits = static_cast<std::uint32_t>(m_Random.bits());
+        const std::uint32_t base = m_Random.oneIn(2) ? m_Table.lowerBase : m_Table.upperBase;
+        const std::uint32_t row = m_Random.oneIn(8) ? m_Table.rows - 1 : m_Random.below(6);
+        if (m_Random.oneIn(8)) {
+            m_Memory->words[m_Random.oneIn(2) ? m_Table.controlWord : m_Table.bankWord] = bits;
+        } else if (m_Random.oneIn(2)) {
+            m_Memory->words[base + row * 2] = bits & static_cast<std::uint32_t>(m_Table.drawn >> 32);
+        } else {
+            m_Memory->words[base + row * 2 + 1] = bits & static_cast<std::uint32_t>(m_Table.drawn);
         }
     }
 
@@ -188,32 +181,32 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Tables, LutModelTest, testing::Values(&IP_LUT, &PID_LUT));
 
 TEST_P(LutModelTest, EveryPollReadsAndReportsByTheRule) {
-    writeWords(20);
     const auto monitor = createMonitor();
     Rows known;
     const std::uint32_t states = testNumber("ZEPTFEM_TEST_STATES", 2000) * 256 / m_Table.rows;
     for (std::uint32_t state = 0; state < states; ++state) {
         SCOPED_TRACE(m_Random.origin() + ", state " + std::to_string(state));
-        writeWords(m_Random.below(6));
+        for (std::uint32_t writes = m_Random.below(6); writes > 0; --writes) {
+            writeWord();
+        }
         std::set<std::uint32_t> writesBefore;  // numbers of loads
         for (std::uint32_t writes = m_Random.oneIn(2) ? m_Random.below(10) : 0; writes > 0; --writes) {
             writesBefore.insert(m_Random.below(10 * m_Table.rows));
         }
-        std::uint32_t load = 0;
-        m_Memory->beforeLoad = [&] { writeWords(writesBefore.contains(load++) ? 1 : 0); };
+        m_Memory->beforeLoad = [&, load = 0U]() mutable {
+            if (writesBefore.contains(load++)) {
+                writeWord();
+            }
+        };
         m_Memory->isLost = m_Random.oneIn(20);
         m_Memory->reads.clear();
-        bool hasFailed = false;
-        try {
-            monitor->pollLut();
-        } catch (const Drivers::DevMemError&) {
-            hasFailed = true;
-        }
+        const bool hasFailed =
+            thrownText<Drivers::DevMemError>([&] { monitor->pollLut(); }) != "nothing thrown";
         const auto rows = stableRows(m_Table, m_Memory->reads);
         ASSERT_TRUE(rows) << "reads too little, too much, or something else";
         ASSERT_TRUE(m_Memory->isLost ? hasFailed || *rows == known : !hasFailed);
         const bool isChange = !hasFailed && *rows != known;
-        ASSERT_EQ(m_Consumer.takeEvents(), isChange ? changes(m_Table, known, *rows) : Events{});
+        ASSERT_EQ(std::exchange(m_Consumer.events, {}), isChange ? changes(m_Table, known, *rows) : Events{});
         known = isChange ? *rows : known;
     }
 }
@@ -254,7 +247,7 @@ TEST(LutMonitor, EventsOfATableThatAnotherThreadWritesAddUpToIt) {
     monitor.pollLut();
 
     std::set<std::string> present;
-    for (const std::string& event : consumer.takeEvents()) {
+    for (const std::string& event : consumer.events) {
         const std::string row = event.substr(1);
         if (event != CHANGE_END) {
             ASSERT_TRUE(written.contains(row)) << event << " mixes two rows";

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <concepts>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -43,8 +42,7 @@ private:
 };
 
 /// Waits for what another thread brings about. False after a time that no healthy run needs.
-template <std::predicate Condition>
-bool waitUntil(Condition condition) {
+inline bool waitUntil(const auto& condition) {
     for (int ms = 0; ms < 60'000 && !condition(); ++ms) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -56,8 +54,6 @@ class TempFolder {
 public:
     TempFolder() { m_Path = ::mkdtemp(m_Path.data()); }
     ~TempFolder() { std::filesystem::remove_all(m_Path); }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
     std::string operator/(const std::string& name) const { return m_Path + "/" + name; }
 
 private:
@@ -80,12 +76,10 @@ public:
     CapturedLog() {
         constexpr auto ANY_TIME = spdlog::pattern_time_type::local;
         m_Sink->set_formatter(std::make_unique<spdlog::pattern_formatter>("[%l] %v", ANY_TIME, ""));
-        Log::setLogsystem(std::make_unique<Logsystem>(m_Sink));
+        m_Logger->set_level(spdlog::level::debug);
+        Log::setLogsystem(std::make_unique<Logsystem>(m_Logger));
     }
     ~CapturedLog() { Log::setLogsystem(nullptr); }
-    CapturedLog(const CapturedLog&) = delete;
-    CapturedLog& operator=(const CapturedLog&) = delete;
-
     /// Those that begin with `prefix`, in their order.
     std::vector<std::string> lines(const std::string& prefix = "") const {
         auto found = m_Sink->last_formatted();
@@ -98,24 +92,18 @@ public:
 
 private:
     using Sink = spdlog::sinks::ringbuffer_sink_mt;
+    using Logger = std::shared_ptr<spdlog::logger>;
 
     struct Logsystem : Log::ILogsystem {
-        explicit Logsystem(std::shared_ptr<Sink> sink) : logger("test", std::move(sink)) {
-            logger.set_level(spdlog::level::debug);
-        }
-        std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override {
-            return logger.clone(name);
-        }
-        std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
-                                                  spdlog::level::level_enum /*level*/) override {
-            return logger.clone(name);
-        }
+        explicit Logsystem(Logger theOne) : logger(std::move(theOne)) {}
+        Logger getLogger(const std::string&) override { return logger; }
+        Logger getLogger(const std::string&, spdlog::level::level_enum) override { return logger; }
         void shutdown() override {}
-
-        spdlog::logger logger;
+        Logger logger;
     };
 
     std::shared_ptr<Sink> m_Sink = std::make_shared<Sink>(1000);
+    Logger m_Logger = std::make_shared<spdlog::logger>("test", m_Sink);
 };
 
 /// A packet of a record whose header is 0. Its number stands in its last four bytes.
