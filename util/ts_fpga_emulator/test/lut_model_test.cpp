@@ -59,7 +59,7 @@ using Reads = std::vector<std::pair<std::uint32_t, Words>>;
 
 /// The used rows that a poll with these reads has to take; nothing if they are not the reads of the rule.
 std::optional<Rows> stableRows(const TableRule& table, std::span<const Reads::value_type> reads) {
-    const auto words = [&](std::size_t read) { return reads[read].second; };
+    const auto words = [&](std::size_t read) -> const Words& { return reads[read].second; };
     const auto bit = [&](std::size_t read) { return words(read).front() & 1; };
     const auto base = [&](std::size_t read) { return bit(read) == 0 ? table.lowerBase : table.upperBase; };
     for (; reads.size() >= 7; reads = reads.subspan(7)) {
