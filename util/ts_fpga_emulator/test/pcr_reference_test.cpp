@@ -93,7 +93,8 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
         const auto passTime = [&](std::uint64_t borderNs) {
             nowNs = std::max(nowNs + 1, random.oneIn(4) ? 0 : borderNs + random.below(3)) - 1;
         };
-        const std::uint32_t length = random.oneIn(12) ? 9'995 + random.below(15'000) : 1 + random.below(500);
+        const bool isLong = random.oneIn(12);
+        const std::uint32_t length = isLong ? 9'995 + random.below(15'000) : 1 + random.below(500);
         const bool timePasses = random.oneIn(2);
         const std::uint32_t pids = 1 + random.below(3);
         const std::uint32_t pcrGap = 1 + random.below(random.oneIn(2) ? 3 : 300);
@@ -107,9 +108,9 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
             if (number >= nextPcr && pcrsLeft > 0) {
                 packetPcr = pcr % Ts::PCR_WRAP;
                 --pcrsLeft;
-                // Also a second one just when the buffer gets full.
-                nextPcr = number < 10 && random.oneIn(4) ? 9'999 + random.below(4)
-                                                         : number + 1 + random.below(pcrGap);
+                // The second one also comes just when the buffer gets full.
+                const bool isLate = isLong && reference.pcrs.empty() && random.oneIn(2);
+                nextPcr = isLate ? 9'999 + random.below(4) : number + 1 + random.below(pcrGap);
             }
             if (timePasses) {
                 passTime(reference.releasedNs + reference.delayNs);
