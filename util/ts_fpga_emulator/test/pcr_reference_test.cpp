@@ -93,7 +93,7 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
         const auto passTime = [&](std::uint64_t borderNs) {
             nowNs = std::max(nowNs + 1, random.oneIn(4) ? 0 : borderNs + random.below(3)) - 1;
         };
-        const bool isLong = random.oneIn(12);
+        const bool isLong = random.oneIn(8);
         const std::uint32_t length = isLong ? 9'995 + random.below(15'000) : 1 + random.below(500);
         const bool timePasses = random.oneIn(2);
         const std::uint32_t pids = 1 + random.below(3);
@@ -110,7 +110,7 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
                 --pcrsLeft;
                 // The second one also comes just when the buffer gets full.
                 const bool isLate = isLong && reference.pcrs.empty() && random.oneIn(2);
-                nextPcr = isLate ? 9'999 + random.below(4) : number + 1 + random.below(pcrGap);
+                nextPcr = isLate ? 10'000 + random.below(3) : number + 1 + random.below(pcrGap);
             }
             if (timePasses) {
                 passTime(reference.releasedNs + reference.delayNs);
