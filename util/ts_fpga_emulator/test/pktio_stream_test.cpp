@@ -89,8 +89,10 @@ TEST_F(PktioStreamTest, InputPlaysItsFileOnceAndAllRoutesOfAChangeTakeEffectToge
     EXPECT_THAT(std::vector(lines.begin() + 5, lines.begin() + 7),
                 ElementsAre("[info] Detected added input TS: udp://239.10.0.1:5000 @ TSIIDX 3",
                             "[info] Detected added CPU route of PID 256 from TSIIDX 3"));
+    change(RouteAdded(3, 0x101));
+    EXPECT_THAT(m_Log.lines("[debug] Add PID 258 to stream"), SizeIs(1));
     // A removal goes by the TSIIDX, and the next stream starts with every PID blocked.
-    change(RouteAdded(3, 0x101), FPGAMonEvent_InputTSRemoved("udp://1.2.3.4", 3));
+    change(FPGAMonEvent_InputTSRemoved("udp://1.2.3.4", 3));
     EXPECT_THAT(m_Log.lines("[debug] Joined with PktioStreamIn streaming thread"), SizeIs(1));
     change(InputAdded(URI, 3), RouteRemoved(3, 0x100));
     change(InputAdded("udp://239.10.0.8", 8), RouteAdded(8, 0x100));
