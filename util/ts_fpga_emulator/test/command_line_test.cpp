@@ -1,5 +1,6 @@
 #include "command_line.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <map>
@@ -35,11 +36,11 @@ std::string outcome(const std::string& arguments) {
             return "help";
         }
         const Settings settings = readSettings(parsed);
-        std::string text = settings.routerDevice + " " + settings.tsioDevice + " " +
-                           settings.pktioCtrlDevice + " " + settings.pktioDataDevice +
-                           (settings.streamMode == StreamMode::PcrRate ? " PCR" : " MAX");
+        std::string text = fmt::format("{} {} {} {} {}", settings.routerDevice, settings.tsioDevice,
+                                       settings.pktioCtrlDevice, settings.pktioDataDevice,
+                                       settings.streamMode == StreamMode::PcrRate ? "PCR" : "MAX");
         for (const auto& [uri, path] : std::map(settings.files.begin(), settings.files.end())) {
-            text += " <" + uri + "> <" + path + ">";
+            text += fmt::format(" <{}> <{}>", uri, path);
         }
         return text;
     } catch (const CppUtil::InitializationError& e) {
