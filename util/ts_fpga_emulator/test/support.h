@@ -1,22 +1,19 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <spdlog/sinks/base_sink.h>
-#include <stdlib.h>
+#include <gmock/gmock.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/ringbuffer_sink.h>
 
 #include <algorithm>
 #include <chrono>
-#include <concepts>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <span>
+#include <random>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "vel/cpp_utils/log.h"
@@ -25,38 +22,38 @@
 
 namespace Vel::Utils {
 
+/// A number from the environment, so that a test can be repeated or run for longer.
+inline std::uint32_t testNumber(const char* variable, std::uint32_t otherwise) {
+    const char* text = std::getenv(variable);
+    return text == nullptr ? otherwise : static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10));
+}
+
+/// Random choices. A test prints the seed when it fails, and ZEPTFEM_TEST_SEED repeats its choices.
+class Random {
+public:
+    std::uint64_t bits() { return m_Engine(); }
+    std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(bits() % limit); }
+    bool oneIn(std::uint32_t chances) { return below(chances) == 0; }
+    std::string origin() const { return "ZEPTFEM_TEST_SEED=" + std::to_string(m_Seed); }
+
+private:
+    std::uint32_t m_Seed = testNumber("ZEPTFEM_TEST_SEED", std::random_device{}());
+    std::mt19937_64 m_Engine{m_Seed};
+};
+
 /// Waits for what another thread brings about. False after a time that no healthy run needs.
-template <std::predicate Condition>
-bool waitUntil(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
+inline bool waitUntil(const auto& condition) {
+    for (int ms = 0; ms < 60'000 && !condition(); ++ms) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return true;
+    return condition();
 }
 
-/// Text of the `Expected` error that `call` throws, without the place of the throw statement.
-template <typename Expected, typename Call>
-std::string thrownText(Call call) {
-    try {
-        call();
-    } catch (const Expected& error) {
-        const std::string text = error.what();
-        return text.substr(0, text.rfind('('));
-    }
-    return "nothing thrown";
-}
-
-/// A folder that goes with its contents at the end of the test.
+/// A folder that is removed with its contents at the end of the test.
 class TempFolder {
 public:
     TempFolder() { m_Path = ::mkdtemp(m_Path.data()); }
     ~TempFolder() { std::filesystem::remove_all(m_Path); }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
     std::string operator/(const std::string& name) const { return m_Path + "/" + name; }
 
 private:
@@ -72,86 +69,54 @@ inline void writeFile(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
 }
 
-/// While it lives, it is the process-wide log system, and keeps every line from debug on, as "[level]
+/// While it lives, it is the process-wide log system, and keeps its lines from debug on, as "[level]
 /// message".
 class CapturedLog {
 public:
-    CapturedLog() { Log::setLogsystem(std::make_unique<Logsystem>(m_Sink)); }
+    CapturedLog() {
+        constexpr auto ANY_TIME = spdlog::pattern_time_type::local;
+        m_Sink->set_formatter(std::make_unique<spdlog::pattern_formatter>("[%l] %v", ANY_TIME, ""));
+        m_Logger->set_level(spdlog::level::debug);
+        Log::setLogsystem(std::make_unique<Logsystem>(m_Logger));
+    }
     ~CapturedLog() { Log::setLogsystem(nullptr); }
-    CapturedLog(const CapturedLog&) = delete;
-    CapturedLog& operator=(const CapturedLog&) = delete;
-
     /// Those that begin with `prefix`, in their order.
-    std::vector<std::string> lines(const std::string& prefix = "") const { return m_Sink->lines(prefix); }
-    std::size_t count(const std::string& line) const { return lines(line).size(); }
-    bool waitFor(const std::string& line, std::size_t times = 1) const {
-        return waitUntil([&] { return count(line) >= times; });
+    std::vector<std::string> lines(const std::string& prefix = "") const {
+        auto found = m_Sink->last_formatted();
+        std::erase_if(found, [&](const std::string& line) { return !line.starts_with(prefix); });
+        return found;
+    }
+    bool waitFor(const std::string& prefix) const {
+        return waitUntil([&] { return !lines(prefix).empty(); });
     }
 
 private:
-    class Sink : public spdlog::sinks::base_sink<std::mutex> {
-    public:
-        std::vector<std::string> lines(const std::string& prefix) {
-            const std::lock_guard lock(mutex_);
-            auto found = m_Lines;
-            std::erase_if(found, [&](const std::string& line) { return !line.starts_with(prefix); });
-            return found;
-        }
+    using Sink = spdlog::sinks::ringbuffer_sink_mt;
+    using Logger = std::shared_ptr<spdlog::logger>;
 
-    private:
-        void sink_it_(const spdlog::details::log_msg& message) override {
-            m_Lines.push_back(
-                fmt::format("[{}] {}", spdlog::level::to_string_view(message.level), message.payload));
-        }
-        void flush_() override {}
-
-        std::vector<std::string> m_Lines;
-    };
-
-    class Logsystem : public Log::ILogsystem {
-    public:
-        explicit Logsystem(std::shared_ptr<Sink> sink) : m_Sink(std::move(sink)) {}
-        std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override {
-            return getLogger(name, spdlog::level::debug);
-        }
-        std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
-                                                  spdlog::level::level_enum level) override {
-            auto logger = std::make_shared<spdlog::logger>(name, m_Sink);
-            logger->set_level(level);
-            return logger;
-        }
+    struct Logsystem : Log::ILogsystem {
+        explicit Logsystem(Logger theOne) : logger(std::move(theOne)) {}
+        Logger getLogger(const std::string&) override { return logger; }
+        Logger getLogger(const std::string&, spdlog::level::level_enum) override { return logger; }
         void shutdown() override {}
-
-    private:
-        std::shared_ptr<Sink> m_Sink;
+        Logger logger;
     };
 
-    std::shared_ptr<Sink> m_Sink = std::make_shared<Sink>();
+    std::shared_ptr<Sink> m_Sink = std::make_shared<Sink>(1000);
+    Logger m_Logger = std::make_shared<spdlog::logger>("test", m_Sink);
 };
 
-/// What tells one packet of a test from another.
-struct PacketId {
-    std::uint32_t tsiidx;
-    std::uint32_t pid;
-    std::uint32_t number;
-    bool operator==(const PacketId&) const = default;
-};
-
-inline std::ostream& operator<<(std::ostream& out, const PacketId& id) {
-    return out << "TSIIDX " << id.tsiidx << " PID " << id.pid << " #" << id.number;
-}
-
-/// A packet as a record of input `id.tsiidx`. Its number stands in its last four bytes.
+/// A packet of a record whose header is 0. Its number stands in its last four bytes.
 /// @param pcr 27 MHz ticks, carried in an adaptation field
-inline Ts::LowlevInTSPacket makePacket(const PacketId& id, std::optional<std::uint64_t> pcr = {}) {
+inline Ts::LowlevInTSPacket makePacket(std::uint32_t pid, std::uint32_t number = 0,
+                                       std::optional<std::uint64_t> pcr = {}) {
     auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
     std::uint8_t* record = packet.getWriteDataPtr();
     std::fill_n(record, Ts::RECORD_SIZE, std::uint8_t{0});
-    Ts::writeRecordHeader(record, id.tsiidx);
-    Ts::writeRecordHeader(record + Ts::RECORD_SIZE - Ts::RECORD_HEADER_SIZE, id.number);
+    Ts::writeRecordHeader(record + Ts::RECORD_SIZE - Ts::RECORD_HEADER_SIZE, number);
     std::uint8_t* bytes = packet.getDataPtr();
     bytes[0] = Ts::SYNC_BYTE;
-    packet.setPid(id.pid);
+    packet.setPid(pid);
     bytes[3] = pcr ? 0x30 : 0x10;
     if (pcr) {
         bytes[4] = 7;
@@ -168,27 +133,6 @@ inline Ts::LowlevInTSPacket makePacket(const PacketId& id, std::optional<std::ui
 /// The transport packet alone, as a file holds it.
 inline std::string tsBytes(const Ts::LowlevInTSPacket& packet) {
     return {reinterpret_cast<const char*>(packet.getDataPtr()), Ts::TS_PACKET_SIZE};
-}
-
-/// A stream of packets numbered from 0 on, whose PIDs take turns.
-inline std::string tsStream(std::uint32_t count, const std::vector<std::uint32_t>& pids) {
-    std::string stream;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        stream += tsBytes(makePacket({0, pids[i % pids.size()], i}));
-    }
-    return stream;
-}
-
-/// The records in a data device's output, which must hold nothing but whole ones.
-inline std::vector<PacketId> parseRecords(const std::string& output) {
-    EXPECT_EQ(output.size() % Ts::RECORD_SIZE, 0U) << "torn record";
-    std::vector<PacketId> records;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(output.data());
-    for (const auto* end = bytes + output.size(); end - bytes >= Ts::RECORD_SIZE; bytes += Ts::RECORD_SIZE) {
-        records.push_back({Ts::readRecordHeader(bytes), (bytes[5] & 0x1FU) << 8 | bytes[6],
-                           Ts::readRecordHeader(bytes + Ts::RECORD_SIZE - Ts::RECORD_HEADER_SIZE)});
-    }
-    return records;
 }
 
 }  // namespace Vel::Utils
