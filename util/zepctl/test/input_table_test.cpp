@@ -10,7 +10,7 @@
 
 #include "command_error.h"
 #include "fpga_monitoring/iplut_monitor.h"
-#include "tables/locked_device.h"
+#include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 #include "tables/row_text.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/iplut_diag.h"
 #include "watched_memory.h"

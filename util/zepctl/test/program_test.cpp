@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "tables/locked_device.h"
+#include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 
 namespace Vel::Zepctl {
 
@@ -215,8 +215,8 @@ TEST_F(ProgramTest, OutputThatIsLostIsAnErrorAndNeverGoesIntoATable) {
 TEST_F(ProgramTest, CreateMakesEmptyTablesAndPrintsHowToUseThem) {
     const std::string zep = path("new/it's");
     EXPECT_EQ(outputOf("create --fifo \"" + zep + "\""),
-              "zeptfem -t '" + path("new/it'\\''s/tsio") + "' -r '" + path("new/it'\\''s/router") + "' -P '" +
-                  path("new/it'\\''s/pktio") + "' -f \"udp://239.1.2.3:5000 FILE.ts\"\n");
+              "zeptfem -t " + zep + "/tsio -r " + zep + "/router -P " + zep +
+                  "/pktio -f \"udp://239.1.2.3:5000 FILE.ts\"\n");
     EXPECT_EQ(contentOf(zep + "/tsio"), std::string(Drivers::Zep::TSIO_DEVICE.size, '\0'));
     EXPECT_EQ(contentOf(zep + "/router"), std::string(Drivers::Zep::ROUTER_DEVICE.size, '\0'));
     EXPECT_TRUE(fs::is_fifo(zep + "/pktio"));

@@ -9,7 +9,7 @@
 
 #include "command_error.h"
 #include "fpga_monitoring/pidlut_monitor.h"
-#include "tables/locked_device.h"
+#include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 #include "tables/row_text.h"
 #include "watched_memory.h"
 

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "command_error.h"
-#include "tables/number.h"
 
 namespace Vel::Zepctl {
 
