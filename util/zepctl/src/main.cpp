@@ -92,7 +92,7 @@ int main(int argc, char** argv) {
             "Example: zepctl create /tmp/zep\n"
             "         zepctl -t /tmp/zep/tsio input add udp://239.1.2.3:5000 3\n"
             "         zepctl -r /tmp/zep/router route add 3 0x100");
-        Vel::Zepctl::addTableCommands(app);
+        const TableCommands tableCommands(app);
         Vel::Zepctl::addRecordCommands(app);
         return run(app, argc, argv);
     } catch (const std::exception& error) {

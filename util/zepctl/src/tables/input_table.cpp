@@ -1,12 +1,11 @@
 #include "tables/input_table.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <iterator>
-#include <span>
-#include <string>
 
 #include "command_error.h"
-#include "tables/row_text.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/iplut_diag.h"
 
 namespace Vel::Zepctl {
@@ -34,81 +33,86 @@ std::vector<IpInEntry> InputTable::list() const {
 }
 
 void InputTable::add(const IpInEntry& input) {
+    checkOrder();
     for (const IpInEntry& row : list()) {
         if (isSameInput(row, input)) {
-            throw CommandError(WRONG_USE, buildInputUri(row) + " is there already, with TSIIDX " +
-                                              std::to_string(row.getTSIIDX()));
+            throw CommandError(WRONG_USE, fmt::format("{} is there already, with TSIIDX {}",
+                                                      buildInputUri(row), row.getTSIIDX()));
         }
         if (row.getTSIIDX() == input.getTSIIDX()) {
-            throw CommandError(WRONG_USE, "TSIIDX " + std::to_string(row.getTSIIDX()) + " is taken by " +
-                                              buildInputUri(row));
+            throw CommandError(WRONG_USE,
+                               fmt::format("TSIIDX {} is taken by {}", row.getTSIIDX(), buildInputUri(row)));
         }
     }
+    clearCopies();
     if (std::ranges::all_of(m_Rows, &IpInEntry::isEnabled)) {
         throw CommandError(WRONG_USE,
-                           "The IP LUT is full: all " + std::to_string(m_Rows.size()) + " rows are in use");
+                           fmt::format("The IP LUT is full: all {} rows are in use", m_Rows.size()));
     }
-    putInOrder();
-    insert(input, m_Rows.size());
+    insert(input);
 }
 
 void InputTable::remove(const IpInEntry& input) {
+    checkOrder();
     bool isFound = false;
     for (std::size_t i = 0; i < m_Rows.size(); ++i) {
         if (m_Rows[i].isEnabled() && isSameInput(m_Rows[i], input)) {
-            clearRow(i);
+            writeRow(i, IpInEntry());
             isFound = true;
         }
     }
     if (!isFound) {
         throw CommandError(WRONG_USE, "There is no input " + buildInputUri(input));
     }
-    putInOrder();
 }
 
 void InputTable::clear() {
     for (std::size_t i = 0; i < m_Rows.size(); ++i) {
-        clearRow(i);
+        writeRow(i, IpInEntry());
     }
 }
 
-/// Rows before `i` ascend at every step. A row that is less than one before it gets a copy at its place among
-/// them, and is itself met later as the second copy. That takes one free row, which the callers see to.
-void InputTable::putInOrder() {
+void InputTable::checkOrder() const {
+    const IpInEntry* previous = nullptr;
     for (std::size_t i = 0; i < m_Rows.size(); ++i) {
-        const IpInEntry row = m_Rows[i];
-        if (!row.isEnabled()) {
+        if (!m_Rows[i].isEnabled()) {
             continue;
         }
-        const auto before = std::span(m_Rows).first(i);
-        const auto isCopy = [&](const IpInEntry& other) { return other.isEnabled() && other == row; };
-        const auto isGreater = [&](const IpInEntry& other) { return other.isEnabled() && row < other; };
-        if (std::ranges::any_of(before, isCopy)) {
-            clearRow(i);
-        } else if (std::ranges::any_of(before, isGreater)) {
-            insert(row, i);
-            --i;  // The rows before it may have moved up.
+        if (previous != nullptr && m_Rows[i] < *previous) {
+            throw CommandError(DEVICE_UNUSABLE,
+                               fmt::format("Row {} of the IP LUT is out of order: {} comes after {}; "
+                                           "\"zepctl clear inputs\" clears the table",
+                                           i, buildInputUri(m_Rows[i]), buildInputUri(*previous)));
+        }
+        previous = &m_Rows[i];
+    }
+}
+
+/// A command that was killed while it moved a row leaves two of it in succession.
+void InputTable::clearCopies() {
+    for (std::size_t i = 1; i < m_Rows.size(); ++i) {
+        if (m_Rows[i - 1].isEnabled() && m_Rows[i].isEnabled() && m_Rows[i - 1] == m_Rows[i]) {
+            writeRow(i, IpInEntry());
         }
     }
 }
 
-/// Puts `input` in front of the first greater one of the rows before `end`, which ascend.
-void InputTable::insert(const IpInEntry& input, std::size_t end) {
-    std::size_t place = end;
-    while (place > 0 && (!m_Rows[place - 1].isEnabled() || input < m_Rows[place - 1])) {
+void InputTable::insert(const IpInEntry& input) {
+    std::size_t place = m_Rows.size();  // the row after the last one that is less
+    while (place > 0 && !(m_Rows[place - 1].isEnabled() && m_Rows[place - 1] < input)) {
         --place;
     }
-    // Behind the last one that is not greater, so a free row there is in front of the first greater one.
-    const auto begin = m_Rows.begin();
-    const auto isFree = [](const IpInEntry& row) { return !row.isEnabled(); };
-    const auto above = std::find_if(begin + static_cast<std::ptrdiff_t>(place), m_Rows.end(), isFree);
-    if (above != m_Rows.end()) {
-        for (auto free = static_cast<std::size_t>(above - begin); free > place; --free) {
+    std::size_t free = place;
+    while (free < m_Rows.size() && m_Rows[free].isEnabled()) {
+        ++free;
+    }
+    if (free < m_Rows.size()) {
+        for (; free > place; --free) {
             moveRow(free - 1, free);
         }
     } else {
         --place;
-        std::size_t free = place;
+        free = place;
         while (m_Rows[free].isEnabled()) {
             --free;
         }
@@ -121,25 +125,19 @@ void InputTable::insert(const IpInEntry& input, std::size_t end) {
 
 void InputTable::moveRow(std::size_t from, std::size_t to) {
     writeRow(to, m_Rows[from]);
-    clearRow(from);
+    writeRow(from, IpInEntry());
 }
 
 void InputTable::writeRow(std::size_t index, const IpInEntry& row) {
+    static_assert(IpInEntry::WORDS == 2 && Drivers::Zep::IpLut::ENABLED.word == 1);
     IpInEntry& target = m_Rows[index];
     target = row;
     target.toWords();
     const auto word = m_Base + static_cast<std::uint32_t>(index) * IpInEntry::WORDS;
-    m_Memory.write32(word, target.getWords()[0]);
-    m_Memory.write32(word + 1, target.getWords()[1]);
-}
-
-void InputTable::clearRow(std::size_t index) {
-    IpInEntry& target = m_Rows[index];
-    target.clear();
-    target.toWords();
-    const auto word = m_Base + static_cast<std::uint32_t>(index) * IpInEntry::WORDS;
-    m_Memory.write32(word + 1, target.getWords()[1]);
-    m_Memory.write32(word, target.getWords()[0]);
+    const std::uint32_t first = target.isEnabled() ? 0 : 1;
+    for (const std::uint32_t i : {first, 1 - first}) {
+        m_Memory.write32(word + i, target.getWords()[i]);
+    }
 }
 
 }  // namespace Vel::Zepctl

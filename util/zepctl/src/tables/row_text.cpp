@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
-#include <cstdint>
+#include <charconv>
+#include <string_view>
+#include <system_error>
 
 #include "command_error.h"
 #include "vel/cpp_utils/error.h"
@@ -20,6 +22,21 @@ constexpr const char* URI_FORM = "its form is udp://239.1.2.3:5000, or udp://239
 constexpr std::int32_t NO_PORT = -1;  // left out, or too large
 
 }  // namespace
+
+std::uint32_t parseNumber(const std::string& name, const std::string& text,
+                          const Drivers::Zep::Range& range) {
+    const bool isHexadecimal = text.starts_with("0x") || text.starts_with("0X");
+    const std::string_view digits = std::string_view(text).substr(isHexadecimal ? 2 : 0);
+    const char* end = digits.data() + digits.size();
+    std::uint32_t value = 0;
+    const auto [stop, error] = std::from_chars(digits.data(), end, value, isHexadecimal ? 16 : 10);
+    if (error != std::errc{} || stop != end || !range.contains(value)) {
+        throw CommandError(WRONG_USE, fmt::format("{} \"{}\" is not a number from {} to {}, in decimal or "
+                                                  "hexadecimal with a 0x prefix",
+                                                  name, text, range.min, range.max));
+    }
+    return value;
+}
 
 IpInEntry parseInputUri(const std::string& text) {
     const std::string refusal = "\"" + text + "\" is not the URI of an input: ";

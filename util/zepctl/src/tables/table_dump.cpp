@@ -41,12 +41,6 @@ const std::array<DumpSpec, 7> DUMPS = {{
     {"opidmap", false, 1, Zep::OPidMap::TABLE.rows, Zep::dumpOPidMap},
 }};
 
-const DumpSpec& findDump(const std::string& name) {
-    const auto* spec = std::ranges::find(DUMPS, name, &DumpSpec::name);
-    VEL_ASSERT(spec != DUMPS.end());
-    return *spec;
-}
-
 }  // namespace
 
 std::vector<std::string> dumpTableNames() {
@@ -55,26 +49,25 @@ std::vector<std::string> dumpTableNames() {
     return names;
 }
 
-bool isTsioTable(const std::string& tableName) {
-    return findDump(tableName).isTsio;
-}
-
-std::string dumpTable(const std::string& tableName, Drivers::IMemIf& memory, const DumpRange& range) {
-    const DumpSpec& spec = findDump(tableName);
-    const std::uint32_t first = range.first.value_or(spec.first);
-    if (first >= spec.rows) {
+std::string dumpTable(const std::string& tableName, const DumpRange& range, const Device& tsio,
+                      const Device& router) {
+    const auto* spec = std::ranges::find(DUMPS, tableName, &DumpSpec::name);
+    VEL_ASSERT(spec != DUMPS.end());
+    const std::uint32_t first = range.first.value_or(spec->first);
+    if (first >= spec->rows) {
         throw CommandError(WRONG_USE, "--first " + std::to_string(first) + " is not a row of the table " +
-                                          tableName + ", whose last is " + std::to_string(spec.rows - 1));
+                                          tableName + ", whose last is " + std::to_string(spec->rows - 1));
     }
-    const std::uint32_t count = range.count.value_or(spec.rows - first);
+    const std::uint32_t count = range.count.value_or(spec->rows - first);
+    LockedDevice device(spec->isTsio ? tsio : router);
     std::ostringstream lines;
-    if (const auto* banked = std::get_if<BankedDump>(&spec.dump)) {
-        (*banked)(memory, first, count, range.bank.value_or(0), range.includeAll, lines);
+    if (const auto* banked = std::get_if<BankedDump>(&spec->dump)) {
+        (*banked)(device.memory(), first, count, range.bank.value_or(0), range.includeAll, lines);
     } else if (range.bank) {
         throw CommandError(WRONG_USE, "The table " + tableName + " has no banks, so --bank " +
                                           std::to_string(*range.bank) + " cannot be shown");
     } else {
-        std::get<PlainDump>(spec.dump)(memory, first, count, range.includeAll, lines);
+        std::get<PlainDump>(spec->dump)(device.memory(), first, count, range.includeAll, lines);
     }
     return lines.str();
 }

@@ -1,0 +1,321 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <random>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "command_error.h"
+#include "fpga_monitoring/iplut_monitor.h"
+#include "tables/input_table.h"
+#include "tables/route_table.h"
+#include "tables/row_text.h"
+#include "thrown_text.h"
+#include "vel/userspace_drivers/interfaces/lindevmemaccessor.h"
+
+namespace Vel::Zepctl {
+
+namespace {
+
+using namespace Drivers::Zep;
+using Words = std::vector<std::uint32_t>;
+
+struct Store {
+    std::uint32_t index;
+    std::uint32_t value;
+};
+
+/// Both devices in a plain vector that notes every store and lets a test step in before any load of a word.
+class WatchedMemory : public Drivers::LinDevMemAccessor {
+public:
+    Drivers::MemSegment getMemSegment() const override {
+        return {ROUTER_DEVICE.size,
+                reinterpret_cast<std::uint8_t*>(const_cast<std::uint32_t*>(words.data()))};
+    }
+    void checkAccessible() const override { beforeAccess(); }
+    void readBlock32Into(std::uint32_t index, std::span<std::uint32_t> target) override {
+        std::ranges::generate(target, [&] { return read32(index++); });
+    }
+    void write32(std::uint32_t index, std::uint32_t value) override {
+        LinDevMemAccessor::write32(index, value);
+        stores.push_back({index, value});
+    }
+    void writeBlock32(std::uint32_t index, const Words& values) override {
+        std::ranges::for_each(values, [&](std::uint32_t value) { write32(index++, value); });
+    }
+
+    /// Puts a row into the lower bank as other software may, unseen and without regard to order.
+    template <typename Row>
+    void putRow(const Table& table, std::size_t index, Row row) {
+        row.toWords();
+        std::ranges::copy(row.getWords(), &words.at(table.base + index * Row::WORDS));
+    }
+
+    Words words = Words(ROUTER_DEVICE.size / sizeof(std::uint32_t));
+    std::vector<Store> stores;
+    std::function<void()> beforeAccess = [] {};
+};
+
+/// What zeptfem's monitor of the IP LUT reports, "+" or "-" and the URI, if it knows the words `initial` and
+/// reads on while `stores` are made: before each load, the next one with a chance of one in `loadsPerStore`.
+std::vector<std::string> eventsSeen(const Words& initial, const std::vector<Store>& stores,
+                                    unsigned loadsPerStore) {
+    struct Consumer : Utils::IFPGAEventConsumer {
+        void handleEvent(std::unique_ptr<Utils::FPGAMonEvent> event) override {
+            const auto* added = dynamic_cast<const Utils::FPGAMonEvent_InputTSAdded*>(event.get());
+            const auto* removed = dynamic_cast<const Utils::FPGAMonEvent_InputTSRemoved*>(event.get());
+            events.push_back(added != nullptr ? "+" + added->getUri() : "-" + removed->getUri());
+        }
+        std::vector<std::string> events;
+    } consumer;
+    const auto memory = std::make_shared<WatchedMemory>();
+    Utils::IpLutMonitor monitor(memory, consumer);
+    memory->words = initial;
+    monitor.pollLut();
+    consumer.events.clear();
+    std::size_t made = 0;
+    std::mt19937 random(loadsPerStore);
+    memory->beforeAccess = [&] {
+        if (made < stores.size() && random() % loadsPerStore == 0) {
+            memory->words[stores[made].index] = stores[made].value;
+            ++made;
+        }
+    };
+    while (made < stores.size()) {
+        monitor.pollLut();
+    }
+    monitor.pollLut();
+    return consumer.events;
+}
+
+/// The text of the refusal that `change` throws.
+std::string refusalOf(const std::function<void()>& change) {
+    return thrownText<CommandError>(change);
+}
+
+IpInEntry input(std::uint32_t tsiidx, std::uint32_t octets) {
+    return {tsiidx, CppUtil::IpAdrContainer(0xEF000000U + octets), 5000};
+}
+
+class InputTableTest : public testing::Test {
+protected:
+    void add(const IpInEntry& row) { InputTable(memory).add(row); }
+    void remove(const IpInEntry& row) { InputTable(memory).remove(row); }
+
+    /// The last rows of the table: inputs of these addresses with the row as TSIIDX, or cleared if 0.
+    void putLastRows(const Words& octets) {
+        auto row = IpLut::TABLE.rows - static_cast<std::uint32_t>(octets.size());
+        for (const std::uint32_t value : octets) {
+            memory.putRow(IpLut::TABLE, row, value == 0 ? IpInEntry() : input(row, value));
+            ++row;
+        }
+    }
+    Words lastRows(std::size_t count) const {
+        Words octets;
+        for (std::size_t row = IpLut::TABLE.rows - count; row < IpLut::TABLE.rows; ++row) {
+            const std::uint32_t address = memory.words[IpLut::TABLE.base + row * IpInEntry::WORDS];
+            octets.push_back(address == 0xFFFFFFFF ? 0 : address & 0xFFFFFF);
+        }
+        return octets;
+    }
+
+    WatchedMemory memory;
+};
+
+class RouteTableTest : public testing::Test {
+protected:
+    void add(const PidLutEntry& row) { RouteTable(memory).add(row); }
+
+    WatchedMemory memory;
+};
+
+}  // namespace
+
+TEST_F(InputTableTest, RowsMoveAsLittleAsPossible) {
+    const struct {
+        Words before;
+        std::uint32_t added;
+        Words after;
+        std::size_t moves;
+    } cases[] = {
+        {{10, 0, 30, 0, 0, 0}, 20, {10, 20, 30, 0, 0, 0}, 0},
+        {{10, 30, 40, 0, 50, 0}, 20, {10, 20, 30, 40, 50, 0}, 2},
+        {{0, 10, 30, 0, 0, 0}, 20, {0, 10, 20, 30, 0, 0}, 1},
+        {{0, 10, 0, 20, 30, 40}, 35, {0, 10, 20, 30, 35, 40}, 2},
+        {{0, 10, 20, 30, 40, 50}, 60, {10, 20, 30, 40, 50, 60}, 5},
+    };
+    for (const auto& [before, added, after, moves] : cases) {
+        SCOPED_TRACE(testing::PrintToString(before));
+        putLastRows(before);
+        memory.stores.clear();
+        add(input(0, added));
+        EXPECT_EQ(lastRows(after.size()), after);
+        EXPECT_EQ(memory.stores.size(), 4 * moves + 2);
+        remove(input(0, added));
+        EXPECT_EQ(memory.stores.size(), 4 * moves + 4);
+    }
+    InputTable(memory).clear();
+    EXPECT_EQ(lastRows(IpLut::TABLE.rows), Words(IpLut::TABLE.rows));
+    for (const Store& store : memory.stores) {
+        EXPECT_LT(store.index - IpLut::TABLE.base, IpLut::TABLE.rows * IpInEntry::WORDS);
+    }
+}
+
+TEST_F(InputTableTest, AReaderNeverSeesAnotherInputComeOrGo) {
+    std::mt19937 random(1);
+    std::vector<IpInEntry> inputs;
+    const auto addRandom = [&](std::uint32_t tsiidx) {
+        add(inputs[tsiidx] = input(tsiidx, static_cast<std::uint32_t>(random() % 0x1000000)));
+    };
+    for (const std::uint32_t count : {20U, IpLut::TABLE.rows - 2, IpLut::TABLE.rows}) {
+        while (inputs.size() < count) {
+            inputs.emplace_back();
+            addRandom(static_cast<std::uint32_t>(inputs.size() - 1));
+        }
+        for (std::uint32_t tsiidx = 5; tsiidx < 15; ++tsiidx) {
+            const Words initial = memory.words;
+            memory.stores.clear();
+            const std::string removal = "-" + buildInputUri(inputs[tsiidx]);
+            remove(inputs[tsiidx]);
+            addRandom(tsiidx);
+            for (const unsigned loadsPerStore : {1U, 2U, 10U, 100U, 2000U}) {
+                EXPECT_THAT(eventsSeen(initial, memory.stores, loadsPerStore),
+                            testing::UnorderedElementsAre(removal, "+" + buildInputUri(inputs[tsiidx])));
+            }
+        }
+        auto sorted = inputs;
+        std::sort(sorted.begin(), sorted.end());
+        EXPECT_EQ(InputTable(memory).list(), sorted);
+    }
+}
+
+TEST_F(InputTableTest, AWriterKilledAtAnyStoreLeavesATableThatTheNextOneMends) {
+    putLastRows({10, 20, 30, 40, 0});
+    Words killed = memory.words;
+    add(input(9, 15));
+    for (const Store& store : std::vector(memory.stores)) {
+        memory.words = killed;
+        add(input(7, 25));
+        EXPECT_EQ(InputTable(memory).list(), (std::vector{input(251, 10), input(252, 20), input(7, 25),
+                                                          input(253, 30), input(254, 40)}));
+        killed[store.index] = store.value;
+    }
+}
+
+TEST_F(InputTableTest, RefusalsSayWhyAndChangeNothing) {
+    putLastRows({1, 0, 3});
+    EXPECT_EQ(refusalOf([&] { add(input(4, 3)); }), "udp://239.0.0.3:5000 is there already, with TSIIDX 255");
+    EXPECT_EQ(refusalOf([&] { add(input(255, 4)); }), "TSIIDX 255 is taken by udp://239.0.0.3:5000");
+    EXPECT_EQ(refusalOf([&] { remove(input(0, 2)); }), "There is no input udp://239.0.0.2:5000");
+    putLastRows({1, 5, 0, 4, 0, 2});
+    const std::string order =
+        "Row 253 of the IP LUT is out of order: udp://239.0.0.4:5000 comes after "
+        "udp://239.0.0.5:5000; \"zepctl clear inputs\" clears the table";
+    EXPECT_EQ(refusalOf([&] { add(input(9, 9)); }), order);
+    EXPECT_EQ(refusalOf([&] { remove(input(0, 5)); }), order);
+    for (std::uint32_t i = 0; i < IpLut::TABLE.rows; ++i) {
+        memory.putRow(IpLut::TABLE, i, input(7, i));
+    }
+    EXPECT_EQ(refusalOf([&] { add(input(8, 300)); }), "The IP LUT is full: all 256 rows are in use");
+    EXPECT_TRUE(memory.stores.empty());
+}
+
+TEST_F(RouteTableTest, AChangePreparesTheOtherBankAndFlipsTheSelectBit) {
+    constexpr std::uint32_t BANK_WORDS = PidLut::TABLE.rows * PidLutEntry::WORDS;
+    for (std::uint32_t& word : memory.words) {
+        word = 0xA5A5A5A5;  // the upper bank is in use
+    }
+    Words expected = memory.words;
+    RouteTable(memory).clear();
+    for (std::uint32_t i = 0; i < BANK_WORDS; ++i) {
+        expected[PidLut::TABLE.base + i] = i % 2 == 0 ? 0x001FFFFF : 0xFF000FFF;
+    }
+    expected[PidLut::BANK_SELECT.word] = 0xA5A5A5A4;
+    EXPECT_TRUE(memory.words == expected);
+    EXPECT_EQ(memory.stores.size(), BANK_WORDS + 1);
+    EXPECT_EQ(memory.stores.back().index, PidLut::BANK_SELECT.word);
+
+    add({3, 0x100, 7, false, true});
+    std::ranges::copy(Words{3U << 13 | 0x100U, 0xFF002007, 0x001FFFFF}, &expected[PidLut::UPPER_BASE]);
+    EXPECT_EQ(memory.words[PidLut::BANK_SELECT.word], 0xA5A5A5A5);
+    EXPECT_TRUE(std::equal(&memory.words[PidLut::UPPER_BASE], &memory.words[PidLut::UPPER_BASE + 3],
+                           &expected[PidLut::UPPER_BASE]));
+}
+
+TEST_F(RouteTableTest, RowsOfOtherSoftwareAreKeptInOrderIfTheyHaveARoute) {
+    memory.putRow(PidLut::TABLE, 100, PidLutEntry(9, 1, 1, false, true));
+    memory.putRow(PidLut::TABLE, 200, PidLutEntry(5, 1, 4095, 3, true, false));
+    memory.putRow(PidLut::TABLE, 300, PidLutEntry(5, 0, 9, false, false));
+    const std::uint32_t last = PidLut::TABLE.base + PidLut::TABLE.rows * PidLutEntry::WORDS - 2;
+    memory.words[last] = 2U << 13 | 2U;
+    memory.words[last + 1] = 0x01002000;  // no PIDIDX
+    add({5, 0, RouteTable(memory).findFreePididx(), false, true});
+    EXPECT_EQ(RouteTable(memory).findFreePididx(), 3U);
+    std::string rows;
+    for (const PidLutEntry& row : RouteTable(memory).list()) {
+        rows += formatRoute(row) + '\n';
+    }
+    EXPECT_EQ(rows,
+              "2 0x0002 --filter 1\n5 0x0000 --pididx 2 --filter 255\n"
+              "5 0x0001 --out --no-cpu --pididx 4095 --filter 3\n9 0x0001 --pididx 1 --filter 255\n");
+}
+
+TEST_F(RouteTableTest, RefusalsSayWhyAndChangeNothing) {
+    memory.putRow(PidLut::TABLE, 0, PidLutEntry(3, 0x100, 1, false, true));
+    EXPECT_EQ(refusalOf([&] {
+                  add({3, 0x100, 2, true, false});
+              }),
+              "There is a route for it already: 3 0x0100 --pididx 1 --filter 255");
+    EXPECT_EQ(refusalOf([&] {
+                  add({3, 0x101, 2, false, false});
+              }),
+              "A route needs the CPU route, the out route or both");
+    EXPECT_EQ(refusalOf([&] { RouteTable(memory).remove(3, 0x101); }),
+              "There is no route for TSIIDX 3, PID 0x0101");
+    for (std::uint32_t i = 0; i < PidLut::TABLE.rows; ++i) {
+        memory.putRow(PidLut::TABLE, i, PidLutEntry(4, i, 1, false, true));
+    }
+    EXPECT_EQ(refusalOf([&] {
+                  add({3, 0x100, 2, false, true});
+              }),
+              "The PID LUT is full: all 2048 rows are in use");
+    EXPECT_TRUE(memory.stores.empty());
+}
+
+TEST(RowTextTest, OnlyTheUriThatTheMonitorsWriteIsTaken) {
+    for (const std::string uri : {"udp://239.1.2.3:5000", "udp://239.1.2.3", "udp://10.0.0.1:65535"}) {
+        EXPECT_EQ(formatInput(parseInputUri(uri)), uri + " 0");
+        EXPECT_TRUE(parseInputUri(uri).isEnabled());
+    }
+    for (const std::string uri : {"udp://239.1.2.3:05000", "udp://239.01.2.3:5000", "UDP://239.1.2.3:5000",
+                                  "udp://239.1.2.3:5000/"}) {
+        EXPECT_EQ(refusalOf([&] { parseInputUri(uri); }),
+                  "\"" + uri + "\" is not the URI of an input: write it as udp://239.1.2.3:5000");
+    }
+    for (const std::string uri : {"", "239.1.2.3:5000", "udp:/239.1.2.3", "udp://host:5000",
+                                  "udp://239.1.2.3:65536", "udp://239.1.2.3:-1", "udp://239.1.2.256:1"}) {
+        EXPECT_EQ(refusalOf([&] { parseInputUri(uri); }),
+                  "\"" + uri +
+                      "\" is not the URI of an input: its form is udp://239.1.2.3:5000, "
+                      "or udp://239.1.2.3 for port 0");
+    }
+}
+
+TEST(RowTextTest, ANumberIsDecimalOrHexadecimalAndWithinItsLimits) {
+    EXPECT_EQ(parseNumber("N", "010", {10, 4095}), 10U);
+    EXPECT_EQ(parseNumber("N", "0xFff", {10, 4095}), 4095U);
+    EXPECT_EQ(parseNumber("N", "0XA", {10, 4095}), 10U);
+    for (const std::string text :
+         {"", "0x", "9", "4096", "0x1000", "-11", "+11", " 11", "11 ", "11k", "4294967311"}) {
+        EXPECT_EQ(
+            refusalOf([&] {
+                parseNumber("N", text, {10, 4095});
+            }),
+            "N \"" + text + "\" is not a number from 10 to 4095, in decimal or hexadecimal with a 0x prefix");
+    }
+}
+
+}  // namespace Vel::Zepctl
