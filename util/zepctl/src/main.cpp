@@ -93,6 +93,6 @@ int main(int argc, char** argv) {
         "         zepctl -t /tmp/zep/tsio input add udp://239.1.2.3:5000 3\n"
         "         zepctl -r /tmp/zep/router route add 3 0x100");
     Vel::Zepctl::addTableCommands(app);
-    Vel::Zepctl::addRecordCommands(app);
+    RecordCommands records(app);
     return run(app, argc, argv);
 }

@@ -12,122 +12,165 @@ namespace Vel::Zepctl {
 namespace {
 
 using testing::HasSubstr;
-using testing::StartsWith;
 
-class RecordCommands : public testing::Test {
+class RecordCommandsTest : public testing::Test {
 protected:
-    const ScratchDirectory m_Scratch;
-    /// A clean input 3 of 2 PIDs: 2 intervals of 10 ms.
-    const std::vector<TestRecord> m_Clean = {{.pcr = 0},
-                                             {.pid = 0x20},
-                                             {.counter = 1, .pcr = 270'000},
-                                             {.counter = 2},
-                                             {.counter = 3, .pcr = 540'000}};
+    struct Outcome {
+        int status = DONE;
+        std::string output;
+        std::string error;
+    };
 
-    /// Runs a command; what it prints comes back, what it throws passes through.
-    static std::string run(std::vector<std::string> arguments) {
+    const ScratchDirectory m_Scratch;
+
+    static Outcome run(std::vector<std::string> arguments) {
         CLI::App app("", "zepctl");
-        addRecordCommands(app);
+        const RecordCommands commands(app);
         std::reverse(arguments.begin(), arguments.end());  // as CLI11 wants them
+        arguments.push_back("records");
+        Outcome outcome;
         testing::internal::CaptureStdout();
         try {
             app.parse(arguments);
-        } catch (...) {
-            s_Printed = testing::internal::GetCapturedStdout();
-            throw;
+        } catch (const CommandError& error) {
+            outcome = {error.getStatus(), "", error.what()};
+        } catch (const CLI::ParseError& error) {
+            outcome = {WRONG_USE, "", error.what()};
         }
-        return testing::internal::GetCapturedStdout();
+        outcome.output = testing::internal::GetCapturedStdout();
+        return outcome;
     }
-    inline static std::string s_Printed;  // by the command that threw
 };
 
-TEST_F(RecordCommands, CheckPrintsAnAlignedTableAndThatAllIsRight) {
-    const std::string file = m_Scratch.write("clean", join(m_Clean));
-    EXPECT_EQ(run({"records", "check", file}),
+TEST_F(RecordCommandsTest, CheckPrintsWhatItFound) {
+    const std::string clean = m_Scratch.write("clean", join({{.pcr = 0}, {.counter = 1, .pcr = 270'000}}));
+    EXPECT_EQ(run({"check", clean}).output,
               "TSIIDX     PID     PACKETS  CONTINUITY  SCRAMBLED  TRANSPORT    PCRS     KBIT/S\n"
-              "     3  0x0020           1           0          0          0       0       75.2\n"
-              "     3  0x0100           4           0          0          0       3      225.6\n"
-              "     3     all           5           0          0          0       3      300.8\n" +
-                  file + " is right: 5 records, no fault\n");
-    const std::string empty = m_Scratch.write("empty", {});
-    EXPECT_EQ(run({"records", "check", empty}), empty + " is empty: no record, no fault\n");
+              "     3  0x0100           2           0          0          0       2      150.4\n"
+              "     3     all           2           0          0          0       2      150.4\n" +
+                  clean + " is right: 2 records, no fault\n");
+    const std::string empty = m_Scratch.write("empty", "");
+    EXPECT_EQ(run({"check", empty}).output, empty + " is empty: no record, no fault\n");
+
+    const std::string faulty = m_Scratch.write("\xFF", join({{.pid = 0x20},
+                                                             {.pcr = 0},
+                                                             {.pid = 0x20, .counter = 1},
+                                                             {.counter = 2, .pcr = 10 * MS},
+                                                             {.transportError = true, .scrambled = true},
+                                                             {.tsiidx = 256},
+                                                             {.tsiidx = 0xFFFFFFFF, .sync = 0},
+                                                             {.tsiidx = 255, .sync = 0x46},
+                                                             {.tsiidx = 255, .scrambled = true}}) +
+                                                           std::string(100, 'x'));
+    const Outcome text = run({"check", faulty});
+    EXPECT_EQ(text.status, STREAM_FAULTY);
+    EXPECT_EQ(text.error, faulty + " is faulty");
+    EXPECT_EQ(text.output, R"(TSIIDX     PID     PACKETS  CONTINUITY  SCRAMBLED  TRANSPORT    PCRS     KBIT/S
+     3  0x0020           2           0          0          0       0      150.4
+     3  0x0100           3           1          0          1       2      150.4
+     3     all           5           1          0          1       2      300.8
+   255  0x0100           1           0          1          0       0          -
+   255     all           1           0          1          0       0          -
+1 continuity error; the first at record 3 (byte 576): TSIIDX 3, PID 0x0100: continuity counter 2, expected 1
+1 transport error; the first at record 4 (byte 768): TSIIDX 3, PID 0x0100: transport_error_indicator is set
+1 bad sync byte; the first at record 7 (byte 1344): TSIIDX 255: sync byte 0x46, expected 0x47
+2 unknown TSIIDX values; the first at record 5 (byte 960): TSIIDX 256, allowed 0..255
+1 torn record; the first at record 9 (byte 1728): ends after 100 of 192 bytes
+)");
+    const Outcome json = run({"check", "--json", faulty});
+    EXPECT_EQ(json.status, STREAM_FAULTY);
+    EXPECT_EQ(nlohmann::ordered_json::parse(json.output),
+              nlohmann::ordered_json::parse(R"({"file": ")" + m_Scratch.file("\xEF\xBF\xBD") +
+                                            R"(", "records": 9, "ok": false, "faults": {
+        "continuity_errors": {"count": 1, "first":
+            {"record": 3, "byte": 576, "tsiidx": 3, "pid": 256, "expected": 1, "found": 2}},
+        "transport_errors": {"count": 1, "first":
+            {"record": 4, "byte": 768, "tsiidx": 3, "pid": 256, "expected": 0, "found": 1}},
+        "bad_sync": {"count": 1, "first":
+            {"record": 7, "byte": 1344, "tsiidx": 255, "pid": null, "expected": 71, "found": 70}},
+        "unknown_tsiidx": {"count": 2, "first":
+            {"record": 5, "byte": 960, "tsiidx": 256, "pid": null, "expected": 255, "found": 256}},
+        "torn_record": {"count": 1, "first":
+            {"record": 9, "byte": 1728, "tsiidx": null, "pid": null, "expected": 192, "found": 100}}},
+    "inputs": [{"tsiidx": 3, "packets": 5, "continuity_errors": 1, "pcr_pid": 256, "bit_rate": 300800, "pids": [
+        {"pid": 32, "packets": 2, "continuity_errors": 0, "scrambled": 0, "transport_errors": 0, "pcrs": 0,
+         "bit_rate": 150400},
+        {"pid": 256, "packets": 3, "continuity_errors": 1, "scrambled": 0, "transport_errors": 1, "pcrs": 2,
+         "bit_rate": 150400}]},
+        {"tsiidx": 255, "packets": 1, "continuity_errors": 0, "pcr_pid": null, "bit_rate": null, "pids": [
+        {"pid": 256, "packets": 1, "continuity_errors": 0, "scrambled": 1, "transport_errors": 0, "pcrs": 0,
+         "bit_rate": null}]}]})"));
+    EXPECT_THAT(run({"check", "--json", empty}).output, HasSubstr(R"("torn_record": {
+      "count": 0,
+      "first": null
+    })"));
 }
 
-TEST_F(RecordCommands, CheckFailsWithWhatIsWrong) {
-    const std::string file = m_Scratch.write("faulty", join({{.counter = 1}, {.counter = 3}}));
-    EXPECT_EQ(textOf<CommandError>([&] { run({"records", "check", file}); }), file + " is faulty");
-    EXPECT_THAT(s_Printed,
-                HasSubstr("\n1 continuity error; the first at record 1 (byte 192): TSIIDX 3, PID 0x0100: "
-                          "continuity counter 3, expected 2\n"));
-}
-
-TEST_F(RecordCommands, JsonHoldsTheSame) {
-    const auto clean =
-        nlohmann::json::parse(run({"records", "check", "--json", m_Scratch.write("a", join(m_Clean))}));
-    EXPECT_EQ(clean["ok"], true);
-    EXPECT_EQ(clean["records"], 5);
-    EXPECT_EQ(clean["faults"]["bad_sync"], (nlohmann::json{{"count", 0}, {"first", nullptr}}));
-    const auto& input = clean["inputs"].at(0);
-    EXPECT_EQ(input["tsiidx"], 3);
-    EXPECT_EQ(input["pcr_pid"], 0x100);
-    EXPECT_EQ(input["bit_rate"], 300'800);
-    EXPECT_EQ(input["pids"].at(1), (nlohmann::json{{"pid", 0x100},
-                                                   {"packets", 4},
-                                                   {"continuity_errors", 0},
-                                                   {"scrambled", 0},
-                                                   {"transport_errors", 0},
-                                                   {"pcrs", 3},
-                                                   {"bit_rate", 225'600}}));
-
-    const std::string file =
-        m_Scratch.write("name that is no UTF-8 \xFF", join({{.counter = 1}, {.counter = 3}}));
-    EXPECT_THROW(run({"records", "check", "--json", file}), CommandError);
-    const auto faulty = nlohmann::json::parse(s_Printed);
-    EXPECT_EQ(faulty["ok"], false);
-    EXPECT_EQ(
-        faulty["faults"]["continuity_errors"],
-        (nlohmann::json{
-            {"count", 1},
-            {"first",
-             {{"record", 1}, {"byte", 192}, {"tsiidx", 3}, {"pid", 0x100}, {"expected", 2}, {"found", 3}}}}));
-    EXPECT_EQ(faulty["inputs"].at(0)["bit_rate"], nullptr);
-}
-
-TEST_F(RecordCommands, SplitListsItsFilesAlsoWhereTheStreamIsFaulty) {
-    const std::string directory = m_Scratch.file("out");
-    Bytes stream = join(m_Clean);
-    EXPECT_EQ(run({"records", "split", m_Scratch.write("clean", stream), directory}),
-              directory + "/tsiidx-003.ts: 5 packets\n");
-    stream.pop_back();
-    const std::string torn = m_Scratch.write("torn", stream);
-    EXPECT_THAT(textOf<CommandError>([&] {
-                    run({"records", "split", torn, directory});
-                }),
-                StartsWith(torn + " is faulty: 1 torn record"));
-    EXPECT_EQ(s_Printed, directory + "/tsiidx-003.ts: 4 packets\n");
-    EXPECT_EQ(m_Scratch.read("out/tsiidx-003.ts").size(), 4U * 188);
-}
-
-TEST_F(RecordCommands, WatchOfAFileEndsAfterItsTime) {
-    const std::string file = m_Scratch.write("clean", join(m_Clean));
-    EXPECT_THAT(
-        run({"records", "watch", file, "--for", "0.05"}),
-        HasSubstr(": 5 records, no fault\nTSIIDX 3: - kbit/s over all, 5 packets, 0 continuity errors"));
-    for (const char* seconds : {"0", "-1", "nan", "1e9", "1s", "abc"}) {
-        EXPECT_THAT(textOf<CommandError>([&] {
-                        run({"records", "watch", file, "--for", seconds});
-                    }),
-                    StartsWith(std::string("--for \"") + seconds +
-                               "\" is not a number of seconds above 0, up to 31622400"));
+TEST_F(RecordCommandsTest, SplitWritesTheGoodPacketsOfEachInputInOrder) {
+    std::string stream;
+    std::string packets;
+    for (std::uint32_t i = 0; i < 3000; ++i) {  // more than one block
+        const std::string record = TestRecord{.tsiidx = 0, .pid = i}.bytes();
+        stream += record;
+        packets += record.substr(Ts::RECORD_HEADER_SIZE);
     }
+    const std::string last = TestRecord{.tsiidx = 255}.bytes();
+    stream += join({{.tsiidx = 0, .sync = 0}, {.tsiidx = 256}}) + last + "torn";
+    std::filesystem::create_directories(m_Scratch.file("a/b"));
+    m_Scratch.write("a/b/tsiidx-000.ts", std::string(1'000'000, 'x'));
+    m_Scratch.write("a/b/tsiidx-004.ts", "stays");
+    const std::string file = m_Scratch.write("records", stream);
+    const Outcome outcome = run({"split", file, m_Scratch.file("a/b")});
+    EXPECT_EQ(outcome.status, STREAM_FAULTY);
+    EXPECT_EQ(outcome.error, file + " is faulty");
+    EXPECT_THAT(outcome.output,
+                testing::StartsWith(m_Scratch.file("a/b/tsiidx-000.ts") + ": 3000 packets\n" +
+                                    m_Scratch.file("a/b/tsiidx-255.ts") + ": 1 packet\n1 bad sync byte; "));
+    EXPECT_TRUE(m_Scratch.read("a/b/tsiidx-000.ts") == packets);
+    EXPECT_TRUE(m_Scratch.read("a/b/tsiidx-255.ts") == last.substr(Ts::RECORD_HEADER_SIZE));
+    EXPECT_EQ(m_Scratch.read("a/b/tsiidx-004.ts"), "stays");
 }
 
-TEST_F(RecordCommands, WhatCannotBeReadIsADeviceErrorAndWhatIsMissingAParseError) {
-    for (const char* command : {"check", "watch"}) {
-        EXPECT_THROW(run({"records", command, m_Scratch.file("none")}), CommandError);
-        EXPECT_THROW(run({"records", command}), CLI::ParseError);
+TEST_F(RecordCommandsTest, ReportWhatCannotBeDone) {
+    const std::string none = m_Scratch.file("none");
+    const std::string directory = m_Scratch.file(".");
+    const std::string source = m_Scratch.write("tsiidx-003.ts", join({{}}));
+    std::filesystem::create_directory(m_Scratch.file("full"));
+    std::filesystem::create_symlink("/dev/full", m_Scratch.file("full/tsiidx-003.ts"));
+    std::filesystem::create_directories(m_Scratch.file("taken/tsiidx-003.ts"));
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        std::string error;
+    } cases[] = {
+        {{"check", none}, DEVICE_UNUSABLE, "Cannot open " + none + ": No such file or directory"},
+        {{"watch", directory}, DEVICE_UNUSABLE, "Cannot read " + directory + ": Is a directory"},
+        {{"split", source, directory},
+         DEVICE_UNUSABLE,
+         "Cannot create " + directory + "/tsiidx-003.ts: it is the file that is read"},
+        {{"split", source, source},
+         DEVICE_UNUSABLE,
+         "Cannot create directory " + source + ": Not a directory"},
+        {{"split", source, m_Scratch.file("taken")},
+         DEVICE_UNUSABLE,
+         "Cannot create " + m_Scratch.file("taken/tsiidx-003.ts") + ": Is a directory"},
+        {{"split", source, m_Scratch.file("full")},
+         DEVICE_UNUSABLE,
+         "Cannot write " + m_Scratch.file("full/tsiidx-003.ts") + ": No space left on device"},
+        {{"watch", source, "--for", "0"},
+         WRONG_USE,
+         "--for 0 is not a number of seconds above 0, up to 31622400"},
+        {{"watch", source, "--for", "nan"}, WRONG_USE, "--for nan is not a number of seconds"},
+        {{"watch", source, "--for", "1e9"}, WRONG_USE, "--for 1000000000 is not a number of seconds"},
+        {{"watch", source, "--for", "1s"}, WRONG_USE, "1s"},
+        {{"split", source}, WRONG_USE, "DIR is required"},
+    };
+    for (const auto& [arguments, status, error] : cases) {
+        const Outcome outcome = run(arguments);
+        EXPECT_EQ(outcome.status, status) << error;
+        EXPECT_THAT(outcome.error, HasSubstr(error));
     }
-    EXPECT_THROW(run({"records"}), CLI::ParseError);
+    EXPECT_EQ(m_Scratch.read("tsiidx-003.ts"), join({{}})) << "the source of a split is not overwritten";
 }
 
 }  // namespace
