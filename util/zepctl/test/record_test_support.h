@@ -1,14 +1,11 @@
 #pragma once
 
-#include <stdlib.h>
-
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "vel/ts_basics/zep_record.h"
@@ -27,7 +24,7 @@ struct TestRecord {
     std::uint8_t adaptationLength = 7;  // if there is an adaptation field
     bool transportError = false;
     bool scrambled = false;
-    std::optional<std::uint64_t> pcr = std::nullopt;  // 27 MHz ticks
+    std::optional<std::uint64_t> pcr = std::nullopt;  // 27 MHz ticks, a multiple of 300
     char fill = '\xFF';
     std::uint8_t sync = Ts::SYNC_BYTE;
 
@@ -36,19 +33,17 @@ struct TestRecord {
         auto* b = reinterpret_cast<std::uint8_t*>(record.data());
         Ts::writeRecordHeader(b, tsiidx);
         b += Ts::RECORD_HEADER_SIZE;
-        const bool adaptation = pcr || discontinuity;
         b[0] = sync;
         b[1] = static_cast<std::uint8_t>((transportError ? 0x80 : 0) | (pid >> 8));
         b[2] = static_cast<std::uint8_t>(pid);
-        b[3] = static_cast<std::uint8_t>((scrambled ? 0x80 : 0) | (adaptation ? 0x20 : 0) |
+        b[3] = static_cast<std::uint8_t>((scrambled ? 0x80 : 0) | (pcr || discontinuity ? 0x20 : 0) |
                                          (payload ? 0x10 : 0) | (counter & 0x0F));
-        if (adaptation) {
+        if (pcr || discontinuity) {
             b[4] = adaptationLength;
             b[5] = static_cast<std::uint8_t>((discontinuity ? 0x80 : 0) | (pcr ? 0x10 : 0));
-            const std::uint64_t base = pcr.value_or(0) / Ts::PCR_TICKS_PER_BASE;
-            const std::uint64_t field = (base << 15) | 0x7E00 | (pcr.value_or(0) % Ts::PCR_TICKS_PER_BASE);
             for (int i = 0; i < 6; ++i) {
-                b[6 + i] = static_cast<std::uint8_t>(field >> (40 - 8 * i));
+                b[6 + i] =
+                    static_cast<std::uint8_t>(pcr.value_or(0) / Ts::PCR_TICKS_PER_BASE << 15 >> (40 - 8 * i));
             }
         }
         return record;
@@ -70,27 +65,31 @@ void give(Consumer& consumer, const std::vector<TestRecord>& records, Arrival...
     consumer.add({reinterpret_cast<const std::uint8_t*>(stream.data()), stream.size()}, arrival...);
 }
 
-/// A directory of its own for a test, removed with it.
+/// An empty current directory, as long as this exists.
 class ScratchDirectory {
 public:
-    ScratchDirectory() { m_Path = ::mkdtemp(m_Path.data()); }
+    ScratchDirectory() { std::filesystem::current_path(::mkdtemp(m_Path.data())); }
     ~ScratchDirectory() { std::filesystem::remove_all(m_Path); }
     ScratchDirectory(const ScratchDirectory&) = delete;
     ScratchDirectory& operator=(const ScratchDirectory&) = delete;
 
-    std::string file(const std::string& name) const { return m_Path + "/" + name; }
-    std::string write(const std::string& name, std::string_view bytes) const {
-        std::ofstream(file(name), std::ios::binary) << bytes;
-        return file(name);
-    }
-    std::string read(const std::string& name) const {
-        std::ostringstream bytes;
-        bytes << std::ifstream(file(name), std::ios::binary).rdbuf();
-        return bytes.str();
-    }
-
 private:
     std::string m_Path = (std::filesystem::temp_directory_path() / "zepctl_XXXXXX").string();
 };
+
+inline void writeFile(const std::string& name, const std::string& bytes) {
+    std::ofstream(name, std::ios::binary) << bytes;
+}
+
+inline std::string readFile(const std::string& name) {
+    return (std::ostringstream() << std::ifstream(name, std::ios::binary).rdbuf()).str();
+}
+
+/// What a shell command prints, errors included, and its exit status, where zepctl is the built program.
+inline std::string shell(const std::string& command) {
+    const std::string line = "exec >output 2>&1; zepctl() { " ZEPCTL_PROGRAM " \"$@\"; }\n" + command;
+    const int status = std::system(line.c_str());
+    return readFile("output") + "status " + std::to_string(WEXITSTATUS(status)) + "\n";
+}
 
 }  // namespace Vel::Zepctl
