@@ -17,10 +17,10 @@ std::optional<std::uint32_t> RecordContinuity::check(const RecordView& packet) {
     const bool payload = packet.hasPayload();
     const std::uint32_t counter = packet.getContinuityCounter();
     const std::uint32_t expected = (m_Counter.value_or(counter) + (payload ? 1U : 0U)) & COUNTER_MASK;
-    const bool repeat = m_Counter && m_MayRepeat && bytes == m_Last;
+    const bool repeat = m_Counter && !m_WasRepeat && bytes == m_Last;
     const bool right = !m_Counter || repeat || counter == expected || packet.hasDiscontinuityIndicator();
     m_Counter = counter;
-    m_MayRepeat = payload && !repeat;
+    m_WasRepeat = repeat;
     m_Last = bytes;
     return right ? std::nullopt : std::optional(expected);
 }

@@ -28,8 +28,8 @@ private:
     using PacketBytes = std::array<std::uint8_t, Ts::TS_PACKET_SIZE>;
 
     std::optional<std::uint32_t> m_Counter;  // of the packet before
-    bool m_MayRepeat = false;                // the packet before had a payload and was no repeat itself
     PacketBytes m_Last{};                    // the packet before, without its PCR
+    bool m_WasRepeat = false;                // the packet before repeated the one before it
 };
 
 /// The time by the PCRs of one PID: the sum of the steps from each to the next, across their wrap. The step
