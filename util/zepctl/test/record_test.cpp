@@ -206,7 +206,8 @@ TEST(ArrivalRate, IsThatOfWholeBursts) {
     EXPECT_NEAR(*rate.getOverall(), (50 * 100 + 29 * 50) / 7.9 * PACKET_BITS, 1e-3);
     EXPECT_EQ(*rate.getLatest(at + milliseconds(2500)), 0) << "it has stopped";
     rate.add(at + milliseconds(3900), 1);
-    EXPECT_DOUBLE_EQ(*rate.getLatest(at + milliseconds(5000)), 50 / 4.0 * PACKET_BITS);
+    EXPECT_DOUBLE_EQ(*rate.getLatest(at + milliseconds(7500)), 50 / 4.0 * PACKET_BITS);
+    EXPECT_EQ(*rate.getLatest(at + milliseconds(8000)), 0);
 }
 
 /// A stream with a PCR every 20 ms, in bursts of 100 ms.

@@ -44,7 +44,7 @@ void readToEnd(RecordReader& reader, Consumer& consumer) {
     consumer.end(reader.getTornBytes());
 }
 
-/// Which faults there are is in the report.
+/// Prints the report, which lists the faults, and ends the command with its status if there are any.
 void finish(const std::string& report, const std::string& name, const FaultLog& faults) {
     printOutput(report);
     if (!faults.isEmpty()) {
@@ -79,7 +79,7 @@ Example: zepctl records check out.rec
     CLI::App* split =
         addCommand(*records, "split", "Write the packets of each input to a transport stream file",
                    "records, or - for standard input");
-    split->add_option("DIR", m_Directory, "where the files go, made where it is missing")->required();
+    split->add_option("DIR", m_Directory, "where the files go, created if it is missing")->required();
     split->footer(
         R"(The packets of TSIIDX 3 go to DIR/tsiidx-003.ts, in their order. Files of that name are
 overwritten, others stay. Records with a bad sync byte or a TSIIDX above 255 and a torn last

@@ -8,6 +8,7 @@ namespace Vel::Zepctl {
 
 /// The commands that look at records: `records check`, `records split` and `records watch`. Parsing the
 /// command line runs the one that was asked for, which throws CommandError. Must outlive the parsing.
+/// Thread-bound.
 class RecordCommands {
 public:
     explicit RecordCommands(CLI::App& app);

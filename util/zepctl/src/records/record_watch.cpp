@@ -60,6 +60,7 @@ class WatchTable {
 public:
     bool isOnTerminal() const { return m_OnTerminal; }
 
+    /// Prints one row per input; on a terminal no more than it has room for, unless they are the last ones.
     void print(std::vector<std::string> rows, bool isLast) {
         std::string text;
         if (m_OnTerminal && m_Lines != 0) {
@@ -102,7 +103,8 @@ std::optional<double> ArrivalRate::getLatest(ArrivalTime now) const {
     if (m_Latest.size() < 2) {
         return std::nullopt;
     }
-    return now - m_Latest.back().start > WINDOW ? 0 : rateBetween(m_Latest.front(), m_Latest.back());
+    const auto span = std::max<ArrivalTime::duration>(m_Latest.back().start - m_Latest.front().start, WINDOW);
+    return now - m_Latest.back().start > span ? 0 : rateBetween(m_Latest.front(), m_Latest.back());
 }
 
 std::optional<double> ArrivalRate::getOverall() const {

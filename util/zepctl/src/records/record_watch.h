@@ -23,8 +23,8 @@ class ArrivalRate {
 public:
     /// @param packets that arrived at that time
     void add(ArrivalTime at, std::uint64_t packets);
-    /// Over the latest two seconds, or between the latest two bursts if they are further apart; 0 if nothing
-    /// arrived for that long, none before there are two bursts.
+    /// Over the latest two seconds, or between the latest two bursts if they are further apart; 0 once
+    /// nothing has arrived for as long, none before there are two bursts.
     std::optional<double> getLatest(ArrivalTime now) const;
     /// From the first burst to the latest; none before there are two.
     std::optional<double> getOverall() const;
