@@ -93,7 +93,7 @@ int main(int argc, char** argv) {
             "         zepctl -t /tmp/zep/tsio input add udp://239.1.2.3:5000 3\n"
             "         zepctl -r /tmp/zep/router route add 3 0x100");
         const TableCommands tableCommands(app);
-        Vel::Zepctl::addRecordCommands(app);
+        const RecordCommands recordCommands(app);
         return run(app, argc, argv);
     } catch (const std::exception& error) {
         return fail(DEVICE_UNUSABLE, error.what());

@@ -5,127 +5,102 @@
 
 namespace Vel::Zepctl {
 
-void RecordInput::add(const RecordView& packet, std::uint64_t index, FaultLog& faults) {
+std::optional<std::uint32_t> RecordContinuity::check(const RecordView& packet) {
+    constexpr std::uint32_t COUNTER_MASK = 0x0F;
+    constexpr std::size_t PCR_OFFSET = 6;
+    constexpr std::size_t PCR_SIZE = 6;
+    PacketBytes bytes;
+    std::copy_n(packet.getDataPtr(), bytes.size(), bytes.begin());
+    if (packet.hasPcr()) {  // a repeat carries the PCR of its own time
+        std::fill_n(bytes.begin() + PCR_OFFSET, PCR_SIZE, std::uint8_t{0});
+    }
+    const bool payload = packet.hasPayload();
+    const std::uint32_t counter = packet.getContinuityCounter();
+    const std::uint32_t expected = (m_Counter.value_or(counter) + (payload ? 1U : 0U)) & COUNTER_MASK;
+    const bool repeat = m_Counter && !m_WasRepeat && bytes == m_Last;
+    const bool right = !m_Counter || repeat || counter == expected || packet.hasDiscontinuityIndicator();
+    m_Counter = counter;
+    m_WasRepeat = repeat;
+    m_Last = bytes;
+    return right ? std::nullopt : std::optional(expected);
+}
+
+bool PcrClock::add(std::uint64_t pcr, bool newTimeBase) {
+    pcr %= Ts::PCR_WRAP;  // an extension above 299 can lift a PCR past the wrap
+    const std::uint64_t step = (pcr + Ts::PCR_WRAP - m_Last.value_or(pcr)) % Ts::PCR_WRAP;
+    const bool continues = m_Last && !newTimeBase && step <= MAX_STEP;
+    m_Last = pcr;
+    if (continues) {
+        m_Elapsed += step;
+    } else {
+        ++m_TimeBases;
+    }
+    return continues;
+}
+
+double PcrClock::getElapsed() const {
+    constexpr double TICKS_PER_SECOND = 27e6;
+    return static_cast<double>(m_Elapsed) / TICKS_PER_SECOND;
+}
+
+void RecordInput::add(const RecordView& packet, FaultLog& faults) {
     const std::uint32_t number = packet.getPid();
-    Pid& pid = getPid(number);
-    ++m_Packets;
-    ++pid.statistics.packets;
-    countForRate(pid);
+    Pid& pid = m_Pids[number];
+    ++pid.packetsSincePcr;
+    count(pid, &PacketCounts::packets);
     if (packet.hasTransportError()) {
-        // Any bit of the packet may be wrong, so nothing else in it is judged, nor is the step that follows
-        // it.
-        ++pid.statistics.transportErrors;
-        faults.add({FaultKind::TransportError, index, m_Tsiidx, number, 0, 1});
+        // Any bit of the packet may be wrong, so nothing else in it is checked, nor is the counter after it.
+        count(pid, &PacketCounts::transportErrors);
+        faults.add(FaultKind::TransportError, packet, 0, 1);
         pid.continuity.restart();
         return;
     }
     if (packet.isScrambled()) {
-        ++pid.statistics.scrambled;
+        count(pid, &PacketCounts::scrambled);
     }
-    checkContinuity(pid, packet, index, faults);
+    const auto expected = pid.continuity.check(packet);
+    if (expected && number != Ts::NULL_PID) {  // the counter of null packets is undefined
+        count(pid, &PacketCounts::continuityErrors);
+        faults.add(FaultKind::Continuity, packet, *expected, packet.getContinuityCounter());
+    }
     pid.newTimeBase |= packet.hasDiscontinuityIndicator();
     if (packet.hasPcr()) {
-        takePcr(pid, packet);
-    }
-}
-
-RecordInput::Pid& RecordInput::getPid(std::uint32_t pid) {
-    Pid*& entry = m_PidTable[pid];
-    if (entry == nullptr) {
-        entry = m_Pids.emplace_back(std::make_unique<Pid>()).get();
-        entry->statistics.pid = pid;
-    }
-    return *entry;
-}
-
-/// Whether an interval has a duration shows at its end. A PID's packets of the latest interval are therefore
-/// kept apart until the next one of the PID, so that a PCR need not touch the other PIDs.
-void RecordInput::countForRate(Pid& pid) const {
-    if (pid.interval != m_Interval) {
-        pid.statistics.timedPackets += std::exchange(pid.inInterval, 0);
-        pid.interval = m_Interval;
-    }
-    ++pid.inInterval;
-}
-
-void RecordInput::checkContinuity(Pid& pid, const RecordView& packet, std::uint64_t index, FaultLog& faults) {
-    if (pid.statistics.pid == Ts::NULL_PID) {
-        return;  // the counter of null packets is undefined
-    }
-    if (const auto expected = pid.continuity.check(packet)) {
-        ++m_ContinuityErrors;
-        ++pid.statistics.continuityErrors;
-        faults.add({FaultKind::Continuity, index, m_Tsiidx, pid.statistics.pid, *expected,
-                    packet.getContinuityCounter()});
-    }
-}
-
-void RecordInput::takePcr(Pid& pid, const RecordView& packet) {
-    ++pid.statistics.pcrs;
-    const bool newTimeBase = std::exchange(pid.newTimeBase, false);
-    if (!m_PcrPid) {
-        m_PcrPid = pid.statistics.pid;
-    }
-    if (*m_PcrPid != pid.statistics.pid) {
-        return;
-    }
-    if (!m_Clock.add(packet.getPcr(), newTimeBase)) {
-        for (const auto& other : m_Pids) {
-            if (other->interval == m_Interval) {
-                other->inInterval = 0;
-            }
+        count(pid, &PacketCounts::pcrs);
+        const bool newTimeBase = std::exchange(pid.newTimeBase, false);
+        m_PcrPid = m_PcrPid.value_or(number);
+        if (m_PcrPid == number) {
+            takePcr(packet.getPcr(), newTimeBase);
         }
     }
-    ++m_Interval;
 }
 
-std::vector<PidStatistics> RecordInput::getPids() const {
-    std::vector<PidStatistics> pids;
-    for (const Pid* pid : m_PidTable) {
-        if (pid != nullptr) {
-            pids.push_back(pid->statistics);
-            pids.back().timedPackets += pid->interval == m_Interval ? 0 : pid->inInterval;
-        }
+void RecordInput::count(Pid& pid, std::uint64_t PacketCounts::*counter, std::uint64_t packets) {
+    pid.counts.*counter += packets;
+    m_Total.*counter += packets;
+}
+
+/// Whether the packets since the PCR before have a duration is known only now.
+void RecordInput::takePcr(std::uint64_t pcr, bool newTimeBase) {
+    const bool isTimed = m_Clock.add(pcr, newTimeBase);
+    for (auto& [number, pid] : m_Pids) {
+        const std::uint64_t packets = std::exchange(pid.packetsSincePcr, 0);
+        count(pid, &PacketCounts::timedPackets, isTimed ? packets : 0);
     }
-    return pids;
 }
 
 std::optional<double> RecordInput::getBitRate(std::uint64_t timedPackets) const {
     const double elapsed = m_Clock.getElapsed();
-    if (elapsed <= 0) {
-        return std::nullopt;
-    }
-    return static_cast<double>(timedPackets) * BITS_PER_PACKET / elapsed;
+    return elapsed > 0 ? std::optional(static_cast<double>(timedPackets) * BITS_PER_PACKET / elapsed)
+                       : std::nullopt;
 }
 
 void RecordCheck::add(std::span<const std::uint8_t> records) {
     for (; records.size() >= Ts::RECORD_SIZE; records = records.subspan(Ts::RECORD_SIZE)) {
         const RecordView record(records.data());
-        const std::uint64_t index = m_Records++;
-        if (const auto fault = findRecordFault(record, index)) {
-            m_Faults.add(*fault);
-        } else {
-            getInput(record.getTsiidx()).add(record, index, m_Faults);
+        if (m_Faults.addRecord(record)) {
+            m_Inputs[record.getTsiidx()].add(record, m_Faults);
         }
     }
-}
-
-RecordInput& RecordCheck::getInput(std::uint32_t tsiidx) {
-    auto& input = m_Inputs[tsiidx];
-    if (input == nullptr) {
-        input = std::make_unique<RecordInput>(tsiidx);
-    }
-    return *input;
-}
-
-std::vector<const RecordInput*> RecordCheck::getInputs() const {
-    std::vector<const RecordInput*> inputs;
-    for (const auto& input : m_Inputs) {
-        if (input != nullptr) {
-            inputs.push_back(input.get());
-        }
-    }
-    return inputs;
 }
 
 }  // namespace Vel::Zepctl

@@ -2,20 +2,62 @@
 
 #include <array>
 #include <cstdint>
-#include <memory>
+#include <map>
 #include <optional>
 #include <span>
-#include <vector>
 
-#include "records/record_continuity.h"
 #include "records/record_fault.h"
-#include "records/record_pcr_clock.h"
 
 namespace Vel::Zepctl {
 
-/// What the packets of one PID of an input added up to.
-struct PidStatistics {
-    std::uint32_t pid = 0;
+/// Rates count the 188 bytes of a packet, not the record's header.
+inline constexpr double BITS_PER_PACKET = Ts::TS_PACKET_SIZE * 8.0;
+
+/// Follows the continuity counter of one PID (ISO/IEC 13818-1, 2.4.3.3): it is incremented with each packet
+/// that has a payload, and only then. A packet with payload may be sent twice in a row. With the
+/// discontinuity indicator any value is right. Reentrant.
+class RecordContinuity {
+public:
+    /// Takes the next packet of the PID.
+    /// @return the counter (0..15) that it should have had, if it has a wrong one
+    std::optional<std::uint32_t> check(const RecordView& packet);
+    /// Accepts any counter next.
+    void restart() { m_Counter.reset(); }
+
+private:
+    using PacketBytes = std::array<std::uint8_t, Ts::TS_PACKET_SIZE>;
+
+    std::optional<std::uint32_t> m_Counter;  // of the packet before
+    PacketBytes m_Last{};                    // the packet before, without its PCR
+    bool m_WasRepeat = false;                // the packet before repeated the one before it
+};
+
+/// The time by the PCRs of one PID: the sum of the steps from each to the next, across their wrap. The step
+/// to a new time base is left out. Reentrant.
+class PcrClock {
+public:
+    /// Longest step within one time base, in 27 MHz ticks: ten times the interval that ISO/IEC
+    /// 13818-1, 2.7.2, allows. A step back looks like one of many hours, so it is above this as well.
+    static constexpr std::uint64_t MAX_STEP = 27'000'000;
+
+    /// Takes the next PCR, in 27 MHz ticks.
+    /// @param newTimeBase whether the stream says that a time base begins with this PCR
+    /// @return whether it continues the time base of the one before
+    bool add(std::uint64_t pcr, bool newTimeBase);
+
+    /// Sum of all steps in seconds.
+    double getElapsed() const;
+    /// How many time bases there were; 0 before the first PCR.
+    std::uint64_t getTimeBases() const { return m_TimeBases; }
+
+private:
+    std::optional<std::uint64_t> m_Last;  // 27 MHz ticks
+    std::uint64_t m_Elapsed = 0;          // 27 MHz ticks: 64 bits last for 21,000 years
+    std::uint64_t m_TimeBases = 0;
+};
+
+/// Counts of one PID, or of all PIDs of an input.
+struct PacketCounts {
     std::uint64_t packets = 0;
     std::uint64_t continuityErrors = 0;
     std::uint64_t scrambled = 0;
@@ -30,68 +72,51 @@ struct PidStatistics {
 /// the rate of the input's whole stream. Reentrant.
 class RecordInput {
 public:
-    explicit RecordInput(std::uint32_t tsiidx) : m_Tsiidx(tsiidx) {}
-
-    /// Checks the next packet, the record with that index, and logs its faults.
-    void add(const RecordView& packet, std::uint64_t index, FaultLog& faults);
-
-    std::uint32_t getTsiidx() const { return m_Tsiidx; }
-    std::uint64_t getPackets() const { return m_Packets; }
-    std::uint64_t getContinuityErrors() const { return m_ContinuityErrors; }
-    /// None without PCR.
-    std::optional<std::uint32_t> getPcrPid() const { return m_PcrPid; }
-    const PcrClock& getClock() const { return m_Clock; }
-    /// One a PID that occurred, ascending.
-    std::vector<PidStatistics> getPids() const;
-    /// The rate of so many timed packets in bit/s, counting the 188 bytes of each; none where no time is
-    /// known.
-    std::optional<double> getBitRate(std::uint64_t timedPackets) const;
-
-private:
     struct Pid {
-        PidStatistics statistics;      // timedPackets: of the intervals before the one given below
-        std::uint64_t interval = 0;    // the latest one with a packet of this PID
-        std::uint64_t inInterval = 0;  // packets of this PID in it
+        PacketCounts counts;
+        std::uint64_t packetsSincePcr = 0;  // of the input's clock
         RecordContinuity continuity;
         bool newTimeBase = false;  // announced, and begins with the next PCR
     };
 
-    Pid& getPid(std::uint32_t pid);
-    void countForRate(Pid& pid) const;
-    void checkContinuity(Pid& pid, const RecordView& packet, std::uint64_t index, FaultLog& faults);
-    void takePcr(Pid& pid, const RecordView& packet);
+    /// Checks the next packet, which is the latest record of the log, and logs its faults.
+    void add(const RecordView& packet, FaultLog& faults);
 
-    std::uint32_t m_Tsiidx;
-    std::uint64_t m_Packets = 0;
-    std::uint64_t m_ContinuityErrors = 0;
+    const PacketCounts& getTotal() const { return m_Total; }
+    /// By PID.
+    const std::map<std::uint32_t, Pid>& getPids() const { return m_Pids; }
+    /// None without PCR.
+    std::optional<std::uint32_t> getPcrPid() const { return m_PcrPid; }
+    const PcrClock& getClock() const { return m_Clock; }
+    /// The rate of so many timed packets in bit/s, counting the 188 bytes of each; none if no time is known.
+    std::optional<double> getBitRate(std::uint64_t timedPackets) const;
+
+private:
+    /// Adds packets to a counter of the PID and to that of the input.
+    void count(Pid& pid, std::uint64_t PacketCounts::*counter, std::uint64_t packets = 1);
+    void takePcr(std::uint64_t pcr, bool newTimeBase);
+
+    PacketCounts m_Total;
+    std::map<std::uint32_t, Pid> m_Pids;
     std::optional<std::uint32_t> m_PcrPid;
     PcrClock m_Clock;
-    std::uint64_t m_Interval = 0;              // PCRs of m_PcrPid so far: 0 before the first
-    std::vector<std::unique_ptr<Pid>> m_Pids;  // as they occurred
-    std::array<Pid*, Ts::PID_COUNT> m_PidTable{};
 };
 
-/// Checks a stream of records. It holds some 64 KiB for an input and 300 bytes for a PID, each allocated when
-/// it first occurs, and nothing for a record. Thread-bound.
+/// Checks a stream of records. It stores nothing per record. Thread-bound.
 class RecordCheck {
 public:
     /// Takes the next records, whole ones.
     void add(std::span<const std::uint8_t> records);
-    /// Tells what is left of a record at the end of the stream, in bytes.
-    void end(std::size_t tornBytes) { m_Faults.addTornRecord(m_Records, tornBytes); }
+    /// Takes the number of bytes that remain of a record at the end of the stream.
+    void end(std::size_t tornBytes) { m_Faults.addTornRecord(tornBytes); }
 
-    /// Whole records, faulty ones included.
-    std::uint64_t getRecords() const { return m_Records; }
     const FaultLog& getFaults() const { return m_Faults; }
-    /// One a TSIIDX that occurred, ascending.
-    std::vector<const RecordInput*> getInputs() const;
+    /// By TSIIDX.
+    const std::map<std::uint32_t, RecordInput>& getInputs() const { return m_Inputs; }
 
 private:
-    RecordInput& getInput(std::uint32_t tsiidx);
-
-    std::uint64_t m_Records = 0;
     FaultLog m_Faults;
-    std::array<std::unique_ptr<RecordInput>, Ts::TSIIDX_COUNT> m_Inputs;
+    std::map<std::uint32_t, RecordInput> m_Inputs;
 };
 
 }  // namespace Vel::Zepctl

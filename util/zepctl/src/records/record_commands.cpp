@@ -1,23 +1,15 @@
 #include "records/record_commands.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
-#include <charconv>
-#include <chrono>
-#include <functional>
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <optional>
-#include <span>
-#include <string>
+#include <iostream>
 
 #include "command_error.h"
 #include "records/record_check.h"
 #include "records/record_reader.h"
 #include "records/record_report.h"
 #include "records/record_split.h"
-#include "records/record_terminal.h"
-#include "records/record_text.h"
 #include "records/record_watch.h"
 
 namespace Vel::Zepctl {
@@ -27,144 +19,126 @@ namespace {
 /// A year: a limit that keeps the end on the clock.
 constexpr double MAX_WATCH_SECONDS = 366 * 86400.0;
 
-/// Hands all records on, block by block.
-void readToEnd(RecordReader& reader, const std::function<void(std::span<const std::uint8_t>)>& take) {
-    ProgressBar progress(reader.getSize());
+/// Passes all records to a check or split, block by block. On a terminal, standard error shows how much of a
+/// file is done; the cursor stays before that, so that the next line overwrites it.
+template <typename Consumer>
+void readToEnd(RecordReader& reader, Consumer& consumer) {
+    const std::uint64_t size = ::isatty(STDERR_FILENO) == 1 ? reader.getSize() : 0;
+    std::uint64_t done = 0;
+    std::uint64_t shown = 0;
     while (!reader.isAtEnd()) {
-        reader.waitForData();
+        if (!reader.waitForData()) {
+            continue;
+        }
         const auto records = reader.read();
-        take(records);
-        progress.add(records.size());
+        consumer.add(records);
+        done += records.size();
+        if (const std::uint64_t percent = size == 0 ? 0 : done * 100 / size; percent != shown) {
+            shown = percent;
+            std::cerr << fmt::format("{:3} %\r", percent);
+        }
+    }
+    if (shown != 0) {
+        std::cerr << "     \r";
+    }
+    consumer.end(reader.getTornBytes());
+}
+
+/// Prints the report, which lists the faults, and ends the command with its status if there are any.
+void finish(const std::string& report, const std::string& name, const FaultLog& faults) {
+    printOutput(report);
+    if (!faults.isEmpty()) {
+        throw CommandError(STREAM_FAULTY, name + " is faulty");
     }
 }
 
-void check(const std::string& file, bool json) {
-    RecordReader reader(file);
-    RecordCheck result;
-    readToEnd(reader, [&](auto records) { result.add(records); });
-    result.end(reader.getTornBytes());
-    if (json) {
-        // A file name may hold bytes that are no UTF-8.
-        constexpr auto REPLACE = nlohmann::json::error_handler_t::replace;
-        printOutput(makeJsonReport(reader.getName(), result).dump(2, ' ', false, REPLACE) + '\n');
-    } else {
-        printOutput(formatReport(reader.getName(), result, Colours::of(STDOUT_FILENO)));
-    }
-    if (!result.getFaults().isEmpty()) {
-        throw CommandError(STREAM_FAULTY, reader.getName() + " is faulty");  // how, the report has said
-    }
-}
+}  // namespace
 
-void split(const std::string& file, const std::string& directory) {
-    RecordReader reader(file);
-    RecordSplit result(directory, reader.getDescriptor());
-    readToEnd(reader, [&](auto records) { result.add(records); });
-    result.end(reader.getTornBytes());
-    std::string lines;
-    for (const TsOutput* output : result.getOutputs()) {
-        lines += fmt::format("{}: {}\n", output->getPath(), formatCount(output->getPackets(), "packet"));
-    }
-    if (result.getRecords() == 0) {
-        lines += reader.getName() + " is empty: no record, no file\n";
-    }
-    printOutput(lines);
-    if (!result.getFaults().isEmpty()) {
-        throw CommandError(STREAM_FAULTY, reader.getName() + " is faulty: " + result.getFaults().toString());
-    }
-}
+RecordCommands::RecordCommands(CLI::App& app) {
+    CLI::App* records =
+        app.add_subcommand("records", "Look at records: each a TSIIDX and a transport packet");
+    records->require_subcommand(1);
+    records->footer("Example: zepctl records check out.rec");
 
-std::chrono::duration<double> parseDuration(const std::string& text) {
-    const char* end = text.data() + text.size();
-    double seconds = 0;
-    const auto [stop, error] = std::from_chars(text.data(), end, seconds);
-    if (error != std::errc{} || stop != end || !(seconds > 0 && seconds <= MAX_WATCH_SECONDS)) {
-        throw CommandError(WRONG_USE, fmt::format("--for \"{}\" is not a number of seconds above 0, up to {}",
-                                                  text, MAX_WATCH_SECONDS));
-    }
-    return std::chrono::duration<double>(seconds);
-}
-
-void addCheck(CLI::App& records) {
-    struct Arguments {
-        std::string file;
-        bool json = false;
-    };
-    const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command =
-        records.add_subcommand("check", "Check the records of a file; exit status 1 if they are faulty");
-    command->add_option("FILE", arguments->file, "records, or - for standard input")->required();
-    command->add_flag("--json", arguments->json, "print the result as JSON");
-    command->footer(fmt::format(
+    CLI::App* check =
+        addCommand(*records, "check", "Check the records of a file; exit status 1 if they are faulty",
+                   "records, or - for standard input");
+    check->add_flag("--json", m_Json, "print the result as JSON");
+    check->footer(
         R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte
 other than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are none, nor
 is a file without records. The bit rate is that of the recorded packets, 188 bytes each, by
 the clock of the input's first PID with PCR, between the first PCR and the last. PIDs that
-are not routed do not count, nor do intervals in which the PCR restarts.
-
-Keys of the JSON object:
-{}
+are not routed do not count, nor do intervals in which the PCR restarts. The man page lists
+the keys of the JSON object.
 
 Example: zepctl records check out.rec
-         some-receiver | zepctl records check --json - > result.json)",
-        JSON_KEYS));
-    command->callback([arguments] { check(arguments->file, arguments->json); });
-}
+         some-receiver | zepctl records check --json - > result.json)");
+    check->callback([this] { this->check(); });
 
-void addSplit(CLI::App& records) {
-    struct Arguments {
-        std::string file;
-        std::string directory;
-    };
-    const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command =
-        records.add_subcommand("split", "Write the packets of each input to a transport stream file");
-    command->add_option("FILE", arguments->file, "records, or - for standard input")->required();
-    command->add_option("DIR", arguments->directory, "where the files go, made where it is missing")
-        ->required();
-    command->footer(
+    CLI::App* split =
+        addCommand(*records, "split", "Write the packets of each input to a transport stream file",
+                   "records, or - for standard input");
+    split->add_option("DIR", m_Directory, "where the files go, created if it is missing")->required();
+    split->footer(
         R"(The packets of TSIIDX 3 go to DIR/tsiidx-003.ts, in their order. Files of that name are
 overwritten, others stay. Records with a bad sync byte or a TSIIDX above 255 and a torn last
 one are left out; the exit status is 1 if there were any.
 
 Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)");
-    command->callback([arguments] { split(arguments->file, arguments->directory); });
-}
+    split->callback([this] { this->split(); });
 
-void addWatch(CLI::App& records) {
-    struct Arguments {
-        std::string file;
-        std::optional<std::chrono::duration<double>> duration;
-    };
-    const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = records.add_subcommand("watch", "Show live what arrives, by input");
-    command->add_option("FILE", arguments->file, "FIFO, growing file or device, or - for standard input")
-        ->required();
-    const auto parse = [arguments](const std::string& text) { arguments->duration = parseDuration(text); };
-    command->add_option_function<std::string>("--for", parse, "end after so many seconds")
-        ->type_name("SECONDS");
-    command->footer(
+    CLI::App* watch = addCommand(*records, "watch", "Show live what arrives, by input",
+                                 "FIFO, growing file or device, or - for standard input");
+    watch->add_option("--for", m_Seconds, "end after so many seconds")->type_name("SECONDS");
+    watch->footer(
         R"(Shows the rate over the latest two seconds and over all, and the drift: how much later
-(+) or earlier (-) than their PCRs say packets arrive, since the first two seconds, in ms and as
-a part of the time by the PCR. It restarts with each new time base. Records that a file
-holds already are counted, but not timed; a file that is emptied is watched from its start.
-Without a terminal, one line per input and second is printed.
-
-Ends with Ctrl-C, or when the last writer of a FIFO has left; waits for the first one.
+(+) or earlier (-) than their PCRs say packets arrive, since the first two seconds of the
+time base, in ms and in ppm of the time by the PCR. Records that a file holds already are
+counted, but not timed; a file that is emptied is watched from its start. A terminal shows
+one table; elsewhere, one line per input and second is printed. Waits for the first writer
+of a FIFO, and ends with Ctrl-C or when the last one has left.
 
 Example: zepctl records watch pktio --for 60)");
-    command->callback([arguments] { watchRecords(arguments->file, arguments->duration); });
+    watch->callback([this] { this->watch(); });
 }
 
-}  // namespace
+CLI::App* RecordCommands::addCommand(CLI::App& records, const std::string& name,
+                                     const std::string& description, const std::string& file) {
+    CLI::App* command = records.add_subcommand(name, description);
+    command->add_option("FILE", m_File, file)->required();
+    return command;
+}
 
-void addRecordCommands(CLI::App& app) {
-    CLI::App* records =
-        app.add_subcommand("records", "Look at records: each a TSIIDX and a transport packet");
-    records->require_subcommand(1);
-    records->footer("Example: zepctl records check out.rec");
-    addCheck(*records);
-    addSplit(*records);
-    addWatch(*records);
+void RecordCommands::check() const {
+    RecordReader reader(m_File);
+    RecordCheck result;
+    readToEnd(reader, result);
+    const std::string& name = reader.getName();
+    finish(m_Json ? formatJsonReport(name, result) : formatReport(name, result), name, result.getFaults());
+}
+
+void RecordCommands::split() const {
+    RecordReader reader(m_File);
+    RecordSplit result(m_Directory, reader.getDescriptor());
+    readToEnd(reader, result);
+    std::string lines;
+    for (const auto& [tsiidx, output] : result.getOutputs()) {
+        lines += fmt::format("{}: {}\n", output.path, formatCount(output.packets, "packet"));
+    }
+    const FaultLog& faults = result.getFaults();
+    if (faults.getRecords() == 0) {
+        lines += reader.getName() + " is empty: no record, no file\n";
+    }
+    finish(lines + faults.toLines(), reader.getName(), faults);
+}
+
+void RecordCommands::watch() const {
+    if (m_Seconds && !(*m_Seconds > 0 && *m_Seconds <= MAX_WATCH_SECONDS)) {
+        throw CommandError(WRONG_USE, fmt::format("--for {} is not a number of seconds above 0, up to {}",
+                                                  *m_Seconds, MAX_WATCH_SECONDS));
+    }
+    watchRecords(m_File, m_Seconds);
 }
 
 }  // namespace Vel::Zepctl

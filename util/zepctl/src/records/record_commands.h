@@ -1,11 +1,31 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <optional>
+#include <string>
 
 namespace Vel::Zepctl {
 
-/// Adds the commands that look at records: `records check`, `records split` and `records watch`. Parsing runs
-/// the one that was asked for; it throws as errors.h tells.
-void addRecordCommands(CLI::App& app);
+/// The commands that look at records: `records check`, `records split` and `records watch`. Parsing the
+/// command line runs the one that was asked for, which throws CommandError. Must outlive the parsing.
+/// Thread-bound.
+class RecordCommands {
+public:
+    explicit RecordCommands(CLI::App& app);
+    RecordCommands(const RecordCommands&) = delete;
+    RecordCommands& operator=(const RecordCommands&) = delete;
+
+private:
+    CLI::App* addCommand(CLI::App& records, const std::string& name, const std::string& description,
+                         const std::string& file);
+    void check() const;
+    void split() const;
+    void watch() const;
+
+    std::string m_File;
+    std::string m_Directory;
+    bool m_Json = false;
+    std::optional<double> m_Seconds;
+};
 
 }  // namespace Vel::Zepctl

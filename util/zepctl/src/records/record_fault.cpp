@@ -3,42 +3,25 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <string_view>
-
-#include "records/record_text.h"
 
 namespace Vel::Zepctl {
 
 namespace {
 
-/// One of a kind; more are told with an "s".
-std::string_view nameOf(FaultKind kind) {
-    switch (kind) {
-        case FaultKind::Continuity:
-            return "continuity error";
-        case FaultKind::TransportError:
-            return "transport error";
-        case FaultKind::BadSync:
-            return "bad sync byte";
-        case FaultKind::UnknownTsiidx:
-            return "unknown TSIIDX value";
-        case FaultKind::TornRecord:
-            return "torn record";
-    }
-    return "";
-}
+/// One fault of each kind, in the order of FaultKind.
+constexpr std::array<const char*, FAULT_KINDS> KIND_NAMES = {
+    "continuity error", "transport error", "bad sync byte", "unknown TSIIDX value", "torn record"};
 
 }  // namespace
 
 std::string Fault::toString() const {
-    std::string place = fmt::format("record {} (byte {}): ", record, getByteOffset());
+    const std::string place = fmt::format("record {} (byte {}): ", record, getByteOffset());
+    const std::string packet = fmt::format("TSIIDX {}, PID 0x{:04x}: ", tsiidx, pid);
     switch (kind) {
         case FaultKind::Continuity:
-            return place + fmt::format("TSIIDX {}, PID 0x{:04x}: continuity counter {}, expected {}", tsiidx,
-                                       pid, found, expected);
+            return place + packet + fmt::format("continuity counter {}, expected {}", found, expected);
         case FaultKind::TransportError:
-            return place +
-                   fmt::format("TSIIDX {}, PID 0x{:04x}: transport_error_indicator is set", tsiidx, pid);
+            return place + packet + "transport_error_indicator is set";
         case FaultKind::BadSync:
             return place +
                    fmt::format("TSIIDX {}: sync byte 0x{:02x}, expected 0x{:02x}", tsiidx, found, expected);
@@ -50,15 +33,28 @@ std::string Fault::toString() const {
     return place;
 }
 
-std::optional<Fault> findRecordFault(const RecordView& record, std::uint64_t index) {
+bool FaultLog::addRecord(const RecordView& record) {
+    ++m_Records;
     const std::uint32_t tsiidx = record.getTsiidx();
     if (tsiidx >= Ts::TSIIDX_COUNT) {
-        return Fault{FaultKind::UnknownTsiidx, index, tsiidx, 0, Ts::TSIIDX_COUNT - 1, tsiidx};
+        add(FaultKind::UnknownTsiidx, record, Ts::TSIIDX_COUNT - 1, tsiidx);
+        return false;
     }
     if (!record.hasSyncByte()) {
-        return Fault{FaultKind::BadSync, index, tsiidx, 0, Ts::SYNC_BYTE, *record.getDataPtr()};
+        add(FaultKind::BadSync, record, Ts::SYNC_BYTE, *record.getDataPtr());
+        return false;
     }
-    return std::nullopt;
+    return true;
+}
+
+void FaultLog::add(FaultKind kind, const RecordView& record, std::uint32_t expected, std::uint32_t found) {
+    add({kind, m_Records - 1, record.getTsiidx(), record.getPid(), expected, found});
+}
+
+void FaultLog::addTornRecord(std::size_t bytes) {
+    if (bytes != 0) {
+        add({FaultKind::TornRecord, m_Records, 0, 0, Ts::RECORD_SIZE, static_cast<std::uint32_t>(bytes)});
+    }
 }
 
 void FaultLog::add(const Fault& fault) {
@@ -68,42 +64,23 @@ void FaultLog::add(const Fault& fault) {
     }
 }
 
-void FaultLog::addTornRecord(std::uint64_t index, std::size_t bytes) {
-    if (bytes != 0) {
-        add({FaultKind::TornRecord, index, 0, 0, Ts::RECORD_SIZE, static_cast<std::uint32_t>(bytes)});
-    }
-}
-
 bool FaultLog::isEmpty() const {
-    return std::all_of(m_Entries.begin(), m_Entries.end(),
-                       [](const Entry& entry) { return entry.count == 0; });
-}
-
-std::string FaultLog::toString() const {
-    std::string counts;
-    const Fault* first = nullptr;
-    for (const FaultKind kind : FAULT_KINDS) {
-        const Entry& entry = get(kind);
-        if (entry.count == 0) {
-            continue;
-        }
-        counts += (counts.empty() ? "" : ", ") + formatCount(entry.count, nameOf(kind));
-        if (first == nullptr || entry.first.record < first->record) {
-            first = &entry.first;
-        }
-    }
-    return first == nullptr ? "" : counts + "; the first at " + first->toString();
+    return std::ranges::all_of(m_Entries, [](const Entry& entry) { return entry.count == 0; });
 }
 
 std::string FaultLog::toLines() const {
     std::string lines;
-    for (const FaultKind kind : FAULT_KINDS) {
-        if (const Entry& entry = get(kind); entry.count != 0) {
-            lines += fmt::format("{}; the first at {}\n", formatCount(entry.count, nameOf(kind)),
-                                 entry.first.toString());
+    for (const Entry& entry : m_Entries) {
+        if (entry.count != 0) {
+            const char* name = KIND_NAMES[static_cast<std::size_t>(entry.first.kind)];
+            lines += formatCount(entry.count, name) + "; the first at " + entry.first.toString() + '\n';
         }
     }
     return lines;
+}
+
+std::string formatCount(std::uint64_t count, const std::string& noun) {
+    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
 }  // namespace Vel::Zepctl

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -17,10 +18,13 @@ public:
     /// @throws CommandError when it cannot be opened
     explicit RecordReader(const std::string& path);
 
-    /// Waits until read() will not have to: never for a plain file.
-    void waitForData() const;
-    /// Reads once and gives the whole records that there are, valid until the next call. None, too, where
-    /// nothing is there for now; isAtEnd() tells the difference.
+    /// Waits, until a signal comes or the limit is over, for data or the end of the stream. A plain file
+    /// cannot report that it has grown, so at its end this call just pauses.
+    /// @param limit below 0 for none
+    /// @return whether read() will not have to wait
+    bool waitForData(std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
+    /// Reads once and returns the whole records that there are, valid until the next call. There may be none
+    /// although the stream goes on; isAtEnd() shows the difference.
     /// @throws CommandError when reading fails
     std::span<const std::uint8_t> read();
     /// Whether the latest read() found the end. A plain file may grow, and be read on.
@@ -35,7 +39,7 @@ public:
     const std::string& getName() const { return m_Name; }
     int getDescriptor() const { return m_File.get(); }
     bool isPlainFile() const { return m_PlainFile; }
-    /// Of a plain file, in bytes; 0 for everything else.
+    /// Of a plain file, in bytes; 0 for a FIFO or device.
     std::uint64_t getSize() const;
 
 private:
@@ -44,9 +48,8 @@ private:
     bool m_PlainFile = false;
     bool m_AtEnd = false;
     std::vector<std::uint8_t> m_Block;
-    std::size_t m_Given = 0;   // bytes of the block that the latest read() gave
-    std::size_t m_Torn = 0;    // bytes of the block behind them
-    std::uint64_t m_Read = 0;  // bytes since the start of the file
+    std::size_t m_Given = 0;  // bytes of the block that the latest read() returned
+    std::size_t m_Torn = 0;   // bytes of the block after them
 };
 
 }  // namespace Vel::Zepctl

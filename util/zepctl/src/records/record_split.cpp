@@ -1,78 +1,16 @@
 #include "records/record_split.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <system_error>
-#include <utility>
+
+#include "command_error.h"
 
 namespace Vel::Zepctl {
 
-namespace {
-
-constexpr std::size_t BLOCK_PACKETS = 256;
-constexpr mode_t NEW_FILE_MODE = 0666;
-
-/// Not truncated by the opening, which would empty the source if it is the same file.
-CppUtil::FileDescriptor openForWriting(const std::string& path, int source) {
-    CppUtil::FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, NEW_FILE_MODE));
-    if (!file.isOpen()) {
-        throw systemError("Cannot create " + path);
-    }
-    struct stat target {};
-    struct stat input {};
-    if (::fstat(file.get(), &target) == -1 || ::fstat(source, &input) == -1) {
-        throw systemError("Cannot create " + path);
-    }
-    if (target.st_dev == input.st_dev && target.st_ino == input.st_ino) {
-        throw CommandError(DEVICE_UNUSABLE, "Cannot create " + path + ": it is the file that is read");
-    }
-    if (S_ISREG(target.st_mode) && ::ftruncate(file.get(), 0) == -1) {
-        throw systemError("Cannot empty " + path);
-    }
-    return file;
-}
-
-}  // namespace
-
-TsOutput::TsOutput(std::string path, int source)
-    : m_Path(std::move(path)), m_File(openForWriting(m_Path, source)) {
-    m_Block.reserve(BLOCK_PACKETS * Ts::TS_PACKET_SIZE);
-}
-
-void TsOutput::add(const RecordView& packet) {
-    const std::uint8_t* bytes = packet.getDataPtr();
-    m_Block.insert(m_Block.end(), bytes, bytes + Ts::TS_PACKET_SIZE);
-    ++m_Packets;
-    if (m_Block.size() == m_Block.capacity()) {
-        flush();
-    }
-}
-
-void TsOutput::flush() {
-    std::span<const std::uint8_t> rest(m_Block);
-    while (!rest.empty()) {
-        const ssize_t written = ::write(m_File.get(), rest.data(), rest.size());
-        if (written >= 0) {
-            rest = rest.subspan(static_cast<std::size_t>(written));
-        } else if (errno != EINTR) {
-            throw systemError("Cannot write " + m_Path);
-        }
-    }
-    m_Block.clear();
-}
-
-void TsOutput::close() {
-    flush();
-    if (!m_File.close()) {
-        throw systemError("Cannot write " + m_Path);
-    }
-}
-
-RecordSplit::RecordSplit(std::string directory, int source)
-    : m_Directory(std::move(directory)), m_Source(source) {
+RecordSplit::RecordSplit(const std::string& directory, int source)
+    : m_Directory(directory), m_Source(fmt::format("/proc/self/fd/{}", source)) {
     std::error_code error;
     std::filesystem::create_directories(m_Directory, error);
     if (error) {
@@ -84,39 +22,39 @@ RecordSplit::RecordSplit(std::string directory, int source)
 void RecordSplit::add(std::span<const std::uint8_t> records) {
     for (; records.size() >= Ts::RECORD_SIZE; records = records.subspan(Ts::RECORD_SIZE)) {
         const RecordView record(records.data());
-        if (const auto fault = findRecordFault(record, m_Records++)) {
-            m_Faults.add(*fault);
-        } else {
-            getOutput(record.getTsiidx()).add(record);
+        if (!m_Faults.addRecord(record)) {
+            continue;
         }
+        Output& output = m_Outputs[record.getTsiidx()];
+        if (!output.file.is_open()) {
+            output.path = fmt::format("{}/tsiidx-{:03}.ts", m_Directory, record.getTsiidx());
+            open(output);
+        }
+        if (!output.file.write(reinterpret_cast<const char*>(record.getDataPtr()), Ts::TS_PACKET_SIZE)) {
+            throw systemError("Cannot write " + output.path);
+        }
+        ++output.packets;
     }
 }
 
 void RecordSplit::end(std::size_t tornBytes) {
-    m_Faults.addTornRecord(m_Records, tornBytes);
-    for (const auto& output : m_Outputs) {
-        if (output != nullptr) {
-            output->close();
+    m_Faults.addTornRecord(tornBytes);
+    for (auto& [tsiidx, output] : m_Outputs) {
+        output.file.close();
+        if (!output.file) {
+            throw systemError("Cannot write " + output.path);
         }
     }
 }
 
-TsOutput& RecordSplit::getOutput(std::uint32_t tsiidx) {
-    auto& output = m_Outputs[tsiidx];
-    if (output == nullptr) {
-        output = std::make_unique<TsOutput>(fmt::format("{}/tsiidx-{:03}.ts", m_Directory, tsiidx), m_Source);
+void RecordSplit::open(Output& output) const {
+    if (CppUtil::isSameFile(output.path, m_Source)) {
+        throw CommandError(DEVICE_UNUSABLE, "Cannot create " + output.path + ": it is the file that is read");
     }
-    return *output;
-}
-
-std::vector<const TsOutput*> RecordSplit::getOutputs() const {
-    std::vector<const TsOutput*> outputs;
-    for (const auto& output : m_Outputs) {
-        if (output != nullptr) {
-            outputs.push_back(output.get());
-        }
+    output.file.open(output.path, std::ios::binary);
+    if (!output.file) {
+        throw systemError("Cannot create " + output.path);
     }
-    return outputs;
 }
 
 }  // namespace Vel::Zepctl

@@ -1,159 +1,222 @@
 #include "records/record_watch.h"
 
-#include <poll.h>
-#include <sys/signalfd.h>
+#include <fmt/format.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
-#include <iostream>
-#include <memory>
+#include <cstdlib>
+#include <string_view>
 
 #include "command_error.h"
 #include "records/record_reader.h"
-#include "records/record_watch_model.h"
-#include "records/record_watch_view.h"
+#include "records/record_report.h"
 
 namespace Vel::Zepctl {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
 using std::chrono::milliseconds;
 
-constexpr milliseconds SCREEN_INTERVAL(200);
+/// What arrives within this time is one burst: longer than a paced stream takes for one, and the step in
+/// which streams that never pause are measured.
+constexpr milliseconds BURST_LENGTH(20);
+/// Holds a good many bursts of any stream above 0.5 Mbit/s.
+constexpr milliseconds WINDOW(2000);
+
+constexpr milliseconds TERMINAL_INTERVAL(200);
 constexpr milliseconds LINE_INTERVAL(1000);
-/// A plain file does not tell that it has grown, so it is asked.
-constexpr milliseconds FILE_INTERVAL(20);
+/// A signal that comes just before the wait for records is noticed after it.
+constexpr milliseconds MAX_WAIT(100);
 
-/// Makes the signals that end the watch readable from a descriptor instead of ending the program.
-class EndingSignals {
-public:
-    EndingSignals() {
-        ::sigemptyset(&m_Signals);
-        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-            ::sigaddset(&m_Signals, signal);
-        }
-        ::sigprocmask(SIG_BLOCK, &m_Signals, &m_Former);
-        m_Pending = CppUtil::FileDescriptor(::signalfd(-1, &m_Signals, SFD_NONBLOCK | SFD_CLOEXEC));
-        if (m_Pending.get() == -1) {
-            throw systemError("Cannot wait for signals");
+volatile std::sig_atomic_t s_EndRequested = 0;
+
+/// Lets SIGINT, SIGTERM and SIGHUP end the watch instead of the program, unless they are ignored, as by
+/// nohup.
+void catchEndingSignals() {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        if (std::signal(signal, [](int) { s_EndRequested = 1; }) == SIG_IGN) {
+            std::signal(signal, SIG_IGN);
         }
     }
-    ~EndingSignals() {
-        signalfd_siginfo taken;
-        while (::read(m_Pending.get(), &taken, sizeof taken) > 0) {
-        }
-        ::sigprocmask(SIG_SETMASK, &m_Former, nullptr);
-    }
-    EndingSignals(const EndingSignals&) = delete;
-    EndingSignals& operator=(const EndingSignals&) = delete;
+}
 
-    int getDescriptor() const { return m_Pending.get(); }
+/// Whether standard output takes control sequences.
+bool isTerminal() {
+    const char* type = std::getenv("TERM");
+    return ::isatty(STDOUT_FILENO) == 1 && (type == nullptr || std::string_view(type) != "dumb");
+}
 
-private:
-    sigset_t m_Signals{};
-    sigset_t m_Former{};
-    CppUtil::FileDescriptor m_Pending;
-};
+std::size_t terminalRows() {
+    constexpr std::size_t USUAL_ROWS = 24;
+    winsize size{};
+    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 2 ? size.ws_row : USUAL_ROWS;
+}
 
-/// The terminal's second screen, with the cursor hidden; what stood on the first one comes back with the end.
-class Screen {
+/// The table of a watch on standard output: redrawn in place on a terminal, with its rows appended elsewhere.
+class WatchTable {
 public:
-    Screen() { printOutput("\x1b[?1049h\x1b[?25l"); }
-    ~Screen() { std::cout << "\x1b[?25h\x1b[?1049l" << std::flush; }
-    Screen(const Screen&) = delete;
-    Screen& operator=(const Screen&) = delete;
+    bool isOnTerminal() const { return m_OnTerminal; }
 
-    void draw(const WatchFrame& frame) const {
-        std::string text = "\x1b[H";
-        const auto lines = drawWatchScreen(frame, TerminalSize::of(STDOUT_FILENO), m_Colours);
-        for (std::size_t i = 0; i < lines.size(); ++i) {
-            text += (i == 0 ? "" : "\r\n") + lines[i] + "\x1b[K";
+    /// Prints one row per input; on a terminal no more than it has room for, unless they are the last ones.
+    void print(std::vector<std::string> rows, bool isLast) {
+        std::string text;
+        if (m_OnTerminal && m_Lines != 0) {
+            text = fmt::format("\x1b[{}A\x1b[J", m_Lines);
         }
-        printOutput(text + "\x1b[J");
-    }
-
-private:
-    Colours m_Colours = Colours::of(STDOUT_FILENO);
-};
-
-class RecordWatch {
-public:
-    RecordWatch(const std::string& path, std::optional<std::chrono::duration<double>> duration)
-        : m_Reader(path),
-          m_End(duration ? m_Start + std::chrono::duration_cast<Clock::duration>(*duration)
-                         : Clock::time_point::max()) {}
-
-    /// @return what there was in the end
-    WatchFrame run() {
-        const auto screen = isTerminal(STDOUT_FILENO) ? std::make_unique<Screen>() : nullptr;
-        const milliseconds interval = screen ? SCREEN_INTERVAL : LINE_INTERVAL;
-        auto nextDrawing = screen ? m_Start : m_Start + interval;
-        while (waitUntil(std::min(nextDrawing, m_End)) && takeRecords() && Clock::now() < m_End) {
-            if (const auto now = Clock::now(); now >= nextDrawing) {
-                screen ? screen->draw(makeFrame(now)) : printOutput(formatWatchLines(makeFrame(now)));
-                nextDrawing = std::max(nextDrawing + interval, now);
-            }
+        if (m_OnTerminal || m_Lines == 0) {
+            text += fmt::format("{}\n", RecordWatch::HEADER);
         }
-        return makeFrame(Clock::now());
+        // The header and the line of the cursor take room as well.
+        if (const std::size_t room = terminalRows() - 2; m_OnTerminal && !isLast && rows.size() > room) {
+            const std::size_t hidden = rows.size() - room + 1;
+            rows.resize(room);
+            rows.back() = fmt::format("{} more inputs", hidden);
+        }
+        text += fmt::format("{}\n", fmt::join(rows, "\n"));
+        // A line that is too long for the terminal is cut, since one that wraps would shift the table.
+        printOutput(m_OnTerminal ? "\x1b[?7l" + text + "\x1b[?7h" : text);
+        m_Lines = rows.size() + 1;
     }
 
 private:
-    WatchFrame makeFrame(Clock::time_point now) const {
-        return {m_Reader.getName(), std::chrono::duration<double>(now - m_Start).count(),
-                m_Model.getRecords(), m_Model.getFaults().toString(), m_Model.getInputs(now)};
-    }
-
-    /// Waits for records, but no longer than until then. False on a signal.
-    bool waitUntil(Clock::time_point time) {
-        const auto now = Clock::now();
-        if (m_Reader.isPlainFile()) {
-            time = m_Reader.isAtEnd() ? std::min(time, now + FILE_INTERVAL) : now;
-        }
-        const auto wait =
-            std::chrono::duration_cast<std::chrono::nanoseconds>(std::max(time - now, {})).count();
-        const timespec timeout{wait / 1'000'000'000, wait % 1'000'000'000};
-        std::array<pollfd, 2> files{{{m_Signals.getDescriptor(), POLLIN, 0},
-                                     {m_Reader.isPlainFile() ? -1 : m_Reader.getDescriptor(), POLLIN, 0}}};
-        ::ppoll(files.data(), files.size(), &timeout, nullptr);
-        m_Ready = m_Reader.isPlainFile() || files[1].revents != 0;
-        return files[0].revents == 0;
-    }
-
-    /// Takes what is there. False at the end of the stream, which a plain file does not have.
-    bool takeRecords() {
-        if (!m_Ready) {
-            return true;
-        }
-        if (m_Reader.restartIfTruncated()) {
-            m_Model = {};
-        }
-        const auto records = m_Reader.read();
-        const bool live = m_CaughtUp || !m_Reader.isPlainFile();
-        m_Model.add(records, live ? std::optional(Clock::now()) : std::nullopt);
-        m_CaughtUp |= m_Reader.isAtEnd();
-        if (!m_Reader.isAtEnd() || m_Reader.isPlainFile()) {
-            return true;
-        }
-        m_Model.end(m_Reader.getTornBytes());
-        return false;
-    }
-
-    EndingSignals m_Signals;
-    RecordReader m_Reader;
-    RecordWatchModel m_Model;
-    Clock::time_point m_Start = Clock::now();
-    Clock::time_point m_End;
-    bool m_Ready = false;     // reading will not wait
-    bool m_CaughtUp = false;  // a plain file: what was in it at the start has been read, the rest arrives now
+    bool m_OnTerminal = isTerminal();
+    std::size_t m_Lines = 0;  // of the table printed last
 };
 
 }  // namespace
 
-void watchRecords(const std::string& path, std::optional<std::chrono::duration<double>> duration) {
-    const WatchFrame frame = RecordWatch(path, duration).run();
-    printOutput(formatWatchSummary(frame));
+void ArrivalRate::add(ArrivalTime at, std::uint64_t packets) {
+    if (m_Latest.empty() || at - m_Latest.back().start >= BURST_LENGTH) {
+        m_Latest.push_back({at, m_Packets});
+        while (m_Latest.size() > 2 && m_Latest[1].start <= at - WINDOW) {
+            m_Latest.pop_front();
+        }
+    }
+    m_First = m_First.value_or(m_Latest.back());
+    m_Packets += packets;
+}
+
+std::optional<double> ArrivalRate::getLatest(ArrivalTime now) const {
+    if (m_Latest.size() < 2) {
+        return std::nullopt;
+    }
+    const auto span = std::max<ArrivalTime::duration>(m_Latest.back().start - m_Latest.front().start, WINDOW);
+    return now - m_Latest.back().start > span ? 0 : rateBetween(m_Latest.front(), m_Latest.back());
+}
+
+std::optional<double> ArrivalRate::getOverall() const {
+    return m_Latest.size() < 2 ? std::nullopt : std::optional(rateBetween(*m_First, m_Latest.back()));
+}
+
+double ArrivalRate::rateBetween(const Burst& from, const Burst& to) {
+    const auto packets = static_cast<double>(to.packetsBefore - from.packetsBefore);
+    return packets * BITS_PER_PACKET / Seconds(to.start - from.start).count();
+}
+
+void ArrivalDrift::add(ArrivalTime at, const PcrClock& clock) {
+    if (clock.getTimeBases() != m_TimeBase) {
+        *this = {};
+        m_TimeBase = clock.getTimeBases();
+    }
+    const double pcr = clock.getElapsed();
+    if (m_TimeBase == 0 || pcr == m_LastPcr) {
+        return;
+    }
+    m_LastPcr = pcr;
+    const Sample sample{pcr, Seconds(at.time_since_epoch()).count() - pcr};
+    if (m_WindowStart && at - *m_WindowStart >= WINDOW) {
+        m_Latest = m_Earliest;
+        m_First = m_First.value_or(m_Earliest);
+        m_WindowStart.reset();
+    }
+    if (!m_WindowStart || sample.lateness < m_Earliest.lateness) {
+        m_WindowStart = m_WindowStart.value_or(at);
+        m_Earliest = sample;
+    }
+}
+
+std::optional<Drift> ArrivalDrift::get() const {
+    if (!m_First || m_Latest->pcr <= m_First->pcr) {
+        return std::nullopt;
+    }
+    const double drift = m_Latest->lateness - m_First->lateness;
+    return Drift{drift * 1e3, drift / (m_Latest->pcr - m_First->pcr) * 1e6};
+}
+
+void RecordWatch::add(std::span<const std::uint8_t> records, std::optional<ArrivalTime> arrival) {
+    m_Check.add(records);
+    for (const auto& [tsiidx, input] : m_Check.getInputs()) {
+        Arrival& known = m_Arrivals[tsiidx];
+        const std::uint64_t packets = input.getTotal().packets - known.packets;
+        known.packets += packets;
+        if (packets != 0 && arrival) {
+            known.rate.add(*arrival, packets);
+            known.drift.add(*arrival, input.getClock());
+        }
+    }
+}
+
+std::vector<std::string> RecordWatch::formatRows(double seconds, ArrivalTime now) const {
+    std::vector<std::string> rows;
+    for (const auto& [tsiidx, input] : m_Check.getInputs()) {
+        const Arrival& arrival = m_Arrivals.at(tsiidx);
+        const auto drift = arrival.drift.get();
+        rows.push_back(fmt::format("{:7.0f}  {:6}  {:>9}  {:>9}  {:10}  {:10}  {:>8}  {:>7}", seconds, tsiidx,
+                                   formatBitRate(arrival.rate.getLatest(now)),
+                                   formatBitRate(arrival.rate.getOverall()), arrival.packets,
+                                   input.getTotal().continuityErrors,
+                                   drift ? fmt::format("{:+.1f}", drift->milliseconds) : "-",
+                                   drift ? fmt::format("{:+.0f}", drift->ppm) : "-"));
+    }
+    if (rows.empty()) {
+        rows.push_back(fmt::format("{:7.0f}  no records yet", seconds));
+    }
+    return rows;
+}
+
+void watchRecords(const std::string& path, std::optional<double> seconds) {
+    catchEndingSignals();
+    RecordReader reader(path);
+    RecordWatch watch;
+    WatchTable table;
+    const auto start = Clock::now();
+    const auto end = seconds ? start + std::chrono::duration_cast<Clock::duration>(Seconds(*seconds))
+                             : Clock::time_point::max();
+    const auto interval = table.isOnTerminal() ? TERMINAL_INTERVAL : LINE_INTERVAL;
+    auto nextPrint = start + interval;
+    auto now = start;
+    // What a plain file holds at the start did not arrive now, only what comes after its end.
+    bool isLive = !reader.isPlainFile();
+    bool isOver = false;
+    for (; s_EndRequested == 0 && !isOver && now < end; now = Clock::now()) {
+        if (now >= nextPrint) {
+            table.print(watch.formatRows(Seconds(now - start).count(), now), false);
+            nextPrint = std::max(nextPrint + interval, now);
+        }
+        const auto untilNext = std::chrono::ceil<milliseconds>(std::min(nextPrint, end) - now);
+        if (!reader.waitForData(std::clamp(untilNext, milliseconds(0), MAX_WAIT))) {
+            continue;
+        }
+        if (reader.restartIfTruncated()) {
+            watch = {};
+        }
+        const auto records = reader.read();
+        watch.add(records, isLive ? std::optional(Clock::now()) : std::nullopt);
+        isLive |= reader.isAtEnd();
+        isOver = reader.isAtEnd() && !reader.isPlainFile();
+    }
+    if (isOver) {
+        watch.end(reader.getTornBytes());
+    }
+    const double watched = Seconds(now - start).count();
+    table.print(watch.formatRows(watched, now), true);
+    const FaultLog& faults = watch.getFaults();
+    printOutput(fmt::format("{} watched for {:.1f} s: {}{}", reader.getName(), watched,
+                            formatCount(faults.getRecords(), "record"),
+                            faults.isEmpty() ? ", no fault\n" : "\n" + faults.toLines()));
 }
 
 }  // namespace Vel::Zepctl
