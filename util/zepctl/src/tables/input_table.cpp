@@ -57,7 +57,7 @@ void InputTable::remove(const IpInEntry& input) {
     bool isFound = false;
     for (std::size_t i = 0; i < m_Rows.size(); ++i) {
         if (m_Rows[i].isEnabled() && isSameInput(m_Rows[i], input)) {
-            writeRow(i, IpInEntry());
+            writeRow(i, m_Cleared);
             isFound = true;
         }
     }
@@ -68,7 +68,7 @@ void InputTable::remove(const IpInEntry& input) {
 
 void InputTable::clear() {
     for (std::size_t i = 0; i < m_Rows.size(); ++i) {
-        writeRow(i, IpInEntry());
+        writeRow(i, m_Cleared);
     }
 }
 
@@ -92,7 +92,7 @@ void InputTable::checkOrder() const {
 void InputTable::clearCopies() {
     for (std::size_t i = 1; i < m_Rows.size(); ++i) {
         if (m_Rows[i - 1].isEnabled() && m_Rows[i].isEnabled() && m_Rows[i - 1] == m_Rows[i]) {
-            writeRow(i, IpInEntry());
+            writeRow(i, m_Cleared);
         }
     }
 }
@@ -125,7 +125,7 @@ void InputTable::insert(const IpInEntry& input) {
 
 void InputTable::moveRow(std::size_t from, std::size_t to) {
     writeRow(to, m_Rows[from]);
-    writeRow(from, IpInEntry());
+    writeRow(from, m_Cleared);
 }
 
 void InputTable::writeRow(std::size_t index, const IpInEntry& row) {

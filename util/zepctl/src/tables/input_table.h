@@ -54,8 +54,9 @@ private:
     void writeRow(std::size_t index, const Drivers::Zep::IpInEntry& row);
 
     Drivers::IMemIf& m_Memory;
-    std::uint32_t m_Base;                         // word index of row 0
-    std::vector<Drivers::Zep::IpInEntry> m_Rows;  // as the table holds them, the disabled ones too
+    std::uint32_t m_Base;                          // word index of row 0
+    std::vector<Drivers::Zep::IpInEntry> m_Rows;   // as the table holds them, the disabled ones too
+    const Drivers::Zep::IpInEntry m_Cleared = {};  // at hand, so that no lack of memory interrupts a change
 };
 
 }  // namespace Vel::Zepctl
