@@ -90,14 +90,17 @@ struct Life {
     std::map<std::uint32_t, std::vector<Span>> routes = {};  // by PID
 };
 
+std::string line(bool isAdded, const std::string& what) {
+    return std::string("[info] Detected ") + (isAdded ? "added " : "removed ") + what;
+}
+
 std::string inputLine(bool isAdded, std::uint32_t n, std::uint32_t tsiidx) {
-    return std::string("[info] Detected ") + (isAdded ? "added" : "removed") + " input TS: " + uri(n) +
-           " @ TSIIDX " + std::to_string(tsiidx);
+    return line(isAdded, "input TS: " + uri(n) + " @ TSIIDX " + std::to_string(tsiidx));
 }
 
 std::string routeLine(bool isAdded, std::uint32_t tsiidx, std::uint32_t pid) {
-    return std::string("[info] Detected ") + (isAdded ? "added" : "removed") + " CPU route of PID " +
-           std::to_string(pid) + " from TSIIDX " + std::to_string(tsiidx);
+    return line(isAdded,
+                "CPU route of PID " + std::to_string(pid) + " from TSIIDX " + std::to_string(tsiidx));
 }
 
 /// Inputs and routes come and go, by zepctl or by rows, while a slow reader takes the records. A model of
