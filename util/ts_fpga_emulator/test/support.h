@@ -41,14 +41,6 @@ private:
     std::mt19937_64 m_Engine{m_Seed};
 };
 
-/// Waits for what another thread brings about. False after a time that no healthy run needs.
-inline bool waitUntil(const auto& condition) {
-    for (int ms = 0; ms < 60'000 && !condition(); ++ms) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return condition();
-}
-
 /// A folder that is removed with its contents at the end of the test.
 class TempFolder {
 public:
@@ -86,8 +78,12 @@ public:
         std::erase_if(found, [&](const std::string& line) { return !line.starts_with(prefix); });
         return found;
     }
+    /// Waits for such a line of another thread. False after a time that no healthy run needs.
     bool waitFor(const std::string& prefix) const {
-        return waitUntil([&] { return !lines(prefix).empty(); });
+        for (int ms = 0; ms < 60'000 && lines(prefix).empty(); ++ms) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return !lines(prefix).empty();
     }
 
 private:

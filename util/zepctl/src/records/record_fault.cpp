@@ -15,7 +15,7 @@ constexpr std::array<const char*, FAULT_KINDS> KIND_NAMES = {
 }  // namespace
 
 std::string Fault::toString() const {
-    const std::string place = fmt::format("record {} (byte {}): ", record, getByteOffset());
+    std::string place = fmt::format("record {} (byte {}): ", record, getByteOffset());
     const std::string packet = fmt::format("TSIIDX {}, PID 0x{:04x}: ", tsiidx, pid);
     switch (kind) {
         case FaultKind::Continuity:
