@@ -215,7 +215,7 @@ TEST(LutMonitor, EventsOfATableThatAnotherThreadWritesAddUpToIt) {
     constexpr std::uint32_t SIZE = Drivers::Zep::TSIO_DEVICE.size;
     Random random;
     SCOPED_TRACE(random.origin());
-    const TempFolder folder;
+    const TemporaryFolder folder;
     writeFile(folder / "tsio", std::string(SIZE, '\0'));
     RecordingConsumer consumer;
     IpLutMonitor monitor(std::make_shared<Pci::PciIf>(folder / "tsio", SIZE, 0), consumer);

@@ -10,24 +10,24 @@ namespace Vel::Utils {
 namespace {
 
 TEST(PacketDispatcher, RecordIsTheWholeBufferAndArrivesAtOnceInAnEmptyFile) {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const std::string path = folder / "records";
     writeFile(path, std::string(1000, 'x'));
     PacketDispatcher dispatcher(path);
-    EXPECT_EQ(readFile(path), "");
+    EXPECT_EQ(readFile<std::string>(path), "");
     auto packet = makePacket(0x100);
     Ts::writeRecordHeader(packet.getWriteDataPtr(), 3);
     dispatcher.dispatch(packet);
-    EXPECT_EQ(readFile(path), std::string("\x03\0\0\0", 4) + tsBytes(packet));
+    EXPECT_EQ(readFile(path), TestPacket{}.record(3));
 
     Ts::LowlevInTSPacket dead;
     EXPECT_EQ(thrownText<Ts::TsPacketError>([&] { dispatcher.dispatch(dead); }),
               "TS Packet Error: Cannot get write data pointer. Object is dead.");
-    EXPECT_EQ(readFile(path).size(), 192U);
+    EXPECT_EQ(readFile<std::string>(path).size(), 192U);
 }
 
 TEST(PacketDispatcher, FailureIsReportedByTheNextCallAndByEveryLaterOne) {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     auto packet = makePacket(0x100);
     for (const std::string& path : {folder / "missing/records", folder / ".", std::string("/dev/full")}) {
         PacketDispatcher dispatcher(path);
@@ -45,7 +45,7 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     constexpr std::uint32_t SIZE = 1'000'000;  // more than a pipe holds, so that a record is written in parts
     constexpr std::uint32_t RECORDS = 10;      // of each thread
     const CapturedLog log;
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const std::string path = folder / "fifo";
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
     std::fstream reader(path, std::ios::in | std::ios::out | std::ios::binary);

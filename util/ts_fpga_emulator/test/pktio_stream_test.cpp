@@ -34,16 +34,18 @@ class PktioStreamTest : public testing::Test {
 protected:
     void writePackets(std::uint32_t count, const std::vector<std::uint32_t>& pids,
                       const std::string& rest = "") {
-        std::string stream;
+        Bytes stream;
         for (std::uint32_t i = 0; i < count; ++i) {
-            stream += tsBytes(makePacket(pids[i % pids.size()], i));
+            const Bytes packet = TestPacket{.pid = pids[i % pids.size()], .number = i}.bytes();
+            stream.insert(stream.end(), packet.begin(), packet.end());
         }
-        writeFile(m_File, stream + rest);
+        stream.insert(stream.end(), rest.begin(), rest.end());
+        writeFile(m_File, stream);
     }
     /// Of the packets in the records once the file is played, which are all of TSIIDX 3.
     std::vector<std::uint32_t> recordNumbers() const {
         EXPECT_TRUE(m_Log.waitFor("[debug] Stopping packet stream thread for TSIIDX 3 with file " + m_File));
-        const std::string output = readFile(m_Folder / "records");
+        const std::string output = readFile<std::string>(m_Folder / "records");
         std::vector<std::uint32_t> numbers;
         for (std::size_t at = 0; at < output.size(); at += Ts::RECORD_SIZE) {
             const auto* record = reinterpret_cast<const std::uint8_t*>(&output[at]);
@@ -54,7 +56,7 @@ protected:
     }
 
     CapturedLog m_Log;
-    TempFolder m_Folder;
+    TemporaryFolder m_Folder;
     std::string m_File = m_Folder / "input.ts";
     PacketDispatcher m_Dispatcher{m_Folder / "records"};
 };

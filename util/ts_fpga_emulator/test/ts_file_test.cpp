@@ -21,7 +21,7 @@ std::string patternBytes(std::size_t size) {
 }
 
 TEST(TsFile, PacketsAreReadInOrderAndTheEndIsSeenExactly) {
-    const TempFolder folder;
+    const TemporaryFolder folder;
     std::array<std::uint8_t, SIZE> packet{};
     // 348 packets and 112 bytes fill a block of 64 KiB; 16384 packets are the first that end with a block.
     for (const std::size_t size :

@@ -10,7 +10,7 @@ namespace {
 
 TEST(ZEPTFEMApplication, IsWiredFromItsSettingsAndTakenDownInAFixedOrder) {
     const CapturedLog log;
-    const TempFolder folder;
+    const TemporaryFolder folder;
     const std::string tables = folder / "tables";  // of both control devices, which use different words of it
     const std::string records = folder / "records";
     std::vector<std::uint32_t> words(131072 / sizeof(std::uint32_t));
@@ -18,7 +18,7 @@ TEST(ZEPTFEMApplication, IsWiredFromItsSettingsAndTakenDownInAFixedOrder) {
     words[2049] = 0x01030000;
     words[8192] = 3 << 13 | 256;
     words[8193] = 0x2000;
-    writeFile(tables, {reinterpret_cast<const char*>(words.data()), 131072});
+    writeFile(tables, std::string(reinterpret_cast<const char*>(words.data()), 131072));
     const std::array arguments = {
         "zeptfem", "-fudp://5.6.7.8 a.ts", "-t", tables.c_str(), "-r",      tables.c_str(), "-pctrl",
         "-P",      records.c_str(),        "-m", "stray",        "argument"};
