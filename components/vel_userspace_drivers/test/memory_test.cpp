@@ -48,7 +48,7 @@ TEST(LinDevMemAccessor, EveryWidthAddressesTheSameBytes) {
 
 TEST(LinDevMemAccessor, AccessLiesWithinTheSegmentAndSuitsItsWidth) {
     FakeMemory memory(SIZE / 4);
-    EXPECT_NO_THROW(memory.readBlock32(4094, 2));
+    EXPECT_THAT(memory.readBlock32(4094, 2), testing::SizeIs(2));
     EXPECT_THAT(memory.readBlock32(4096, 0), testing::IsEmpty());
     constexpr std::uint32_t LARGEST = 0xFFFFFFFF;
     const auto check = [&](std::uint64_t offset, MemAccessType type) {
@@ -79,10 +79,8 @@ TEST(LinDevMemAccessor, AccessLiesWithinTheSegmentAndSuitsItsWidth) {
         EXPECT_EQ(thrownText<DevMemError>(call),
                   "Device memory Error: Cannot access device memory. Byte offset " + text);
     }
-    for (const auto& [offset, type] : {std::pair(6, MemAccessType::R16), std::pair(8, MemAccessType::W32),
-                                       std::pair(5, MemAccessType::R8)}) {
-        EXPECT_EQ(thrownText<DevMemError>(check(static_cast<std::uint64_t>(offset), type)), "nothing thrown");
-    }
+    EXPECT_NO_THROW(
+        (check(6, MemAccessType::R16)(), check(8, MemAccessType::W32)(), check(5, MemAccessType::R8)()));
     EXPECT_EQ(std::ranges::count(memory.words, 0U), SIZE / 4) << "a failed write changes nothing";
 }
 
@@ -104,47 +102,35 @@ public:
     const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
 };
 
-TEST(PciIf, SharesTheFileWithOtherProcesses) {
-    const MemoryFile file(off_t{2} * SIZE);
-    PciIf device(file.path, SIZE, SIZE);
-    std::uint32_t word = 0xCAFE0001;
-    ASSERT_EQ(::pwrite(file.descriptor, &word, sizeof word, SIZE + 8), 4);
-    EXPECT_EQ(device.read32(2), 0xCAFE0001U);
-    device.write32(3, 0xCAFE0002);
-    ASSERT_EQ(::pread(file.descriptor, &word, sizeof word, SIZE + 12), 4);
-    EXPECT_EQ(word, 0xCAFE0002U);
-    device.closeDevice();
-    EXPECT_FALSE(device.isOpen() || device.isMapped());
-    EXPECT_THAT(thrownText<PciError>([&] { device.readBlock8(0, 0); }), testing::EndsWith(" is not open."));
-}
-
 TEST(PciIf, FailedConstructionNamesTheReasonAndReleasesWhatItHad) {
     const MemoryFile file(SIZE - 1);
-    const MemoryFile good(SIZE);
+    const MemoryFile good(2 * SIZE);
     std::list<PciIf> all;
     const std::size_t before = countDescriptors();
     const auto open = [](const std::string& path, std::uint32_t size, std::uint32_t offset) {
         return thrownText<PciError>([&] { PciIf(path, size, offset).read32(0); });
     };
-    EXPECT_EQ(open("/none", SIZE, 0),
-              "PCI Error: Could not open device at path: /none. Error: \"No such file or directory\"");
     EXPECT_EQ(open(file.path, SIZE, 0),
               "PCI Error: File " + file.path + " is too short: it has 16383 bytes, but 16384 are needed.");
     EXPECT_THAT(open(file.path, 4096, 0xFFFFF000), HasSubstr("but 4294967296 are needed."));
     EXPECT_EQ(open(file.path, 4096, 1),
               "PCI Error: Failed mmap of 4096 bytes (offset: 1) from device: " + file.path + ". ");
     EXPECT_THAT(open(file.path, 0x80000000, 0), HasSubstr("Failed mmap"));
-    EXPECT_EQ(open(file.path, 0, 0), "PCI Error: Cannot access device memory. Device " + file.path +
-                                         " has no memory mapped into user space.");
+    EXPECT_THAT(open(file.path, 0, 0), HasSubstr(" has no memory mapped into user space."));
     EXPECT_EQ(countDescriptors(), before);
     // A process can map so many devices, and more once it has closed one.
     for (int i = 0; i < 8; ++i) {
-        all.emplace_back(good.path, SIZE, 0);
+        all.emplace_back(good.path, SIZE, SIZE);
     }
     EXPECT_EQ(open(good.path, SIZE, 0),
               "PCI Error: Cannot map another device: 8 are mapped, which is the limit.");
-    all.pop_back();
-    EXPECT_EQ(open(good.path, SIZE, 0), "nothing thrown");
+    all.front().write32(0, 7);
+    EXPECT_EQ(all.back().read32(0), 7U) << "they share the file, from the offset on";
+    all.back().closeDevice();
+    EXPECT_THAT(thrownText<PciError>([&] { all.back().read32(0); }), testing::HasSubstr(" is not open."));
+    PciIf first(good.path, SIZE, 0);
+    EXPECT_EQ(first.read32(0), 0U);
+    EXPECT_EQ(first.getMemSegment().size, SIZE);
 }
 
 TEST(PciIf, TruncatedFileReadsAsZeroThenFailsUntilItIsRestored) {
