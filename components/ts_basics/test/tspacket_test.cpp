@@ -6,11 +6,15 @@
 #include <initializer_list>
 #include <utility>
 
+#include "thrown_text.h"
 #include "vel/ts_basics/ll_tspackets.h"
+#include "vel/ts_basics/pid_filter.h"
 #include "vel/ts_basics/ts_error.h"
 
 namespace Vel::Ts {
 namespace {
+
+using Misc::PidFilter;
 
 LowlevInTSPacket packetOf(std::initializer_list<int> bytes) {
     auto packet = LowlevInTSPacket::create<192>();
@@ -20,15 +24,8 @@ LowlevInTSPacket packetOf(std::initializer_list<int> bytes) {
     return packet;
 }
 
-template <typename Call>
-std::string errorOf(Call&& call) {
-    try {
-        call();
-    } catch (const TsPacketError& e) {
-        const std::string text = e.what();
-        return text.substr(0, text.rfind('('));
-    }
-    return "no error";
+std::string refusal(auto call) {
+    return thrownText<TsPacketError>(call).substr(17);
 }
 
 TEST(TSPacket, HeaderFieldsAreReadFromTheirBits) {
@@ -66,11 +63,11 @@ TEST(TSPacket, PcrIsBaseTimes300PlusExtensionAsRead) {
     for (const auto& without : {packetOf({0x47, 0, 0, 0x10, 7, 0x10}), packetOf({0x47, 0, 0, 0x30, 0, 0x10}),
                                 packetOf({0x47, 0, 0, 0x30, 7, 0xEF})}) {
         EXPECT_FALSE(without.hasPcr());
-        EXPECT_EQ(errorOf([&] { without.getPcr(); }), "TS Packet Error: Packet contains no PCR stamp");
+        EXPECT_EQ(refusal([&] { without.getPcr(); }), "Packet contains no PCR stamp");
     }
 }
 
-TEST(TSPacket, PayloadNeverStartsBehindThePacket) {
+TEST(TSPacket, PayloadNeverStartsAfterThePacket) {
     const auto offset = [](LowlevInTSPacket packet) { return packet.getPayloadPtr() - packet.getDataPtr(); };
     EXPECT_EQ(offset(packetOf({0x47, 0, 0, 0x10, 9})), 4);
     EXPECT_EQ(offset(packetOf({0x47, 0, 0, 0x20, 9})), 188);
@@ -85,10 +82,9 @@ TEST(LowlevInTSPacket, HoldsThePacketAtTheEndOfItsBuffer) {
     EXPECT_EQ(packet.getTotalSize(), 192U);
     auto bare = LowlevInTSPacket::create<188>();
     EXPECT_EQ(bare.getDataPtr(), bare.getWriteDataPtr());
-    EXPECT_EQ(
-        errorOf([] { LowlevInTSPacket::create<187>(); }),
-        "TS Packet Error: Cannot reset data container of the packet. template parameter TOTAL_PACKET_SIZE is "
-        "less than 188 bytes.");
+    EXPECT_EQ(refusal([] { LowlevInTSPacket::create<187>(); }),
+              "Cannot reset data container of the packet. template parameter TOTAL_PACKET_SIZE is "
+              "less than 188 bytes.");
 }
 
 // The state that a move leaves is the subject.
@@ -100,17 +96,13 @@ TEST(LowlevInTSPacket, MovedFromPacketIsDeadUntilReset) {
     EXPECT_EQ(target.getDataPtr(), bytes);
     ASSERT_TRUE(source.isDead());
     EXPECT_EQ(source.getTotalSize(), 192U);
-    EXPECT_EQ(errorOf([&] { source.getPid(); }),
-              "TS Packet Error: Cannot get const data pointer. Object is dead.");
-    EXPECT_EQ(errorOf([&] { source.setPid(1); }),
-              "TS Packet Error: Cannot get data pointer. Object is dead.");
-    EXPECT_EQ(errorOf([&] { source.getWriteDataPtr(); }),
-              "TS Packet Error: Cannot get write data pointer. Object is dead.");
+    EXPECT_EQ(refusal([&] { source.getPid(); }), "Cannot get const data pointer. Object is dead.");
+    EXPECT_EQ(refusal([&] { source.setPid(1); }), "Cannot get data pointer. Object is dead.");
+    EXPECT_EQ(refusal([&] { source.getWriteDataPtr(); }), "Cannot get write data pointer. Object is dead.");
     source.reset();
     EXPECT_FALSE(source.isDead());
     EXPECT_NE(source.getDataPtr(), bytes);
-    EXPECT_EQ(errorOf([] { LowlevInTSPacket().reset(); }),
-              "TS Packet Error: Cannot reset a default created packet.");
+    EXPECT_EQ(refusal([] { LowlevInTSPacket().reset(); }), "Cannot reset a default created packet.");
 }
 // NOLINTEND(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
 
@@ -118,6 +110,37 @@ TEST(LowlevInTSPacketDeathTest, MovingFromADeadPacketIsABug) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     LowlevInTSPacket dead;
     EXPECT_DEATH(LowlevInTSPacket{std::move(dead)}, "!moveSrc.isDead\\(\\)");
+}
+
+unsigned countPassed(const PidFilter& filter) {
+    unsigned passed = 0;
+    for (std::uint32_t pid = 0; pid < PID_COUNT + 10; ++pid) {
+        passed += filter.isPidPassed(pid) ? 1 : 0;
+    }
+    return passed;
+}
+
+TEST(PidFilter, ConstructionDecidesWhatPasses) {
+    EXPECT_EQ(countPassed(PidFilter()), 8192U);
+    EXPECT_EQ(countPassed(PidFilter(true, false)), 0U);
+    const PidFilter withoutNull(false, true);
+    EXPECT_EQ(countPassed(withoutNull), 8191U);
+    EXPECT_FALSE(withoutNull.isPidPassed(NULL_PID));
+    const PidFilter listed({0, 8191, 8192, 70000});
+    EXPECT_EQ(countPassed(listed), 2U);
+    EXPECT_TRUE(listed.isPidPassed(0) && listed.isPidPassed(8191));
+}
+
+TEST(PidFilter, ChangesTouchTheNamedPidsAlone) {
+    PidFilter filter(true, false);
+    filter.addPid({0x100, 0x101, 0xFFFFFFFF});
+    EXPECT_EQ(countPassed(filter), 2U);
+    filter.removePid({0x101, 8192});
+    EXPECT_EQ(countPassed(filter), 1U);
+    EXPECT_TRUE(filter.isPidPassed(0x100));
+    EXPECT_FALSE(filter.isPidPassed(0x100 + 8192));
+    filter.passAll(true);
+    EXPECT_EQ(countPassed(filter), 8191U);
 }
 
 }  // namespace

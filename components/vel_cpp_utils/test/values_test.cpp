@@ -1,0 +1,89 @@
+#include <gmock/gmock.h>
+
+#include "thrown_text.h"
+#include "vel/cpp_utils/error.h"
+#include "vel/cpp_utils/network/ipadrcontainer.h"
+#include "vel/cpp_utils/network/macadrcontainer.h"
+
+namespace Vel::CppUtil {
+namespace {
+
+using testing::ElementsAre;
+using Octets = std::vector<std::uint8_t>;
+
+TEST(Error, TextIsCategoryDetailAndPlace) {
+    EXPECT_STREQ(InitializationError("detail", "f.cpp", 1).what(), "Initialization Error: detail(f.cpp:1)");
+    EXPECT_STREQ(ParsingError("detail", "f.cpp", 22).what(), "Generic parsing Error: detail(f.cpp:22)");
+    EXPECT_STREQ(OutOfRangeError("detail", "f.cpp", 333).what(), "Out of Range Error: detail(f.cpp:333)");
+    EXPECT_STREQ(InvalidArgumentError("detail", "f.cpp", -1).what(),
+                 "Invalid Argument Error: detail(f.cpp:-1)");
+    EXPECT_STREQ(NotImplementedError("", "f.cpp", 0).what(), "Not Implemented Error: (f.cpp:0)");
+    const Error& error = IOError("detail", "f.cpp", 1, "reason");
+    EXPECT_STREQ(error.what(), "IOErrorr: detail(f.cpp:1)");
+    EXPECT_EQ(error.getMessage(), "IOErrorr: detail");
+}
+
+TEST(IpAdrContainer, TextAndOctetsAreViewsOfTheValue) {
+    const IpAdrContainer address("224.1.2.3");
+    EXPECT_EQ(address.toUint32(), 0xE0010203U);
+    EXPECT_EQ(address.toString(), "224.1.2.3");
+    EXPECT_EQ(address.getOctet(3), 224);
+    EXPECT_THAT(address.toOctets(), ElementsAre(3, 2, 1, 224));
+    EXPECT_EQ(IpAdrContainer(Octets{3, 2, 1, 224}).toUint32(), 0xE0010203U);
+    EXPECT_EQ(IpAdrContainer().toString(), "0.0.0.0");
+    EXPECT_EQ(IpAdrContainer::fromString("010.001.002.255"), 0x0A0102FFU);
+    for (const auto& [text, isMulticast] :
+         {std::pair("223.255.255.255", false), std::pair("224.0.0.0", true),
+          std::pair("239.255.255.255", true), std::pair("240.0.0.0", false)}) {
+        EXPECT_EQ(IpAdrContainer(text).isMulticast(), isMulticast) << text;
+    }
+    // The syntax check leaves the number of groups and their range open.
+    EXPECT_TRUE(IpAdrContainer::isValidString("999.1.1.1") && IpAdrContainer::isValidString("10.20.30."));
+    EXPECT_FALSE(IpAdrContainer::isValidString("1.2.3."));            // 6 characters
+    EXPECT_FALSE(IpAdrContainer::isValidString("0255.255.255.255"));  // 16 characters
+    EXPECT_FALSE(IpAdrContainer::isValidString(std::string("1.2.3.4\0", 8)));
+}
+
+TEST(MacAdrContainer, FirstPairOfTheTextIsOctetFive) {
+    MacAdrContainer address("01:00:5e:7f:ff:fa");
+    EXPECT_EQ(address.getOctet(5), 0x01);
+    EXPECT_EQ(address.getOctet(0), 0xFA);
+    EXPECT_EQ(MacAdrContainer(Octets{0x0C, 0x0B, 0x0A, 0x5E, 0x00, 0x01}).toString(), "01:00:5E:0A:0B:0C");
+    EXPECT_EQ(MacAdrContainer().toString(), "00:00:00:00:00:00");
+    EXPECT_THROW(address = "AA:BB:CC:DD:EE:GG", ParsingError);
+    EXPECT_EQ(address.toString(), "01:00:5E:7F:FF:FA") << "a failed assignment changes nothing";
+    // A multicast group maps its low 23 bits (RFC 1112).
+    EXPECT_EQ(MacAdrContainer(IpAdrContainer("239.129.2.3")).toString(), "01:00:5E:01:02:03");
+    EXPECT_EQ(MacAdrContainer(IpAdrContainer("239.255.255.255")).toString(), "01:00:5E:7F:FF:FF");
+    EXPECT_EQ(thrownText<InvalidArgumentError>([] { MacAdrContainer(IpAdrContainer("192.168.0.1")); }),
+              "Invalid Argument Error: IP address must be in the multicast range");
+}
+
+TEST(Addresses, OtherTextsAndSizesAreRefusedByName) {
+    const std::string prefix = "Generic parsing Error: Unable to parse string representation of ";
+    for (const std::string text :
+         {"", "256.0.0.1", "1.2.3.256", "1.2.3.4.5", "10..2.3", ".10.2.3", ".1.2.3.4", "1.2.3.4x", "1.2. 3.4",
+          " 1.2.3.4", "1.2.3.4\n", "1.2.3.-4", "+1.2.3.4", "1234.1.1.1", "10.20.30", "10.20.30.", "1.2.3."}) {
+        EXPECT_EQ(thrownText<ParsingError>([&] { IpAdrContainer::fromString(text); }),
+                  prefix + "IPv4 address: \"" + text + "\"");
+    }
+    for (const std::string text : {"", "1:00:5E:7F:FF:FA", "01-00-5E-7F-FF-FA", "01:00:5E:7F:FF:FG",
+                                   "01:00:5E:7F:FF:FA:", "01:00:5E:7F:FF:F:", ":01:00:5E:7F:FF:F",
+                                   "01::0:5E:7F:FF:FA", "01005E7FFFFA01005", "0x:00:5E:7F:FF:FA"}) {
+        EXPECT_EQ(thrownText<ParsingError>([&] { MacAdrContainer::fromString(text); }),
+                  prefix + "MAC address: \"" + text + "\"");
+    }
+    const auto refusal = [](auto call) { return thrownText<OutOfRangeError>(call).substr(20); };
+    EXPECT_EQ(refusal([] { (void)IpAdrContainer().getOctet(4); }), "Octet index (4) out of range.");
+    EXPECT_EQ(refusal([] { (void)IpAdrContainer(Octets(3)); }),
+              "Octet vector has invalid size (3) expected 4");
+    EXPECT_EQ(refusal([] { (void)IpAdrContainer(Octets(5)); }),
+              "Octet vector has invalid size (5) expected 4");
+    EXPECT_EQ(refusal([] { (void)MacAdrContainer().getOctet(6); }),
+              "Octet index is out of range of a 48bit MAC address. Got 6 expected less than 6.");
+    EXPECT_EQ(refusal([] { (void)MacAdrContainer(Octets(7)); }),
+              "Invalid size of MAC address octet vector. Expected 6 octets, but got 7");
+}
+
+}  // namespace
+}  // namespace Vel::CppUtil
