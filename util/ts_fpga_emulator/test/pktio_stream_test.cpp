@@ -61,46 +61,31 @@ protected:
     PacketDispatcher m_Dispatcher{m_Folder / "records"};
 };
 
-TEST_F(PktioStreamTest, InputPlaysItsFileOnceAndAllRoutesOfAChangeTakeEffectTogether) {
-    using InputAdded = FPGAMonEvent_InputTSAdded;
+TEST_F(PktioStreamTest, AllRoutesOfAChangeTakeEffectTogether) {
     using RouteAdded = FPGAMonEvent_CPUPIDAdded;
-    using RouteRemoved = FPGAMonEvent_CPUPIDRemoved;
     constexpr const char* URI = "udp://239.10.0.1:5000";
     writePackets(9, {0x100, 0x101, 0x102}, "truncated");
-    PktioStreamManager manager(m_Dispatcher, StreamMode::MaxRate,
-                               {{URI, m_File}, {"udp://239.10.0.8", "/missing"}, {"udp://239.10.0.9", ""}});
-    const auto change = [&]<typename... Event>(const Event&... events) {
-        (manager.handleEvent(std::make_unique<Event>(events)), ...);
-        manager.handleChangeEnd();
+    PktioStreamManager manager(m_Dispatcher, StreamMode::MaxRate, {{URI, m_File}, {"udp://239.10.0.9", ""}});
+    const auto handle = [&]<typename Event>(const Event& event) {
+        manager.handleEvent(std::make_unique<Event>(event));
     };
-    // Routes wait for their input, which must have the very URI of a file.
-    change(RouteAdded(3, 0x100));
-    change(RouteAdded(7, 0x101));
-    for (const char* uri : {"UDP://239.10.0.1:5000", "udp://239.10.0.1:5000/", "udp://239.10.0.9"}) {
-        change(InputAdded(uri, 3));
+    // A route waits for its input, which must have the very URI of a file.
+    handle(RouteAdded(3, 0x100));
+    for (const char* uri : {"UDP://239.10.0.1:5000", "udp://239.10.0.1:5000/", "udp://239.10.0.9", URI}) {
+        EXPECT_THAT(m_Log.lines("[debug] Create PktioStreamIn"), IsEmpty());
+        handle(FPGAMonEvent_InputTSAdded(uri, 3));
     }
-    EXPECT_THAT(m_Log.lines("[debug] Create PktioStreamIn"), IsEmpty());
-    manager.handleEvent(std::make_unique<InputAdded>(URI, 3));
-    // Time to play, for a stream that does not wait for the end of the change.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    change(RouteAdded(3, 0x101), RouteAdded(3, 0x102), RouteRemoved(3, 0x101), RouteAdded(3, 8192));
+    // Many routes, for which a stream that does not wait for the end of the change has time to play.
+    for (std::uint32_t pid = 0x200; pid < 0x300; ++pid) {
+        handle(RouteAdded(3, pid));
+    }
+    handle(RouteAdded(3, 0x101));
+    handle(RouteAdded(3, 0x102));
+    handle(FPGAMonEvent_CPUPIDRemoved(3, 0x101));
+    manager.handleChangeEnd();
     EXPECT_THAT(recordNumbers(), ElementsAre(0, 2, 3, 5, 6, 8));
-    const auto lines = m_Log.lines("[info]");
-    EXPECT_THAT(std::vector(lines.begin() + 5, lines.begin() + 7),
-                ElementsAre("[info] Detected added input TS: udp://239.10.0.1:5000 @ TSIIDX 3",
-                            "[info] Detected added CPU route of PID 256 from TSIIDX 3"));
-    change(RouteAdded(3, 0x101));
-    EXPECT_THAT(m_Log.lines("[debug] Add PID 258 to stream"), SizeIs(1));
-    // A removal goes by the TSIIDX, and the next stream starts with every PID blocked.
-    change(FPGAMonEvent_InputTSRemoved("udp://1.2.3.4", 3));
-    EXPECT_THAT(m_Log.lines("[debug] Joined with PktioStreamIn streaming thread"), SizeIs(1));
-    change(InputAdded(URI, 3), RouteRemoved(3, 0x100));
-    change(InputAdded("udp://239.10.0.8", 8), RouteAdded(8, 0x100));
-    ASSERT_TRUE(
-        m_Log.waitFor("[error] Stream of TSIIDX 8 has ended: IOErrorr: Unknown error occurred when "
-                      "reading from \"/missing\"("));
-    EXPECT_TRUE(m_Log.lines("[error]")[0].ends_with(") [No such file or directory]"));
-    EXPECT_THAT(m_Log.lines("[debug] Starting stream thread."), SizeIs(2));
+    manager.handleChangeEnd();
+    EXPECT_THAT(m_Log.lines("[debug] Add PID 258 to stream"), SizeIs(1)) << "a change is applied once";
 }
 
 TEST_F(PktioStreamTest, FilterIsAskedAtTheReleaseAndARouteNeverChangesWithinABatch) {
