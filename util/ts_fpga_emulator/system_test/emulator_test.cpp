@@ -42,8 +42,7 @@ TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {
     std::signal(SIGTERM, SIG_IGN);
     std::jthread writer([&](const std::stop_token& stop) {
         for (std::uint32_t i = 0; !stop.stop_requested(); ++i) {
-            router[PID_LUT + 2] = i;
-            router[PID_LUT + 3] = CPU_ROUTE | (i & 0xFF);
+            setRoute(1, i & 0xFF, i & 0x1FFF);
         }
     });
     for (int delay = 0; delay < 24; ++delay) {

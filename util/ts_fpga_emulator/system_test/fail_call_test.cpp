@@ -115,14 +115,14 @@ TEST_P(FailCallTest, EmulatorReportsItAndWritesAGaplessBeginning) {
 
 TEST_P(FailCallTest, CompanionLeavesEachTableAsItWasOrAsItShouldBe) {
     const auto fill = [&] {
-        tsio.clear();
-        router.clear();
+        tsio.writeBlock8(0, Bytes(TSIO_SIZE));
+        router.writeBlock8(0, Bytes(ROUTER_SIZE));
         setInput(0, 1, 1);
         setInput(1, 3, 3);
         setRoute(0, 3, 0x100);
     };
     const auto run = [&](const Texts& command, const std::function<void()>& prepare) {
-        const Texts devices = {"-t", tsio.path(), "-r", router.path()};
+        const Texts devices = {"-t", tsioPath, "-r", routerPath};
         emulator = std::make_unique<Program>(ZEPCTL_PROGRAM, devices + command, prepare);
         return emulator->wait(std::chrono::seconds(10));
     };
@@ -139,20 +139,21 @@ TEST_P(FailCallTest, CompanionLeavesEachTableAsItWasOrAsItShouldBe) {
     for (const auto& command : commands) {
         SCOPED_TRACE(testing::PrintToString(command));
         fill();
-        const Bytes tsioBefore = readFile(tsio.path());
-        const Bytes routerBefore = readFile(router.path());
+        const Bytes tsioBefore = readFile(tsioPath);
+        const Bytes routerBefore = readFile(routerPath);
         ASSERT_EQ(run(command, {}), 0) << emulator->err();
         const std::string out = emulator->out();
-        const Bytes tsioAfter = readFile(tsio.path());
-        const Bytes routerAfter = readFile(router.path());
+        const Bytes tsioAfter = readFile(tsioPath);
+        const Bytes routerAfter = readFile(routerPath);
         forEachFailure([&] {
             fill();
             const int status = run(command, injection());
-            const auto isKept = [&](const Table& table, const Bytes& before, const Bytes& after) {
-                const Bytes now = readFile(table.path());
+            const auto isKept = [&](const std::string& path, const Bytes& before, const Bytes& after) {
+                const Bytes now = readFile(path);
                 return now == after || (status != 0 && now == before);
             };
-            ASSERT_TRUE(isKept(tsio, tsioBefore, tsioAfter) && isKept(router, routerBefore, routerAfter));
+            ASSERT_TRUE(isKept(tsioPath, tsioBefore, tsioAfter) &&
+                        isKept(routerPath, routerBefore, routerAfter));
             const std::string err = emulator->err();
             if (status == 0) {
                 ASSERT_EQ(emulator->out(), out);

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,15 +12,14 @@
 #include <functional>
 #include <iterator>
 #include <memory>
-#include <optional>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "test_files.h"
 #include "test_packet.h"
+#include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
 namespace Vel::SystemTest {
 
@@ -125,39 +123,8 @@ private:
     int m_Status = -1;  // of the ended program
 };
 
-/// A zeroed stand-in for a control device, mapped as another program maps it: what is stored here is seen
-/// there at once. The layout is written out in the tests on purpose, so that they do not share a mistake with
-/// the programs.
-class Table {
-public:
-    Table(std::string path, std::size_t size) : m_Path(std::move(path)), m_Size(size) {
-        const int fd = ::open(m_Path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (::ftruncate(fd, static_cast<off_t>(size)) == 0) {
-            m_Base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        }
-        ::close(fd);
-        if (m_Base == MAP_FAILED) {
-            throw std::runtime_error("cannot map " + m_Path);
-        }
-    }
-    ~Table() { ::munmap(m_Base, m_Size); }
-    Table(const Table&) = delete;
-    Table& operator=(const Table&) = delete;
-
-    volatile std::uint32_t& operator[](std::size_t word) {
-        return static_cast<volatile std::uint32_t*>(m_Base)[word];
-    }
-    void clear() { std::fill_n(&(*this)[0], m_Size / sizeof(std::uint32_t), 0); }
-    const std::string& path() const { return m_Path; }
-
-private:
-    std::string m_Path;
-    std::size_t m_Size;
-    void* m_Base = MAP_FAILED;
-};
-
-constexpr std::size_t TSIO_SIZE = 16384;
-constexpr std::size_t ROUTER_SIZE = 131072;
+constexpr std::uint32_t TSIO_SIZE = 16384;
+constexpr std::uint32_t ROUTER_SIZE = 131072;
 constexpr std::size_t PACKET = 188;
 constexpr std::size_t RECORD = 192;
 
@@ -203,9 +170,9 @@ inline Bytes recordsOfInput(const Bytes& records, std::uint32_t tsiidx) {
 }
 
 constexpr std::uint32_t CPU_ROUTE = 1U << 13;
-constexpr std::uint32_t IP_ENABLED = 1U << 24;
-constexpr std::size_t PID_LUT = 8192;  // first word
-constexpr std::size_t IP_LUT = 2048;
+// The layout is written out here, so that tests and programs do not share a mistake.
+constexpr std::uint32_t PID_LUT = 8192;  // first word
+constexpr std::uint32_t IP_LUT = 2048;
 
 inline std::string uri(std::uint32_t n) {
     return "udp://239.1.2." + std::to_string(n) + ":5000";
@@ -217,7 +184,7 @@ class EmulatorTest : public testing::Test {
 protected:
     /// Starts the emulator on the stand-ins. `more` holds at least one -f pair.
     void start(const Texts& more, const std::function<void()>& prepare = {}) {
-        const Texts devices = {"-t", tsio.path(), "-r", router.path(), "-P", data};
+        const Texts devices = {"-t", tsioPath, "-r", routerPath, "-P", data};
         emulator = std::make_unique<Program>(ZEPTFEM_PROGRAM, devices + more, prepare);
     }
     /// start(), and waits until it monitors the tables: what is stored after that is a change.
@@ -240,16 +207,16 @@ protected:
         return linkPath(n, file);
     }
 
-    void setInput(std::size_t row, std::uint32_t n, std::uint32_t tsiidx) {
-        tsio[IP_LUT + 2 * row] = 0xEF010200U | n;
-        tsio[IP_LUT + 2 * row + 1] = IP_ENABLED | tsiidx << 16 | 5000;
+    void setInput(std::uint32_t row, std::uint32_t n, std::uint32_t tsiidx) {
+        tsio.write32(IP_LUT + 2 * row, 0xEF010200U | n);
+        tsio.write32(IP_LUT + 2 * row + 1, 1U << 24 | tsiidx << 16 | 5000);
     }
-    void clearInput(std::size_t row) { tsio[IP_LUT + 2 * row + 1] = 0; }
-    void setRoute(std::size_t row, std::uint32_t tsiidx, std::uint32_t pid, std::uint32_t filter = 255) {
-        router[PID_LUT + 2 * row] = tsiidx << 13 | pid;
-        router[PID_LUT + 2 * row + 1] = filter << 24 | CPU_ROUTE | static_cast<std::uint32_t>(row + 1);
+    void clearInput(std::uint32_t row) { tsio.write32(IP_LUT + 2 * row + 1, 0); }
+    void setRoute(std::uint32_t row, std::uint32_t tsiidx, std::uint32_t pid, std::uint32_t filter = 255) {
+        router.write32(PID_LUT + 2 * row, tsiidx << 13 | pid);
+        router.write32(PID_LUT + 2 * row + 1, filter << 24 | CPU_ROUTE | (row + 1));
     }
-    void clearRoute(std::size_t row) { router[PID_LUT + 2 * row + 1] = 0; }
+    void clearRoute(std::uint32_t row) { router.write32(PID_LUT + 2 * row + 1, 0); }
 
     bool waitForRecords(std::uintmax_t bytes) const {
         return eventually([&] {
@@ -260,9 +227,16 @@ protected:
     }
     Bytes records() const { return readFile(data); }
 
+    static std::string createTable(const std::string& path, std::size_t size) {
+        writeFile(path, Bytes(size));
+        return path;
+    }
+
     TestSupport::TemporaryFolder folder;
-    Table tsio{folder / "tsio", TSIO_SIZE};
-    Table router{folder / "router", ROUTER_SIZE};
+    const std::string tsioPath = createTable(folder / "tsio", TSIO_SIZE);
+    const std::string routerPath = createTable(folder / "router", ROUTER_SIZE);
+    Pci::PciIf tsio{tsioPath, TSIO_SIZE, 0};
+    Pci::PciIf router{routerPath, ROUTER_SIZE, 0};
     std::string data = folder / "pktio";
     std::unique_ptr<Program> emulator;
 };

@@ -182,7 +182,7 @@ private:
     }
 
     void zepctl(const Texts& command) const {
-        const Texts devices = {"-t", tsio.path(), "-r", router.path()};
+        const Texts devices = {"-t", tsioPath, "-r", routerPath};
         Program program(ZEPCTL_PROGRAM, devices + command);
         ASSERT_EQ(program.wait(), 0) << program.err();
     }
@@ -226,7 +226,7 @@ private:
 
     bool toggleRoute(std::uint32_t tsiidx, std::uint32_t pid) {
         const bool isAdded = m_Routes.insert({tsiidx, pid}).second;
-        const std::size_t row = 8 * tsiidx + pid % 8;
+        const std::uint32_t row = 8 * tsiidx + pid % 8;
         if (!isAdded) {
             m_Routes.erase({tsiidx, pid});
         }
@@ -266,9 +266,9 @@ private:
     }
 
     void truncateInputs() {
-        ASSERT_EQ(::truncate(tsio.path().c_str(), 0), 0);
-        expect("[error] PCI Error: Cannot access device memory. Device " + tsio.path());
-        ASSERT_EQ(::truncate(tsio.path().c_str(), TSIO_SIZE), 0);
+        ASSERT_EQ(::truncate(tsioPath.c_str(), 0), 0);
+        expect("[error] PCI Error: Cannot access device memory. Device " + tsioPath);
+        ASSERT_EQ(::truncate(tsioPath.c_str(), TSIO_SIZE), 0);
         for (const auto& [n, tsiidx] : m_Inputs) {
             expect(inputLine(false, n, tsiidx));
         }
