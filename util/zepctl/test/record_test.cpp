@@ -1,22 +1,21 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "records/record_reader.h"
 #include "records/record_watch.h"
+#include "test_files.h"
+#include "test_packet.h"
 
 namespace Vel::Zepctl {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::HasSubstr;
+using TestSupport::TemporaryFolder;
+using TestSupport::writeFile;
 
 constexpr ArrivalTime START{milliseconds(5'000'000)};
 constexpr std::uint64_t MS = 27'000;  // PCR ticks
@@ -33,57 +32,30 @@ std::string recordsOf(const std::string& notation) {
     std::istringstream words(notation);
     for (std::string word; words >> word;) {
         const auto has = [&word](char flag) { return word.find(flag) != std::string::npos; };
-        const std::uint32_t pid = has('z') ? Ts::NULL_PID : has('q') ? 0x101 : 0x100;
-        const bool discontinuity = has('d') || has('D');
-        std::uint8_t b[Ts::RECORD_SIZE];
-        std::fill(std::begin(b), std::end(b), has('f') ? 'f' : ' ');
-        Ts::writeRecordHeader(b, has('t') ? 255 : has('T') ? 256 : 3);
-        b[4] = has('x') ? 0x46 : Ts::SYNC_BYTE;
-        b[5] = static_cast<std::uint8_t>((has('e') ? 0x80 : 0) | (pid >> 8));
-        b[6] = static_cast<std::uint8_t>(pid);
-        b[7] = static_cast<std::uint8_t>((has('s') ? 0x80 : 0) | (discontinuity || has('p') ? 0x20 : 0) |
-                                         (has('n') ? 0 : 0x10) | std::stoi(word));
-        if (discontinuity || has('p')) {
-            b[8] = has('D') ? 184 : 7;
-            b[9] = static_cast<std::uint8_t>((discontinuity ? 0x80 : 0) | (has('p') ? 0x10 : 0));
-            const std::uint64_t base = has('p') ? std::stoull(word.substr(word.find('p') + 1)) * 90 : 0;
-            for (int i = 0; i < 6; ++i) {
-                b[10 + i] = static_cast<std::uint8_t>(base << 15 >> (40 - 8 * i));
-            }
+        TestSupport::TestPacket packet{
+            .pid = has('z')   ? Ts::NULL_PID
+                   : has('q') ? 0x101U
+                              : 0x100U,
+            .number = has('f') ? 1U : 0U,
+            .counter = static_cast<std::uint32_t>(std::stoi(word)),
+            .payload = !has('n'),
+            .discontinuity = has('d') || has('D'),
+            .transportError = has('e'),
+            .scrambled = has('s'),
+            .adaptationLength = static_cast<std::uint8_t>(has('D') ? 184 : 7),
+            .sync = has('x') ? std::uint8_t{0x46} : Ts::SYNC_BYTE,
+        };
+        if (has('p')) {
+            packet.pcr = std::stoull(word.substr(word.find('p') + 1)) * MS;
         }
-        stream.append(std::begin(b), std::end(b));
+        const auto record = packet.record(has('t') ? 255 : has('T') ? 256 : 3);
+        stream.append(record.begin(), record.end());
     }
     return stream;
 }
 
 std::span<const std::uint8_t> bytesOf(const std::string& stream) {
     return {reinterpret_cast<const std::uint8_t*>(stream.data()), stream.size()};
-}
-
-/// An empty current directory, as long as this exists.
-struct ScratchDirectory {
-    std::string path = (std::filesystem::temp_directory_path() / "zepctl_XXXXXX").string();
-
-    ScratchDirectory() { std::filesystem::current_path(::mkdtemp(path.data())); }
-    ~ScratchDirectory() {
-        std::filesystem::current_path("/");
-        std::filesystem::remove_all(path);
-    }
-};
-
-void writeFile(const std::string& name, const std::string& bytes) {
-    std::ofstream(name, std::ios::binary) << bytes;
-}
-
-std::string readFile(const std::string& name) {
-    return (std::ostringstream() << std::ifstream(name, std::ios::binary).rdbuf()).str();
-}
-
-/// What a shell command prints, errors included, and its exit status, where zepctl is the built program.
-std::string shell(const std::string& command) {
-    const std::string line = "exec >output 2>&1; zepctl() { " ZEPCTL_PROGRAM " \"$@\"; }\n" + command;
-    const int status = std::system(line.c_str());
-    return readFile("output") + "status " + std::to_string(WEXITSTATUS(status)) + "\n";
 }
 
 TEST(RecordCheck, JudgesContinuityByTheStandard) {
@@ -155,11 +127,12 @@ std::string readOnce(RecordReader& reader) {
 }
 
 TEST(RecordReader, JoinsRecordsOfAFifoThatComeInPieces) {
-    const ScratchDirectory scratch;
-    ASSERT_EQ(::mkfifo("fifo", 0600), 0);
-    RecordReader reader("fifo");
+    const TemporaryFolder folder;
+    const std::string fifo = folder / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    RecordReader reader(fifo);
     EXPECT_FALSE(reader.waitForData(std::chrono::milliseconds(1))) << "waits for the first writer";
-    CppUtil::FileDescriptor writer(::open("fifo", O_WRONLY));
+    CppUtil::FileDescriptor writer(::open(fifo.c_str(), O_WRONLY));
     const std::string stream = recordsOf("0 1 2 3");
     std::string read;
     for (std::size_t at = 0; at < 767; at += 59) {
@@ -175,15 +148,16 @@ TEST(RecordReader, JoinsRecordsOfAFifoThatComeInPieces) {
 }
 
 TEST(RecordReader, FollowsAFileThatGrowsAndRestartsWhenItIsTruncated) {
-    const ScratchDirectory scratch;
+    const TemporaryFolder folder;
+    const std::string path = folder / "file";
     const std::string stream = recordsOf("0 1 2");
-    writeFile("file", stream.substr(0, 300));
-    RecordReader reader("file");
+    writeFile(path, stream.substr(0, 300));
+    RecordReader reader(path);
     EXPECT_EQ(readOnce(reader), "0");
-    writeFile("file", stream + "torn");
+    writeFile(path, stream + "torn");
     EXPECT_FALSE(reader.restartIfTruncated());
     EXPECT_EQ(readOnce(reader), "12");
-    writeFile("file", recordsOf("9") + "torn");
+    writeFile(path, recordsOf("9") + "torn");
     EXPECT_TRUE(reader.restartIfTruncated());
     EXPECT_EQ(readOnce(reader), "9");
     EXPECT_EQ(reader.getTornBytes(), 4U);
@@ -259,109 +233,6 @@ TEST(RecordWatch, HasOneRowPerInputAndDoesNotTimeWhatWasThereBefore) {
                 testing::ElementsAre(
                     "   3725       3        1.5        1.5           9           1      +4.0    +1001",
                     "   3725     255          -          -           1           0         -        -"));
-}
-
-TEST(RecordCommands, CheckReportsCountsAndFaultsAsTextAndAsJson) {
-    const ScratchDirectory scratch;
-    writeFile("clean", recordsOf("0p0"));
-    EXPECT_THAT(shell("zepctl records check clean"),
-                HasSubstr("clean is right: 1 record, no fault\nstatus 0\n"));
-    EXPECT_EQ(shell("zepctl records check - </dev/null"),
-              "standard input is empty: no record, no fault\nstatus 0\n");
-    writeFile("\xFF", recordsOf("0q 0p0 1q 2p10 0es 0T 0Tx 0ts") + std::string(100, ' '));
-    EXPECT_EQ(shell("zepctl records check \xFF 2>/dev/null"), &R"(
-TSIIDX     PID     PACKETS  CONTINUITY  SCRAMBLED  TRANSPORT    PCRS     KBIT/S
-     3  0x0100           3           1          0          1       2      150.4
-     3  0x0101           2           0          0          0       0      150.4
-     3     all           5           1          0          1       2      300.8
-   255  0x0100           1           0          1          0       0          -
-   255     all           1           0          1          0       0          -
-1 continuity error; the first at record 3 (byte 576): TSIIDX 3, PID 0x0100: continuity counter 2, expected 1
-1 transport error; the first at record 4 (byte 768): TSIIDX 3, PID 0x0100: transport_error_indicator is set
-2 unknown TSIIDX values; the first at record 5 (byte 960): TSIIDX 256, allowed 0..255
-1 torn record; the first at record 8 (byte 1536): ends after 100 of 192 bytes
-status 1
-)"[1]);
-    shell("zepctl records check --json \xFF >json");
-    EXPECT_EQ(nlohmann::ordered_json::parse(readFile("json")), nlohmann::ordered_json::parse(R"(
-{"file": "\uFFFD", "records": 8, "ok": false, "faults": {
- "continuity_errors":
-  {"count": 1, "first": {"record": 3, "byte": 576, "tsiidx": 3, "pid": 256, "expected": 1, "found": 2}},
- "transport_errors":
-  {"count": 1, "first": {"record": 4, "byte": 768, "tsiidx": 3, "pid": 256, "expected": 0, "found": 1}},
- "bad_sync": {"count": 0, "first": null},
- "unknown_tsiidx":
-  {"count": 2, "first": {"record": 5, "byte": 960, "tsiidx": 256, "pid": null, "expected": 255, "found": 256}},
- "torn_record":
-  {"count": 1, "first": {"record": 8, "byte": 1536, "tsiidx": null, "pid": null, "expected": 192, "found": 100}}},
-"inputs": [
- {"tsiidx": 3, "packets": 5, "continuity_errors": 1, "pcr_pid": 256, "bit_rate": 300800, "pids": [
-  {"pid": 256, "packets": 3, "continuity_errors": 1, "scrambled": 0, "transport_errors": 1, "pcrs": 2,
-   "bit_rate": 150400},
-  {"pid": 257, "packets": 2, "continuity_errors": 0, "scrambled": 0, "transport_errors": 0, "pcrs": 0,
-   "bit_rate": 150400}]},
- {"tsiidx": 255, "packets": 1, "continuity_errors": 0, "pcr_pid": null, "bit_rate": null, "pids": [
-  {"pid": 256, "packets": 1, "continuity_errors": 0, "scrambled": 1, "transport_errors": 0, "pcrs": 0,
-   "bit_rate": null}]}]})"));
-}
-
-TEST(RecordCommands, SplitWritesTheGoodPacketsOfEachInputInOrder) {
-    const ScratchDirectory scratch;
-    std::string stream;
-    std::string packets;
-    for (int i = 0; i < 3000; ++i) {  // more than one block
-        stream += recordsOf("0p" + std::to_string(i));
-        packets += stream.substr(stream.size() - Ts::TS_PACKET_SIZE);
-    }
-    writeFile("records", stream + recordsOf("0x 0T 0t"));
-    shell("mkdir -p a/b; echo stays >a/b/tsiidx-004.ts; head -c 1000000 /dev/zero >a/b/tsiidx-003.ts");
-    EXPECT_EQ(shell("zepctl records split records a/b"), &R"(
-a/b/tsiidx-003.ts: 3000 packets
-a/b/tsiidx-255.ts: 1 packet
-1 bad sync byte; the first at record 3000 (byte 576000): TSIIDX 3: sync byte 0x46, expected 0x47
-1 unknown TSIIDX value; the first at record 3001 (byte 576192): TSIIDX 256, allowed 0..255
-zepctl: records is faulty
-status 1
-)"[1]);
-    EXPECT_TRUE(readFile("a/b/tsiidx-003.ts") == packets);
-    EXPECT_TRUE(readFile("a/b/tsiidx-255.ts") == recordsOf("0t").substr(Ts::RECORD_HEADER_SIZE));
-    EXPECT_EQ(readFile("a/b/tsiidx-004.ts"), "stays\n");
-}
-
-TEST(RecordCommands, ReportWhatCannotBeDone) {
-    const ScratchDirectory scratch;
-    writeFile("tsiidx-003.ts", recordsOf("0"));
-    shell("ln -s tsiidx-003.ts in; mkdir -p full taken/tsiidx-003.ts; ln -s /dev/full full/tsiidx-003.ts");
-    const char* cases[][2] = {
-        {"check none", "Cannot open none: No such file or directory\nstatus 3"},
-        {"watch .", "Cannot read .: Is a directory\nstatus 3"},
-        {"split in .", "Cannot create ./tsiidx-003.ts: it is the file that is read\nstatus 3"},
-        {"split in in", "Cannot create directory in: Not a directory\nstatus 3"},
-        {"split in taken", "Cannot create taken/tsiidx-003.ts: Is a directory\nstatus 3"},
-        {"split in full", "Cannot write full/tsiidx-003.ts: No space left on device\nstatus 3"},
-        {"watch in --for 0", "--for 0 is not a number of seconds above 0, up to 31622400\nstatus 2"},
-        {"watch in --for nan", "--for nan is not a number of seconds above 0, up to 31622400\nstatus 2"},
-        {"watch in --for 4e7", "--for 40000000 is not a number of seconds above 0, up to 31622400\nstatus 2"},
-        {"watch in --for 1s", "--for = 1s\nstatus 2"},
-    };
-    for (const auto& [arguments, error] : cases) {
-        EXPECT_THAT(shell(std::string("zepctl records ") + arguments), HasSubstr(error));
-    }
-    EXPECT_EQ(readFile("in"), recordsOf("0")) << "the source of a split is not overwritten";
-}
-
-TEST(RecordCommands, WatchPrintsALinePerSecondAndEndsWithTheWriterASignalOrItsTime) {
-    const ScratchDirectory scratch;
-    writeFile("records", recordsOf("1 3").substr(0, 383));
-    EXPECT_THAT(
-        shell("mkfifo fifo; (cat records; while ! grep -q ' 3 ' output; do sleep 0.01; done) >fifo &"
-              "zepctl records watch fifo"),
-        testing::MatchesRegex("SECONDS [^\n]*\n( +[0-9]+ +3 +- +- +1 +0 +- +-\n)+"
-                              "fifo watched for [0-9.]+ s: 1 record\n1 torn record; [^\n]*\nstatus 0\n"));
-    EXPECT_THAT(shell(ZEPCTL_PROGRAM " records watch fifo & exec 3>fifo; kill $!; wait $!"),
-                HasSubstr(" s: 0 records, no fault\nstatus 0\n"));
-    EXPECT_THAT(shell("zepctl records watch records --for 0.01"),
-                HasSubstr(" s: 1 record, no fault\nstatus 0"));
 }
 
 }  // namespace
