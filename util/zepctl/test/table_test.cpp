@@ -13,7 +13,6 @@
 #include "tables/input_table.h"
 #include "tables/route_table.h"
 #include "tables/row_text.h"
-#include "thrown_text.h"
 #include "vel/userspace_drivers/interfaces/lindevmemaccessor.h"
 
 namespace Vel::Zepctl {
@@ -89,11 +88,6 @@ std::vector<std::string> eventsSeen(const Words& initial, const std::vector<Stor
     }
     monitor.pollLut();
     return consumer.events;
-}
-
-/// The text of the refusal that `change` throws.
-std::string refusalOf(const std::function<void()>& change) {
-    return thrownText<CommandError>(change);
 }
 
 IpInEntry input(std::uint32_t tsiidx, std::uint32_t octets) {
@@ -205,24 +199,6 @@ TEST_F(InputTableTest, AWriterKilledAtAnyStoreLeavesATableThatTheNextOneMends) {
     }
 }
 
-TEST_F(InputTableTest, RefusalsSayWhyAndChangeNothing) {
-    putLastRows({1, 0, 3});
-    EXPECT_EQ(refusalOf([&] { add(input(4, 3)); }), "udp://239.0.0.3:5000 is there already, with TSIIDX 255");
-    EXPECT_EQ(refusalOf([&] { add(input(255, 4)); }), "TSIIDX 255 is taken by udp://239.0.0.3:5000");
-    EXPECT_EQ(refusalOf([&] { remove(input(0, 2)); }), "There is no input udp://239.0.0.2:5000");
-    putLastRows({1, 5, 0, 4, 0, 2});
-    const std::string order =
-        "Row 253 of the IP LUT is out of order: udp://239.0.0.4:5000 comes after "
-        "udp://239.0.0.5:5000; \"zepctl clear inputs\" clears the table";
-    EXPECT_EQ(refusalOf([&] { add(input(9, 9)); }), order);
-    EXPECT_EQ(refusalOf([&] { remove(input(0, 5)); }), order);
-    for (std::uint32_t i = 0; i < IpLut::TABLE.rows; ++i) {
-        memory.putRow(IpLut::TABLE, i, input(7, i));
-    }
-    EXPECT_EQ(refusalOf([&] { add(input(8, 300)); }), "The IP LUT is full: all 256 rows are in use");
-    EXPECT_TRUE(memory.stores.empty());
-}
-
 TEST_F(RouteTableTest, AChangePreparesTheOtherBankAndFlipsTheSelectBit) {
     constexpr std::uint32_t BANK_WORDS = PidLut::TABLE.rows * PidLutEntry::WORDS;
     for (std::uint32_t& word : memory.words) {
@@ -261,61 +237,6 @@ TEST_F(RouteTableTest, RowsOfOtherSoftwareAreKeptInOrderIfTheyHaveARoute) {
     EXPECT_EQ(rows,
               "2 0x0002 --filter 1\n5 0x0000 --pididx 2 --filter 255\n"
               "5 0x0001 --out --no-cpu --pididx 4095 --filter 3\n9 0x0001 --pididx 1 --filter 255\n");
-}
-
-TEST_F(RouteTableTest, RefusalsSayWhyAndChangeNothing) {
-    memory.putRow(PidLut::TABLE, 0, PidLutEntry(3, 0x100, 1, false, true));
-    EXPECT_EQ(refusalOf([&] {
-                  add({3, 0x100, 2, true, false});
-              }),
-              "There is a route for it already: 3 0x0100 --pididx 1 --filter 255");
-    EXPECT_EQ(refusalOf([&] {
-                  add({3, 0x101, 2, false, false});
-              }),
-              "A route needs the CPU route, the out route or both");
-    EXPECT_EQ(refusalOf([&] { RouteTable(memory).remove(3, 0x101); }),
-              "There is no route for TSIIDX 3, PID 0x0101");
-    for (std::uint32_t i = 0; i < PidLut::TABLE.rows; ++i) {
-        memory.putRow(PidLut::TABLE, i, PidLutEntry(4, i, 1, false, true));
-    }
-    EXPECT_EQ(refusalOf([&] {
-                  add({3, 0x100, 2, false, true});
-              }),
-              "The PID LUT is full: all 2048 rows are in use");
-    EXPECT_TRUE(memory.stores.empty());
-}
-
-TEST(RowTextTest, OnlyTheUriThatTheMonitorsWriteIsTaken) {
-    for (const std::string uri : {"udp://239.1.2.3:5000", "udp://239.1.2.3", "udp://10.0.0.1:65535"}) {
-        EXPECT_EQ(formatInput(parseInputUri(uri)), uri + " 0");
-        EXPECT_TRUE(parseInputUri(uri).isEnabled());
-    }
-    for (const std::string uri : {"udp://239.1.2.3:05000", "udp://239.01.2.3:5000", "UDP://239.1.2.3:5000",
-                                  "udp://239.1.2.3:5000/"}) {
-        EXPECT_EQ(refusalOf([&] { parseInputUri(uri); }),
-                  "\"" + uri + "\" is not the URI of an input: write it as udp://239.1.2.3:5000");
-    }
-    for (const std::string uri : {"", "239.1.2.3:5000", "udp:/239.1.2.3", "udp://host:5000",
-                                  "udp://239.1.2.3:65536", "udp://239.1.2.3:-1", "udp://239.1.2.256:1"}) {
-        EXPECT_EQ(refusalOf([&] { parseInputUri(uri); }),
-                  "\"" + uri +
-                      "\" is not the URI of an input: its form is udp://239.1.2.3:5000, "
-                      "or udp://239.1.2.3 for port 0");
-    }
-}
-
-TEST(RowTextTest, ANumberIsDecimalOrHexadecimalAndWithinItsLimits) {
-    EXPECT_EQ(parseNumber("N", "010", {10, 4095}), 10U);
-    EXPECT_EQ(parseNumber("N", "0xFff", {10, 4095}), 4095U);
-    EXPECT_EQ(parseNumber("N", "0XA", {10, 4095}), 10U);
-    for (const std::string text :
-         {"", "0x", "9", "4096", "0x1000", "-11", "+11", " 11", "11 ", "11k", "4294967311"}) {
-        EXPECT_EQ(
-            refusalOf([&] {
-                parseNumber("N", text, {10, 4095});
-            }),
-            "N \"" + text + "\" is not a number from 10 to 4095, in decimal or hexadecimal with a 0x prefix");
-    }
 }
 
 }  // namespace Vel::Zepctl
