@@ -7,27 +7,14 @@
 #include <sstream>
 #include <vector>
 
+#include "fake_memory.h"
 #include "fpga_monitoring/iplut_monitor.h"
 #include "fpga_monitoring/pidlut_monitor.h"
 #include "require.h"
-#include "vel/userspace_drivers/interfaces/lindevmemaccessor.h"
 
 namespace {
 
 using namespace Vel;
-
-/// A device as a vector of words.
-struct Memory : Drivers::LinDevMemAccessor {
-    Drivers::MemSegment getMemSegment() const override {
-        return {Drivers::Zep::ROUTER_DEVICE.size, reinterpret_cast<std::uint8_t*>(words.get())};
-    }
-    void checkAccessible() const override {}
-    void load(const std::uint8_t* data, std::size_t size, std::uint32_t base) const {
-        std::memcpy(words.get() + base, data, std::min<std::size_t>(size, 4096));
-    }
-    std::unique_ptr<std::uint32_t[]> words =
-        std::make_unique<std::uint32_t[]>(Drivers::Zep::ROUTER_DEVICE.size / sizeof(std::uint32_t));
-};
 
 struct Counter : Utils::IFPGAEventConsumer {
     void handleEvent(std::unique_ptr<Utils::FPGAMonEvent> event) override {
@@ -40,13 +27,18 @@ struct Counter : Utils::IFPGAEventConsumer {
     int present = 0;
 };
 
+void load(Drivers::FakeMemory& memory, const std::uint8_t* data, std::size_t size, std::uint32_t base) {
+    std::memcpy(&memory.words[base], data, std::min<std::size_t>(size, 4096));
+}
+
 template <typename Monitor>
-void poll(std::shared_ptr<Memory> memory, const std::uint8_t* data, std::size_t size, std::uint32_t base) {
+void poll(const std::shared_ptr<Drivers::FakeMemory>& memory, const std::uint8_t* data, std::size_t size,
+          std::uint32_t base) {
     Counter counter;
     Monitor monitor(memory, counter);
-    memory->load(data, size / 2, base);
+    load(*memory, data, size / 2, base);
     monitor.pollLut();
-    memory->load(data + size / 2, size - size / 2, base);
+    load(*memory, data + size / 2, size - size / 2, base);
     monitor.pollLut();
     const int afterChange = counter.present;
     monitor.pollLut();
@@ -57,10 +49,10 @@ void poll(std::shared_ptr<Memory> memory, const std::uint8_t* data, std::size_t 
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     namespace Zep = Drivers::Zep;
-    const auto memory = std::make_shared<Memory>();
+    const auto memory = std::make_shared<Drivers::FakeMemory>();
     poll<Utils::IpLutMonitor>(memory, data, size, Zep::IpLut::TABLE.base);
     poll<Utils::PidLutMonitor>(memory, data, size, Zep::PidLut::TABLE.base);
-    memory->load(data, size, Zep::OPidMap::TABLE.base + 2);
+    load(*memory, data, size, Zep::OPidMap::TABLE.base + 2);
     std::ostringstream lines;
     Zep::dumpIpLut(*memory, 0, Zep::IpLut::TABLE.rows, 0, false, lines);
     Zep::dumpIpOutTable(*memory, 0, Zep::IpOutTable::TABLE.rows, false, lines);

@@ -3,6 +3,7 @@
 #include <set>
 #include <span>
 
+#include "fake_memory.h"
 #include "fpga_monitoring/iplut_monitor.h"
 #include "fpga_monitoring/pidlut_monitor.h"
 #include "support.h"
@@ -54,8 +55,7 @@ Rows usedRows(const TableRule& table, const Words& words) {
     return rows;
 }
 
-/// First index and words of each read.
-using Reads = std::vector<std::pair<std::uint32_t, Words>>;
+using Reads = decltype(Drivers::WatchedMemory::reads);
 
 /// The used rows that a poll with these reads has to take; nothing if they are not the reads of the rule.
 std::optional<Rows> stableRows(const TableRule& table, std::span<const Reads::value_type> reads) {
@@ -123,34 +123,6 @@ struct RecordingConsumer : IFPGAEventConsumer {
     Events events;
 };
 
-/// Either device. Calls back before every word that is read, and keeps what each read returned.
-class ScriptedMemory : public Drivers::LinDevMemAccessor {
-public:
-    Drivers::MemSegment getMemSegment() const override { return {}; }
-    std::uint32_t read32(std::uint32_t index) override {
-        std::uint32_t word = 0;
-        readBlock32Into(index, std::span(&word, 1));
-        return word;
-    }
-    void readBlock32Into(std::uint32_t index, std::span<std::uint32_t> read) override {
-        for (std::size_t i = 0; i < read.size(); ++i) {
-            beforeLoad();
-            read[i] = words.at(index + i);
-        }
-        reads.emplace_back(index, Words(read.begin(), read.end()));
-    }
-    void verifyMemory() const override {
-        if (isLost) {
-            throw Drivers::DevMemError("lost", "memory", 1);
-        }
-    }
-
-    Words words = Words(Drivers::Zep::ROUTER_DEVICE.size / sizeof(std::uint32_t));
-    std::function<void()> beforeLoad = [] {};
-    bool isLost = false;
-    Reads reads;
-};
-
 class LutModelTest : public testing::TestWithParam<const TableRule*> {
 protected:
     std::unique_ptr<LutMonitor> createMonitor() {
@@ -175,7 +147,7 @@ protected:
 
     const TableRule& m_Table = *GetParam();
     Random m_Random;
-    std::shared_ptr<ScriptedMemory> m_Memory = std::make_shared<ScriptedMemory>();
+    std::shared_ptr<Drivers::WatchedMemory> m_Memory = std::make_shared<Drivers::WatchedMemory>();
     RecordingConsumer m_Consumer;
 };
 INSTANTIATE_TEST_SUITE_P(Tables, LutModelTest, testing::Values(&IP_LUT, &PID_LUT));

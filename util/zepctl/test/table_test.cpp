@@ -8,12 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "command_error.h"
+#include "fake_memory.h"
 #include "fpga_monitoring/iplut_monitor.h"
 #include "tables/input_table.h"
 #include "tables/route_table.h"
 #include "tables/row_text.h"
-#include "vel/userspace_drivers/interfaces/lindevmemaccessor.h"
 
 namespace Vel::Zepctl {
 
@@ -22,46 +21,19 @@ namespace {
 using namespace Drivers::Zep;
 using Words = std::vector<std::uint32_t>;
 
-struct Store {
-    std::uint32_t index;
-    std::uint32_t value;
-};
+using Drivers::WatchedMemory;
+using Stores = decltype(WatchedMemory::stores);
 
-/// Both devices in a plain vector that notes every store and lets a test step in before any load of a word.
-class WatchedMemory : public Drivers::LinDevMemAccessor {
-public:
-    Drivers::MemSegment getMemSegment() const override {
-        return {ROUTER_DEVICE.size,
-                reinterpret_cast<std::uint8_t*>(const_cast<std::uint32_t*>(words.data()))};
-    }
-    void checkAccessible() const override { beforeAccess(); }
-    void readBlock32Into(std::uint32_t index, std::span<std::uint32_t> target) override {
-        std::ranges::generate(target, [&] { return read32(index++); });
-    }
-    void write32(std::uint32_t index, std::uint32_t value) override {
-        LinDevMemAccessor::write32(index, value);
-        stores.push_back({index, value});
-    }
-    void writeBlock32(std::uint32_t index, const Words& values) override {
-        std::ranges::for_each(values, [&](std::uint32_t value) { write32(index++, value); });
-    }
-
-    /// Puts a row into the lower bank as other software may, unseen and without regard to order.
-    template <typename Row>
-    void putRow(const Table& table, std::size_t index, Row row) {
-        row.toWords();
-        std::ranges::copy(row.getWords(), &words.at(table.base + index * Row::WORDS));
-    }
-
-    Words words = Words(ROUTER_DEVICE.size / sizeof(std::uint32_t));
-    std::vector<Store> stores;
-    std::function<void()> beforeAccess = [] {};
-};
+/// Puts a row into the lower bank as other software may, unseen and without regard to order.
+template <typename Row>
+void putRow(WatchedMemory& memory, const Table& table, std::size_t index, Row row) {
+    row.toWords();
+    std::ranges::copy(row.getWords(), &memory.words.at(table.base + index * Row::WORDS));
+}
 
 /// What zeptfem's monitor of the IP LUT reports, "+" or "-" and the URI, if it knows the words `initial` and
 /// reads on while `stores` are made: before each load, the next one with a chance of one in `loadsPerStore`.
-std::vector<std::string> eventsSeen(const Words& initial, const std::vector<Store>& stores,
-                                    unsigned loadsPerStore) {
+std::vector<std::string> eventsSeen(const Words& initial, const Stores& stores, unsigned loadsPerStore) {
     struct Consumer : Utils::IFPGAEventConsumer {
         void handleEvent(std::unique_ptr<Utils::FPGAMonEvent> event) override {
             const auto* added = dynamic_cast<const Utils::FPGAMonEvent_InputTSAdded*>(event.get());
@@ -77,9 +49,9 @@ std::vector<std::string> eventsSeen(const Words& initial, const std::vector<Stor
     consumer.events.clear();
     std::size_t made = 0;
     std::mt19937 random(loadsPerStore);
-    memory->beforeAccess = [&] {
+    memory->beforeLoad = [&] {
         if (made < stores.size() && random() % loadsPerStore == 0) {
-            memory->words[stores[made].index] = stores[made].value;
+            memory->words[stores[made].first] = stores[made].second;
             ++made;
         }
     };
@@ -103,7 +75,7 @@ protected:
     void putLastRows(const Words& octets) {
         auto row = IpLut::TABLE.rows - static_cast<std::uint32_t>(octets.size());
         for (const std::uint32_t value : octets) {
-            memory.putRow(IpLut::TABLE, row, value == 0 ? IpInEntry() : input(row, value));
+            putRow(memory, IpLut::TABLE, row, value == 0 ? IpInEntry() : input(row, value));
             ++row;
         }
     }
@@ -153,8 +125,8 @@ TEST_F(InputTableTest, RowsMoveAsLittleAsPossible) {
     }
     InputTable(memory).clear();
     EXPECT_EQ(lastRows(IpLut::TABLE.rows), Words(IpLut::TABLE.rows));
-    for (const Store& store : memory.stores) {
-        EXPECT_LT(store.index - IpLut::TABLE.base, IpLut::TABLE.rows * IpInEntry::WORDS);
+    for (const auto& store : memory.stores) {
+        EXPECT_LT(store.first - IpLut::TABLE.base, IpLut::TABLE.rows * IpInEntry::WORDS);
     }
 }
 
@@ -190,12 +162,12 @@ TEST_F(InputTableTest, AWriterKilledAtAnyStoreLeavesATableThatTheNextOneMends) {
     putLastRows({10, 20, 30, 40, 0});
     Words killed = memory.words;
     add(input(9, 15));
-    for (const Store& store : std::vector(memory.stores)) {
+    for (const auto& store : Stores(memory.stores)) {
         memory.words = killed;
         add(input(7, 25));
         EXPECT_EQ(InputTable(memory).list(), (std::vector{input(251, 10), input(252, 20), input(7, 25),
                                                           input(253, 30), input(254, 40)}));
-        killed[store.index] = store.value;
+        killed[store.first] = store.second;
     }
 }
 
@@ -212,7 +184,7 @@ TEST_F(RouteTableTest, AChangePreparesTheOtherBankAndFlipsTheSelectBit) {
     expected[PidLut::BANK_SELECT.word] = 0xA5A5A5A4;
     EXPECT_TRUE(memory.words == expected);
     EXPECT_EQ(memory.stores.size(), BANK_WORDS + 1);
-    EXPECT_EQ(memory.stores.back().index, PidLut::BANK_SELECT.word);
+    EXPECT_EQ(memory.stores.back().first, PidLut::BANK_SELECT.word);
 
     add({3, 0x100, 7, false, true});
     std::ranges::copy(Words{3U << 13 | 0x100U, 0xFF002007, 0x001FFFFF}, &expected[PidLut::UPPER_BASE]);
@@ -222,9 +194,9 @@ TEST_F(RouteTableTest, AChangePreparesTheOtherBankAndFlipsTheSelectBit) {
 }
 
 TEST_F(RouteTableTest, RowsOfOtherSoftwareAreKeptInOrderIfTheyHaveARoute) {
-    memory.putRow(PidLut::TABLE, 100, PidLutEntry(9, 1, 1, false, true));
-    memory.putRow(PidLut::TABLE, 200, PidLutEntry(5, 1, 4095, 3, true, false));
-    memory.putRow(PidLut::TABLE, 300, PidLutEntry(5, 0, 9, false, false));
+    putRow(memory, PidLut::TABLE, 100, PidLutEntry(9, 1, 1, false, true));
+    putRow(memory, PidLut::TABLE, 200, PidLutEntry(5, 1, 4095, 3, true, false));
+    putRow(memory, PidLut::TABLE, 300, PidLutEntry(5, 0, 9, false, false));
     const std::uint32_t last = PidLut::TABLE.base + PidLut::TABLE.rows * PidLutEntry::WORDS - 2;
     memory.words[last] = 2U << 13 | 2U;
     memory.words[last + 1] = 0x01002000;  // no PIDIDX
