@@ -70,6 +70,11 @@ std::shared_ptr<spdlog::logger> StdoutLogger::getLogger(const std::string& name,
     return logger;
 }
 
+void StdoutLogger::setLevel(spdlog::level::level_enum level) {
+    m_DefaultLevel = level;
+    spdlog::set_level(level);
+}
+
 void StdoutLogger::shutdown() {
     spdlog::shutdown();
 }

@@ -113,7 +113,9 @@ cxxopts::Options declareOptions() {
          text()->implicit_value(""))                                                //
         ("h,help", "Displays this help text.", text()->implicit_value("implicit"))  //
         ("m,pcrmode", "If given, the transport stream files, will be streamed by the rate of the PCR.",
-         text()->implicit_value("true"));
+         text()->implicit_value("true"))                                                                //
+        ("v,verbose", "If given, the debug lines are logged as well.", text()->implicit_value("true"))  //
+        ("V,version", "Displays name and version.", text()->implicit_value("true"));
     return options;
 }
 

@@ -57,8 +57,14 @@ ZEPTFEMApplication::ZEPTFEMApplication(int argc, const char* const* argv, std::s
     };
     try {
         const cxxopts::ParseResult parsed = parseArguments(options, argc, argv);
+        if (parsed.count("verbose") > 0) {
+            Log::getLogsystem()->setLevel(spdlog::level::debug);
+        }
         if (parsed.count("help") > 0) {
             printHelp(options, std::cout);
+        } else if (parsed.count("version") > 0) {
+            std::cout << ZEPTFEM_NAME_AND_VERSION << std::endl;
+            m_ExitSignaled = true;
         } else {
             setupApplication(parsed);
         }

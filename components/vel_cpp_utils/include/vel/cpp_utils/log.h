@@ -23,6 +23,8 @@ public:
     /// The logger of that name, created with `level` if there is none yet; an existing one keeps its level.
     virtual std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
                                                       spdlog::level::level_enum level) = 0;
+    /// Gives this level to all loggers, those that exist and those to come.
+    virtual void setLevel(spdlog::level::level_enum level) = 0;
     /// Drops all loggers, writes out what is queued and joins the worker.
     virtual void shutdown() = 0;
 };
@@ -37,6 +39,7 @@ public:
     std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override;
     std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
                                               spdlog::level::level_enum level) override;
+    void setLevel(spdlog::level::level_enum level) override;
     void shutdown() override;
 
 private:
