@@ -63,25 +63,5 @@ TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {
     std::signal(SIGTERM, SIG_DFL);
 }
 
-/// A clock that jumps back reads as a wrap: 26 hours for one batch. The streaming thread sleeps with its
-/// filter lock held, the monitor thread waits for that lock, and the end waits for the monitor thread.
-TEST_F(EmulatorTest, AClockThatJumpsBackHoldsUpNeitherTheEndNorTheRestOfTheFile) {
-    Bytes stream = makeStream({0x100}, 500);
-    for (const std::uint32_t number : {0U, 1U}) {
-        const Bytes packet =
-            TestPacket{.number = number, .counter = number, .pcr = 27'000'000 * (1 - number)}.bytes();
-        std::ranges::copy(packet, &stream[number * PACKET]);
-    }
-    startAndWait(link(1, stream) + Texts{"-m"});
-    setInput(0, 1, 3);
-    setRoute(0, 3, 0x100);
-    ASSERT_TRUE(waitForRecords(99 * RECORD));
-    setRoute(1, 3, 0x101);
-    ASSERT_TRUE(emulator->waitForLog("[info] Detected added CPU route of PID 257 from TSIIDX 3"));
-    EXPECT_EQ(records().size(), 99 * RECORD);
-    EXPECT_EQ(emulator->terminate(std::chrono::seconds(SANITIZED ? 10 : 3)), 0);
-    EXPECT_TRUE(records() == recordsOf(stream, 3, {0x100}));
-}
-
 }  // namespace
 }  // namespace Vel::SystemTest

@@ -5,72 +5,22 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <fstream>
 #include <iostream>
 #include <limits>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <random>
 #include <set>
 #include <thread>
 
 #include "harness.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::SystemTest {
 namespace {
 
 constexpr std::size_t NEVER = std::numeric_limits<std::size_t>::max();
-
-/// Reads the data device slowly, at times not at all, and keeps what arrives.
-class Reader {
-public:
-    explicit Reader(const std::string& fifo)
-        : m_Fd(::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)), m_Thread([this] { readAll(); }) {}
-    ~Reader() {
-        m_Stop = true;
-        m_Thread.join();
-        ::close(m_Fd);
-    }
-
-    /// Records that have been written until now, whether they have been read yet or not.
-    std::size_t countWritten() {
-        const std::lock_guard lock(m_Mutex);
-        int inPipe = 0;
-        ::ioctl(m_Fd, FIONREAD, &inPipe);
-        return (m_Arrived.size() + static_cast<std::size_t>(inPipe)) / RECORD;
-    }
-    /// Waits for all that has been written, and begins to count from 0 again.
-    Bytes take() {
-        for (std::size_t written = countWritten();;) {
-            const std::lock_guard lock(m_Mutex);
-            if (m_Arrived.size() >= written * RECORD) {
-                return std::exchange(m_Arrived, {});
-            }
-        }
-    }
-
-private:
-    void readAll() {
-        std::minstd_rand random(1);
-        std::uint8_t block[8192];
-        while (!m_Stop) {
-            {
-                const std::lock_guard lock(m_Mutex);
-                const ssize_t got = ::read(m_Fd, block, sizeof block);
-                m_Arrived.insert(m_Arrived.end(), block, block + std::max<ssize_t>(got, 0));
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 100 == 0 ? 50 : 1));
-        }
-    }
-
-    int m_Fd;
-    std::mutex m_Mutex;
-    Bytes m_Arrived;  // guarded by m_Mutex
-    std::atomic<bool> m_Stop = false;
-    std::thread m_Thread;
-};
 
 /// Something that was switched on and off while records went out. Bounds are numbers of records written: it
 /// may have an effect from the number before the change until the number after the change back. It must have
@@ -90,22 +40,20 @@ struct Life {
     std::map<std::uint32_t, std::vector<Span>> routes = {};  // by PID
 };
 
-std::string line(bool isAdded, const std::string& what) {
-    return std::string("[info] Detected ") + (isAdded ? "added " : "removed ") + what;
+std::string changeLine(bool isAdded, const std::string& what, std::uint32_t tsiidx) {
+    return std::string("[info] Detected ") + (isAdded ? "added " : "removed ") + what +
+           std::to_string(tsiidx);
 }
-
 std::string inputLine(bool isAdded, std::uint32_t n, std::uint32_t tsiidx) {
-    return line(isAdded, "input TS: " + uri(n) + " @ TSIIDX " + std::to_string(tsiidx));
+    return changeLine(isAdded, "input TS: " + uri(n) + " @ TSIIDX ", tsiidx);
 }
-
 std::string routeLine(bool isAdded, std::uint32_t tsiidx, std::uint32_t pid) {
-    return line(isAdded,
-                "CPU route of PID " + std::to_string(pid) + " from TSIIDX " + std::to_string(tsiidx));
+    return changeLine(isAdded, "CPU route of PID " + std::to_string(pid) + " from TSIIDX ", tsiidx);
 }
 
 /// Inputs and routes come and go, by zepctl or by rows, while a slow reader takes the records. A model of
 /// what each change means knows which log lines must come, and which records may and must.
-class StreamModelTest : public EmulatorTest, public testing::WithParamInterface<const char*> {
+class StreamModelTest : public EmulatorTest, public testing::WithParamInterface<Texts> {
 protected:
     static constexpr std::uint32_t FILES = 3;
     static constexpr std::uint32_t SYNC = 9;  // an input with an empty file, and its TSIIDX
@@ -113,11 +61,9 @@ protected:
 
     void SetUp() override {
         ASSERT_EQ(::mkfifo(data.c_str(), 0600), 0);
-        m_Reader.emplace(data);
-        Texts arguments = link(SYNC, {});
-        if (*GetParam() != '\0') {
-            arguments.push_back(GetParam());
-        }
+        m_Fifo = CppUtil::FileDescriptor(::open(data.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        m_Reader = std::jthread([this](const std::stop_token& stop) { readSlowly(stop); });
+        Texts arguments = GetParam() + link(SYNC, {});
         for (std::uint32_t n = 1; n <= FILES; ++n) {
             constexpr std::uint64_t TICKS_PER_PACKET = 540;  // 50,000 packets per second
             m_Files[n] = makeStream({std::begin(PIDS), std::end(PIDS)}, 100000 + n, TICKS_PER_PACKET);
@@ -155,7 +101,7 @@ protected:
         if (m_Routes.contains({SYNC, PIDS[0]})) {
             toggleRoute(SYNC, PIDS[0]);
         }
-        check(m_Reader->take());
+        check();
         m_Lives.clear();
     }
 
@@ -164,6 +110,26 @@ protected:
     std::size_t recordCount = 0;
 
 private:
+    /// Reads the data device, at times not at all.
+    void readSlowly(const std::stop_token& stop) {
+        std::minstd_rand pauses(1);
+        for (std::uint8_t block[8192]; !stop.stop_requested();) {
+            std::unique_lock lock(m_ReadLock);
+            const ssize_t got = ::read(m_Fifo.get(), block, sizeof block);
+            m_Arrived.insert(m_Arrived.end(), block, block + std::max<ssize_t>(got, 0));
+            lock.unlock();
+            std::this_thread::sleep_for(std::chrono::milliseconds(pauses() % 100 == 0 ? 50 : 1));
+        }
+    }
+
+    /// Records of this round that have been written until now, whether they have been read yet or not.
+    std::size_t countWritten() {
+        const std::lock_guard lock(m_ReadLock);
+        int unread = 0;
+        ::ioctl(m_Fifo.get(), FIONREAD, &unread);
+        return (m_Arrived.size() + static_cast<std::size_t>(unread)) / RECORD;
+    }
+
     /// The next line of the log must be this one, or begin with it where it is an error.
     void expect(const std::string& expected) {
         std::string line;
@@ -194,7 +160,7 @@ private:
     }
 
     void changeInput(std::uint32_t n, std::uint32_t tsiidx) {
-        const std::size_t before = m_Reader->countWritten();
+        const std::size_t before = countWritten();
         const bool isAdded = m_Inputs.emplace(n, tsiidx).second;
         if (m_ByCompanion && isAdded) {
             zepctl({"input", "add", uri(n), std::to_string(tsiidx)});
@@ -220,7 +186,7 @@ private:
         }
         synchronize();
         if (!isAdded) {
-            m_Lives[tsiidx].back().span.mayTo = m_Reader->countWritten();
+            m_Lives[tsiidx].back().span.mayTo = countWritten();
         }
     }
 
@@ -248,7 +214,7 @@ private:
     void synchronize() { toggleRoute(SYNC, PIDS[0]); }
 
     void changeRoute(std::uint32_t tsiidx, std::uint32_t pid) {
-        const std::size_t before = m_Reader->countWritten();
+        const std::size_t before = countWritten();
         const bool isAdded = toggleRoute(tsiidx, pid);
         synchronize();
         Life* life = findPlaying(tsiidx);
@@ -258,10 +224,10 @@ private:
         auto& spans = life->routes[pid];
         if (isAdded) {
             const bool isStarted = std::exchange(life->isStarted, true);
-            spans.push_back({before, isStarted ? m_Reader->countWritten() + 1 : 0});
+            spans.push_back({before, isStarted ? countWritten() + 1 : 0});
         } else if (!spans.empty()) {
             spans.back().mustTo = before;
-            spans.back().mayTo = m_Reader->countWritten();
+            spans.back().mayTo = countWritten();
         }
     }
 
@@ -274,14 +240,22 @@ private:
         }
         expect("[info] The IP LUT can be read again, monitoring continues");
         for (const auto& [n, tsiidx] : std::exchange(m_Inputs, {})) {
-            m_Lives[tsiidx].back().span.mayTo = m_Reader->countWritten();
+            m_Lives[tsiidx].back().span.mayTo = countWritten();
         }
         changeInput(SYNC, SYNC);
     }
 
     /// Every record is a later packet of its file, from a PID that may be routed, and no packet between it
     /// and the record before it was of a PID that must have been.
-    void check(const Bytes& arrived) {
+    void check() {
+        const std::size_t written = countWritten();
+        ASSERT_TRUE(eventually([&] {
+            const std::lock_guard lock(m_ReadLock);
+            return m_Arrived.size() >= written * RECORD;
+        }));
+        std::unique_lock lock(m_ReadLock);
+        const Bytes arrived = std::exchange(m_Arrived, {});
+        lock.unlock();
         struct Position {
             const Life* life = nullptr;
             std::size_t records = 0;  // up to its last one
@@ -325,13 +299,16 @@ private:
 
     std::minstd_rand m_Random{std::random_device{}()};
     std::map<std::uint32_t, Bytes> m_Files;
-    std::optional<Reader> m_Reader;
     std::ifstream m_Log;
     bool m_ByCompanion = false;
     std::map<std::uint32_t, std::uint32_t> m_Inputs;             // TSIIDX by file
     std::set<std::pair<std::uint32_t, std::uint32_t>> m_Routes;  // TSIIDX and PID, as the rows have them
     std::map<std::uint32_t, std::vector<std::pair<std::uint32_t, bool>>> m_Waiting;  // for their input
     std::map<std::uint32_t, std::vector<Life>> m_Lives;                              // by TSIIDX
+    CppUtil::FileDescriptor m_Fifo;
+    std::mutex m_ReadLock;
+    Bytes m_Arrived;  // guarded by m_ReadLock
+    std::jthread m_Reader;
 };
 
 /// What the process holds when nothing plays.
@@ -367,8 +344,8 @@ TEST_P(StreamModelTest, RecordsAndLogAreThoseOfTheChanges) {
     EXPECT_TRUE(emulator->log().back().ends_with("Application exit has been signaled..."));
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, StreamModelTest, testing::Values("", "-m"),
-                         [](const auto& mode) { return *mode.param == '\0' ? "FullRate" : "PcrRate"; });
+INSTANTIATE_TEST_SUITE_P(Modes, StreamModelTest, testing::Values(Texts{}, Texts{"-m"}),
+                         [](const auto& mode) { return mode.param.empty() ? "FullRate" : "PcrRate"; });
 
 }  // namespace
 }  // namespace Vel::SystemTest
