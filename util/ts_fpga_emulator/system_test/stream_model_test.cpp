@@ -162,14 +162,11 @@ private:
     void changeInput(std::uint32_t n, std::uint32_t tsiidx) {
         const std::size_t before = countWritten();
         const bool isAdded = m_Inputs.emplace(n, tsiidx).second;
-        if (m_ByCompanion && isAdded) {
-            zepctl({"input", "add", uri(n), std::to_string(tsiidx)});
-        } else if (m_ByCompanion) {
-            zepctl({"input", "remove", uri(n)});
-        } else if (isAdded) {
-            setInput(n, n, tsiidx);
+        if (m_ByCompanion) {
+            zepctl(isAdded ? Texts{"input", "add", uri(n), std::to_string(tsiidx)}
+                           : Texts{"input", "remove", uri(n)});
         } else {
-            clearInput(n);
+            isAdded ? setInput(n, n, tsiidx) : clearInput(n);
         }
         expect(inputLine(isAdded, n, tsiidx));
         if (isAdded) {
@@ -181,9 +178,7 @@ private:
             }
             m_Lives[tsiidx].push_back(life);
         }
-        if (!isAdded) {
-            m_Inputs.erase(n);
-        }
+        isAdded ? 0 : m_Inputs.erase(n);
         synchronize();
         if (!isAdded) {
             m_Lives[tsiidx].back().span.mayTo = countWritten();
@@ -192,16 +187,14 @@ private:
 
     bool toggleRoute(std::uint32_t tsiidx, std::uint32_t pid) {
         const bool isAdded = m_Routes.insert({tsiidx, pid}).second;
-        const std::uint32_t row = 8 * tsiidx + pid % 8;
-        if (!isAdded) {
-            m_Routes.erase({tsiidx, pid});
-        }
         if (m_ByCompanion) {
             zepctl({"route", isAdded ? "add" : "remove", std::to_string(tsiidx), std::to_string(pid)});
-        } else if (isAdded) {
-            setRoute(row, tsiidx, pid);
         } else {
-            clearRoute(row);
+            const std::uint32_t row = 8 * tsiidx + pid % 8;
+            isAdded ? setRoute(row, tsiidx, pid) : clearRoute(row);
+        }
+        if (!isAdded) {
+            m_Routes.erase({tsiidx, pid});
         }
         expect(routeLine(isAdded, tsiidx, pid));
         if (findPlaying(tsiidx) == nullptr) {
