@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <thread>
 

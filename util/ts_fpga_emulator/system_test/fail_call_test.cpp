@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -121,6 +122,7 @@ TEST_P(FailCallTest, CompanionLeavesEachTableAsItWasOrAsItShouldBe) {
         setInput(1, 3, 3);
         setRoute(0, 3, 0x100);
     };
+    const auto tables = [&] { return std::array{readFile(tsioPath), readFile(routerPath)}; };
     const auto run = [&](const Texts& command, const std::function<void()>& prepare) {
         const Texts devices = {"-t", tsioPath, "-r", routerPath};
         emulator = std::make_unique<Program>(ZEPCTL_PROGRAM, devices + command, prepare);
@@ -139,21 +141,17 @@ TEST_P(FailCallTest, CompanionLeavesEachTableAsItWasOrAsItShouldBe) {
     for (const auto& command : commands) {
         SCOPED_TRACE(testing::PrintToString(command));
         fill();
-        const Bytes tsioBefore = readFile(tsioPath);
-        const Bytes routerBefore = readFile(routerPath);
+        const auto before = tables();
         ASSERT_EQ(run(command, {}), 0) << emulator->err();
         const std::string out = emulator->out();
-        const Bytes tsioAfter = readFile(tsioPath);
-        const Bytes routerAfter = readFile(routerPath);
+        const auto after = tables();
         forEachFailure([&] {
             fill();
             const int status = run(command, injection());
-            const auto isKept = [&](const std::string& path, const Bytes& before, const Bytes& after) {
-                const Bytes now = readFile(path);
-                return now == after || (status != 0 && now == before);
-            };
-            ASSERT_TRUE(isKept(tsioPath, tsioBefore, tsioAfter) &&
-                        isKept(routerPath, routerBefore, routerAfter));
+            const auto now = tables();
+            for (const std::size_t i : {0U, 1U}) {
+                ASSERT_TRUE(now[i] == after[i] || (status != 0 && now[i] == before[i]));
+            }
             const std::string err = emulator->err();
             if (status == 0) {
                 ASSERT_EQ(emulator->out(), out);

@@ -105,6 +105,23 @@ protected:
         m_Lives.clear();
     }
 
+    /// The next line of the log must be this one, or begin with it where it is an error.
+    void expect(const std::string& expected) {
+        std::string line;
+        const bool isThere = eventually([&] {
+            const auto begin = m_Log.tellg();
+            if (std::getline(m_Log, line) && !m_Log.eof()) {
+                return true;
+            }
+            m_Log.clear();
+            m_Log.seekg(begin);
+            return false;
+        });
+        ASSERT_TRUE(isThere) << "missing: " << expected;
+        line.erase(0, line.find(' ') + 1);
+        ASSERT_EQ(expected.starts_with("[error]") ? line.substr(0, expected.size()) : line, expected);
+    }
+
     std::uint32_t random(std::uint32_t below) { return static_cast<std::uint32_t>(m_Random() % below); }
 
     std::size_t recordCount = 0;
@@ -128,23 +145,6 @@ private:
         int unread = 0;
         ::ioctl(m_Fifo.get(), FIONREAD, &unread);
         return (m_Arrived.size() + static_cast<std::size_t>(unread)) / RECORD;
-    }
-
-    /// The next line of the log must be this one, or begin with it where it is an error.
-    void expect(const std::string& expected) {
-        std::string line;
-        const bool isThere = eventually([&] {
-            const auto begin = m_Log.tellg();
-            if (std::getline(m_Log, line) && !m_Log.eof()) {
-                return true;
-            }
-            m_Log.clear();
-            m_Log.seekg(begin);
-            return false;
-        });
-        ASSERT_TRUE(isThere) << "missing: " << expected;
-        line.erase(0, line.find(' ') + 1);
-        ASSERT_EQ(expected.starts_with("[error]") ? line.substr(0, expected.size()) : line, expected);
     }
 
     void zepctl(const Texts& command) const {
@@ -326,15 +326,14 @@ TEST_P(StreamModelTest, RecordsAndLogAreThoseOfTheChanges) {
     for (; !HasFailure() && std::chrono::steady_clock::now() < end; ++rounds) {
         playRound();
         last = measure(emulator->pid());
-        ASSERT_EQ(last[0], first[0]) << "descriptors";
-        ASSERT_EQ(last[1], first[1]) << "threads";
+        ASSERT_EQ(std::pair(last[0], last[1]), std::pair(first[0], first[1])) << "descriptors, threads";
         ASSERT_LE(last[2], first[2] + 16) << "MiB";
     }
     std::cout << rounds << " rounds of 60 changes, " << recordCount << " records, " << last[0]
               << " descriptors, " << last[1] << " threads, " << first[2] << " to " << last[2] << " MiB\n";
     EXPECT_GT(recordCount, 0U);
     EXPECT_EQ(emulator->terminate(), 0);
-    EXPECT_TRUE(emulator->log().back().ends_with("Application exit has been signaled..."));
+    expect("[info] Application exit has been signaled...");
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, StreamModelTest, testing::Values(Texts{}, Texts{"-m"}),
