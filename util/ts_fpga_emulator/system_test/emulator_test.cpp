@@ -15,8 +15,7 @@ TEST_F(EmulatorTest, RowsThatAreRewrittenTogetherLoseNoRecord) {
         setInput(n, n, n);
     }
     const std::size_t expected = 2 * stream.size() / 188 * 192;
-    std::uint32_t filter = 0;
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(eventually([&, filter = 0U]() mutable {
         filter = (filter + 1) % 256;
         setRoute(1, 1, 0x100, filter);
         setRoute(2, 2, 0x100, filter);
@@ -33,7 +32,6 @@ TEST_F(EmulatorTest, RowsThatAreRewrittenTogetherLoseNoRecord) {
 /// Signals at any moment of start, run and teardown, many of them, while a table is never stable: the program
 /// ends once, in order, also where its parent had them ignored.
 TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {
-    const Texts pair = link(1, makeStream({0x100}, 3000));
     setInput(0, 1, 3);
     setRoute(0, 3, 0x100);
     std::signal(SIGINT, SIG_IGN);
@@ -44,7 +42,7 @@ TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {
         }
     });
     for (int delay = 0; delay < 24; ++delay) {
-        start(pair);
+        start(link(1, makeStream({0x100}, 3000)));
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         // Ignored until the program takes them.
         ASSERT_TRUE(eventually([&] {

@@ -36,12 +36,9 @@ constexpr bool SANITIZED = true;
 constexpr bool SANITIZED = false;
 #endif
 
-inline Texts& operator+=(Texts& left, const Texts& right) {
+inline Texts operator+(Texts left, const Texts& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
-}
-inline Texts operator+(Texts left, const Texts& right) {
-    return left += right;
 }
 
 /// A program under test as a child process, with its standard output and error in files. Killed at the end of

@@ -67,7 +67,7 @@ protected:
         for (std::uint32_t n = 1; n <= FILES; ++n) {
             constexpr std::uint64_t TICKS_PER_PACKET = 540;  // 50,000 packets per second
             m_Files[n] = makeStream({std::begin(PIDS), std::end(PIDS)}, 100000 + n, TICKS_PER_PACKET);
-            arguments += link(n, m_Files[n]);
+            arguments = arguments + link(n, m_Files[n]);
         }
         startAndWait(arguments);
         m_Log.open(emulator->outPath());
