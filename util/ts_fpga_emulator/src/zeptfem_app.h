@@ -25,8 +25,9 @@ public:
         return Log::makeLoggerName(__FILE__, "Vel::Utils::ZEPTFEMApplication");
     }
 
-    /// Sets the emulator up; from then on the tables are monitored. After a request for help or the version, and after a
-    /// wrong command line, which is reported, there is nothing to do, and doApplication() returns at once.
+    /// Sets the emulator up; from then on the tables are monitored. After a request for help or the version,
+    /// and after a wrong command line, which is reported, there is nothing to do, and doApplication() returns
+    /// at once.
     /// @param stop requested when the program is to end; ends the waits of the set-up as well
     /// @throws Error, std::exception for example for a device that cannot be used; nothing is left then
     ZEPTFEMApplication(int argc, const char* const* argv, std::stop_source stop = std::stop_source());
