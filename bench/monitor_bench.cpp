@@ -20,8 +20,6 @@ namespace {
 
 using namespace Vel;
 
-constexpr std::uint32_t TSIO_SIZE = 16384;
-constexpr std::uint32_t ROUTER_SIZE = 131072;
 constexpr int CYCLES = 500;
 
 class StandIn {
@@ -69,10 +67,10 @@ double idle(Cycle cycle) {
 /// Processor time of the idle monitors, as a multiple of that of a loop that reads the words of both tables
 /// twice and sleeps.
 void idleMonitorsAgainstBareLoop(benchmark::State& state) {
-    const StandIn tsioFile(TSIO_SIZE);
-    const StandIn routerFile(ROUTER_SIZE);
-    auto tsio = std::make_shared<Pci::PciIf>(tsioFile.path(), TSIO_SIZE, 0);
-    auto router = std::make_shared<Pci::PciIf>(routerFile.path(), ROUTER_SIZE, 0);
+    const StandIn tsioFile(Drivers::Zep::TSIO_DEVICE.size);
+    const StandIn routerFile(Drivers::Zep::ROUTER_DEVICE.size);
+    auto tsio = std::make_shared<Pci::PciIf>(tsioFile.path(), Drivers::Zep::TSIO_DEVICE.size, 0);
+    auto router = std::make_shared<Pci::PciIf>(routerFile.path(), Drivers::Zep::ROUTER_DEVICE.size, 0);
     NoConsumer consumer;
     Utils::IpLutMonitor ipLut(tsio, consumer);
     Utils::PidLutMonitor pidLut(router, consumer);

@@ -13,7 +13,7 @@ namespace Vel::Zepctl {
 /// one. The other bits of that word, and the control bit, stay as they are.
 ///
 /// A row is in use when it has a route. Every change leaves these rows, sorted by TSIIDX, then PID, at the
-/// start of the bank and cleared rows behind them; rows without a route are not carried over, whatever they
+/// start of the bank and cleared rows after them; rows without a route are not carried over, whatever they
 /// hold.
 ///
 /// Reads the table once, at construction; nobody else may write it until the object is gone. Thread-bound.
