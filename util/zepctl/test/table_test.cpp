@@ -203,7 +203,8 @@ TEST_F(RouteTableTest, RowsOfOtherSoftwareAreKeptInOrderIfTheyHaveARoute) {
     add({5, 0, RouteTable(memory).findFreePididx(), false, true});
     EXPECT_EQ(RouteTable(memory).findFreePididx(), 3U);
     std::string rows;
-    for (const PidLutEntry& row : RouteTable(memory).list()) {
+    const RouteTable table(memory);
+    for (const PidLutEntry& row : table.list()) {
         rows += formatRoute(row) + '\n';
     }
     EXPECT_EQ(rows,
