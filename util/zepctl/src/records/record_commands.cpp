@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <iostream>
 
 #include "command_error.h"
@@ -90,7 +91,17 @@ Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)"
 
     CLI::App* watch = addCommand(*records, "watch", "Show live what arrives, by input",
                                  "FIFO, growing file or device, or - for standard input");
-    watch->add_option("--for", m_Seconds, "end after so many seconds")->type_name("SECONDS");
+    watch->add_option("--for", m_Seconds, "end after so many seconds")
+        ->type_name("SECONDS")
+        ->check([](const std::string& text) {
+            double seconds = 0;
+            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+            const bool isNumber = error == std::errc() && end == text.data() + text.size();
+            return isNumber && seconds > 0 && seconds <= MAX_WATCH_SECONDS
+                       ? std::string()
+                       : fmt::format("\"{}\" is not a number of seconds above 0, up to {}", text,
+                                     MAX_WATCH_SECONDS);
+        });
     watch->footer(
         R"(Shows the rate over the latest two seconds and over all, and the drift: how much later
 (+) or earlier (-) than their PCRs say packets arrive, since the first two seconds of the
@@ -134,10 +145,6 @@ void RecordCommands::split() const {
 }
 
 void RecordCommands::watch() const {
-    if (m_Seconds && !(*m_Seconds > 0 && *m_Seconds <= MAX_WATCH_SECONDS)) {
-        throw CommandError(WRONG_USE, fmt::format("--for {} is not a number of seconds above 0, up to {}",
-                                                  *m_Seconds, MAX_WATCH_SECONDS));
-    }
     watchRecords(m_File, m_Seconds);
 }
 
