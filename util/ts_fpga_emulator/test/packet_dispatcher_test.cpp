@@ -28,18 +28,25 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
             dispatcher.dispatch(packet);
         }
     };
-    {
-        const std::jthread first(write, 'a', RECORDS);
-        const std::jthread second(write, 'b', RECORDS);
-        for (std::uint32_t i = 0; i < 2 * RECORDS; ++i) {
+    const auto readRecords = [&](std::uint32_t count) {
+        for (; count > 0; --count) {
             for (std::size_t got = 0; got < SIZE;) {
                 got += static_cast<std::size_t>(::read(reader.get(), &record[got], SIZE - got));
             }
-            EXPECT_EQ(record.find_first_not_of(record[0]), std::string::npos) << "record " << i;
+            EXPECT_EQ(record.find_first_not_of(record[0]), std::string::npos);
         }
+    };
+    {
+        const std::jthread first(write, 'a', RECORDS);
+        const std::jthread second(write, 'b', RECORDS);
+        readRecords(2 * RECORDS);
     }
     stop.request_stop();
-    write('c', 2);
+    {
+        const std::jthread last(write, 'c', 1);  // is finished, since it has begun
+        readRecords(1);
+    }
+    write('d', 2);
     ::fcntl(reader.get(), F_SETFL, O_NONBLOCK);
     EXPECT_LT(::read(reader.get(), record.data(), SIZE), SIZE)
         << "a record that has begun is given up after a while";
