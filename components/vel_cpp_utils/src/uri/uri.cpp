@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t NOT_FOUND = std::string_view::npos;
 
-/// Shortens `text` to what stands before the first `delimiter` and returns what stands after it; without a
+/// Shortens `text` to the part before the first `delimiter` and returns the part after it; without a
 /// delimiter `text` stays and the result is empty.
 std::string cutTail(std::string_view& text, char delimiter) {
     const std::size_t position = text.find(delimiter);
@@ -131,7 +131,7 @@ std::size_t UriParser::parseScheme(Uri& uri) const {
         throw ParsingError("Failed parsing of given URI: \"" + m_Text + "\". Missing mandatory scheme",
                            __FILE__, __LINE__);
     }
-    // A text that ends within the delimiter is told apart from a wrong one by the error of at().
+    // A text that ends within the delimiter is distinguished from a wrong one by the error of at().
     if (colon == NOT_FOUND || m_Text.at(colon + 1) != '/' || m_Text.at(colon + 2) != '/') {
         throw ParsingError(
             "Failed parsing of given URI: \"" + m_Text + "\". Missing mandatory \"://\" delimiter", __FILE__,

@@ -127,7 +127,7 @@ void TableCommands::declareRoute(CLI::App& app) {
     route.require_subcommand(1);
     route.footer("Example: zepctl route add 3 0x100");
     CLI::App& add = declare(
-        route, "add", "Route a PID of an input, to the CPU unless told otherwise",
+        route, "add", "Route a PID of an input, by default to the CPU",
         "Example: zepctl route add 3 0x100\n         zepctl route add 3 256 --out --no-cpu --pididx 7",
         &TableCommands::addRoute);
     declareRouteKey(add);

@@ -9,7 +9,6 @@
 #include <cerrno>
 
 #include "mapping_guard.h"
-#include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::Pci {
 
@@ -32,8 +31,8 @@ PciIf::~PciIf() {
 }
 
 void PciIf::openDevice() {
-    m_FileDescriptor = ::open(m_Path.c_str(), O_RDWR | O_CLOEXEC);
-    if (m_FileDescriptor == NOT_OPEN) {
+    m_File = CppUtil::FileDescriptor(::open(m_Path.c_str(), O_RDWR | O_CLOEXEC));
+    if (!m_File.isOpen()) {
         const std::string reason = CppUtil::errnoText(errno);
         throw PciError("Could not open device at path: " + m_Path + ". Error: \"" + reason + "\"", __FILE__,
                        __LINE__);
@@ -44,7 +43,7 @@ void PciIf::mapMemory() {
     checkFileSize();
     // A size of 2 GiB and more is stored as a negative number; widened again it is one that cannot be mapped.
     const auto length = static_cast<std::size_t>(m_MapSize);
-    void* base = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_FileDescriptor,
+    void* base = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_File.get(),
                         static_cast<off_t>(m_MapOffset));
     if (base == MAP_FAILED || base == nullptr) {
         throw PciError("Failed mmap of " + std::to_string(m_MapSize) + " bytes (offset: " +
@@ -57,7 +56,7 @@ void PciIf::mapMemory() {
 
 std::int64_t PciIf::getMissingBytes() const {
     struct stat status {};
-    if (::fstat(m_FileDescriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (::fstat(m_File.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return 0;
     }
     return std::max<std::int64_t>(std::int64_t{m_MapOffset} + m_MapSize - status.st_size, 0);
@@ -78,7 +77,7 @@ bool PciIf::restoreMemory() {
     }
     // Where this fails, nothing may be mapped there any more; the mark that stays keeps every access away.
     if (::mmap(m_MapBase, static_cast<std::size_t>(m_MapSize), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
-               m_FileDescriptor, static_cast<off_t>(m_MapOffset)) == MAP_FAILED) {
+               m_File.get(), static_cast<off_t>(m_MapOffset)) == MAP_FAILED) {
         return false;
     }
     m_Guard->markRestored();
@@ -91,10 +90,7 @@ void PciIf::closeDevice() {
         ::munmap(m_MapBase, static_cast<std::size_t>(m_MapSize));
         m_MapBase = nullptr;
     }
-    if (isOpen()) {
-        ::close(m_FileDescriptor);
-        m_FileDescriptor = NOT_OPEN;
-    }
+    m_File.close();
 }
 
 Drivers::MemSegment PciIf::getMemSegment() const {

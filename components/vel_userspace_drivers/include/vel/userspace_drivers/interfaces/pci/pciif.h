@@ -5,6 +5,7 @@
 #include <string>
 
 #include "vel/cpp_utils/error.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/userspace_drivers/interfaces/lindevmemaccessor.h"
 
 namespace Vel::Pci {
@@ -34,7 +35,7 @@ public:
     PciIf(const PciIf&) = delete;
     PciIf& operator=(const PciIf&) = delete;
 
-    bool isOpen() const { return m_FileDescriptor != NOT_OPEN; }
+    bool isOpen() const { return m_File.isOpen(); }
     bool isMapped() const { return m_MapBase != nullptr; }
     /// Releases mapping and descriptor; every later access fails.
     void closeDevice();
@@ -51,8 +52,6 @@ public:
     bool restoreMemory() override;
 
 private:
-    static constexpr std::int32_t NOT_OPEN = -1;
-
     void openDevice();
     void mapMemory();
     /// Bytes that the region is short of in a plain file, 0 where it is whole. A device has no size to
@@ -61,7 +60,7 @@ private:
     void checkFileSize() const;
 
     std::string m_Path;
-    std::int32_t m_FileDescriptor = NOT_OPEN;
+    CppUtil::FileDescriptor m_File;
     std::int32_t m_MapSize;     ///< bytes
     std::uint32_t m_MapOffset;  ///< bytes from the start of the device
     void* m_MapBase = nullptr;
