@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "thrown_text.h"
@@ -60,18 +61,21 @@ TEST(MacAdrContainer, FirstPairOfTheTextIsOctetFive) {
 }
 
 TEST(Addresses, OtherTextsAndSizesAreRefusedByName) {
-    const std::string prefix = "Generic parsing Error: Unable to parse string representation of ";
+    const auto unreadable = [](const std::string& kind, const std::string& text) {
+        return fmt::format("Generic parsing Error: Unable to parse string representation of {}: \"{}\"", kind,
+                           text);
+    };
     for (const std::string text :
          {"", "256.0.0.1", "1.2.3.256", "1.2.3.4.5", "10..2.3", ".10.2.3", ".1.2.3.4", "1.2.3.4x", "1.2. 3.4",
           " 1.2.3.4", "1.2.3.4\n", "1.2.3.-4", "+1.2.3.4", "1234.1.1.1", "10.20.30", "10.20.30.", "1.2.3."}) {
         EXPECT_EQ(thrownText<ParsingError>([&] { IpAdrContainer::fromString(text); }),
-                  prefix + "IPv4 address: \"" + text + "\"");
+                  unreadable("IPv4 address", text));
     }
     for (const std::string text : {"", "1:00:5E:7F:FF:FA", "01-00-5E-7F-FF-FA", "01:00:5E:7F:FF:FG",
                                    "01:00:5E:7F:FF:FA:", "01:00:5E:7F:FF:F:", ":01:00:5E:7F:FF:F",
                                    "01::0:5E:7F:FF:FA", "01005E7FFFFA01005", "0x:00:5E:7F:FF:FA"}) {
         EXPECT_EQ(thrownText<ParsingError>([&] { MacAdrContainer::fromString(text); }),
-                  prefix + "MAC address: \"" + text + "\"");
+                  unreadable("MAC address", text));
     }
     const auto refusal = [](auto call) { return thrownText<OutOfRangeError>(call).substr(20); };
     EXPECT_EQ(refusal([] { (void)IpAdrContainer().getOctet(4); }), "Octet index (4) out of range.");

@@ -14,7 +14,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
@@ -26,18 +25,19 @@ std::atomic<long> calls = 0;
 /// Set by the first open() of main(). Allocations of libraries before that cannot be handled by anybody.
 std::atomic<bool> isInMain = false;
 
-int injectedErrno() {
-    return std::atoi(std::getenv("FAIL_ERRNO"));
+long readNumber(const char* variable) {
+    const char* text = std::getenv(variable);
+    return text == nullptr ? 0 : std::strtol(text, nullptr, 10);
 }
 
 bool isDue(const char* call) {
     const char* wanted = std::getenv("FAIL_CALL");
-    if (wanted == nullptr || std::strcmp(wanted, call) != 0 || ++calls != std::atol(std::getenv("FAIL_AT"))) {
+    if (wanted == nullptr || std::strcmp(wanted, call) != 0 || ++calls != readNumber("FAIL_AT")) {
         return false;
     }
     // Past the functions below, which this must not count.
     ::syscall(SYS_close, ::syscall(SYS_openat, AT_FDCWD, std::getenv("FAIL_MARK"), O_WRONLY | O_CREAT, 0600));
-    errno = injectedErrno();
+    errno = static_cast<int>(readNumber("FAIL_ERRNO"));
     return true;
 }
 
@@ -52,20 +52,18 @@ int transfer(const char* call, std::size_t& count) {
         return 0;
     }
     count = count > 1 ? count / 2 : count;
-    return injectedErrno() == 0 ? 0 : -1;
+    return readNumber("FAIL_ERRNO") == 0 ? 0 : -1;
 }
 
 }  // namespace
 
 extern "C" {
 
-int open(const char* path, int flags, ...) {
-    std::va_list more;
-    va_start(more, flags);
-    const int mode = (flags & O_CREAT) != 0 ? va_arg(more, int) : 0;
-    va_end(more);
+// open() takes more arguments than this, but never more than the mode.
+int openFile(const char* path, int flags, mode_t mode) asm("open64");
+int openFile(const char* path, int flags, mode_t mode) {
     isInMain = true;
-    return isDue("open") ? -1 : next<int(const char*, int, ...)>("open64")(path, flags, mode);
+    return isDue("open") ? -1 : next<int(const char*, int, mode_t)>("open64")(path, flags, mode);
 }
 
 int fstat(int fd, struct stat* status) noexcept {

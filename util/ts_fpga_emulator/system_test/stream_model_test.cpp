@@ -318,7 +318,7 @@ std::array<std::size_t, 3> measure(pid_t pid) {
 TEST_P(StreamModelTest, RecordsAndLogAreThoseOfTheChanges) {
     const char* seconds = std::getenv("ZEPTFEM_TEST_SECONDS");
     const auto end =
-        std::chrono::steady_clock::now() + std::chrono::seconds(seconds ? std::atoi(seconds) : 2);
+        std::chrono::steady_clock::now() + std::chrono::seconds(seconds ? std::stoi(seconds) : 2);
     playRound();
     const auto first = measure(emulator->pid());
     auto last = first;
