@@ -22,7 +22,7 @@ constexpr const char* LINE_PATTERN = "[%T.%e] [%l] %v";
 std::mutex logsystemMutex;
 std::shared_ptr<ILogsystem> processLogsystem;  // guarded by logsystemMutex
 
-/// Bytes that a pipe's reader has not taken yet, 0 for anything but a pipe.
+/// Bytes that a pipe's reader has not taken yet. For a file it is 0; for a terminal it says nothing of use.
 int unreadBytes() {
     int bytes = 0;
     return ::ioctl(STDOUT_FILENO, FIONREAD, &bytes) == 0 ? bytes : 0;

@@ -64,8 +64,7 @@ void onBusError(int signal, siginfo_t* info, void* /*context*/) {
 }
 
 void installHandler() {
-    // Asked for beforehand: once the handler is in place it may run on any thread, and reads the former
-    // action.
+    // Read the former action first: once the handler is in place, it may run on any thread and needs it.
     ::sigaction(SIGBUS, nullptr, &g_PreviousAction);
     struct sigaction action {};
     action.sa_sigaction = &onBusError;

@@ -15,7 +15,7 @@ namespace Vel::Pci {
 /// isLost() are thread-safe. Neither copied nor moved.
 class MappingGuard {
 public:
-    /// At most so many regions of a process are guarded at a time.
+    /// At most this many regions of a process are guarded at a time.
     static constexpr std::size_t MAX_REGIONS = 8;
 
     /// Throws PciError when MAX_REGIONS are guarded already.

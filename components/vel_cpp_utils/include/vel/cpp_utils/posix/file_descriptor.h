@@ -35,8 +35,12 @@ public:
         constexpr int SLICE_MS = 50;
         while (!isStopped()) {
             pollfd status{m_Fd, events, 0};
-            if (::poll(&status, 1, SLICE_MS) > 0) {
+            const int ready = ::poll(&status, 1, SLICE_MS);
+            if (ready > 0) {
                 return true;
+            }
+            if (ready < 0) {
+                pauseBeforeRetry();
             }
         }
         return false;

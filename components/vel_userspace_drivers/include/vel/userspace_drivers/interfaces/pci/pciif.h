@@ -48,13 +48,13 @@ public:
     /// Throws PciError as checkAccessible() does, and for a file that ends within the region by now: the rest
     /// of its last page reads as zeros, without any fault.
     void verifyMemory() const override;
-    /// Maps a file that was truncated again, over the same addresses, once it has its size back.
+    /// Maps a truncated file again at the same addresses once it has its size back.
     bool restoreMemory() override;
 
 private:
     void openDevice();
     void mapMemory();
-    /// Bytes that the region is short of in a plain file, 0 where it is whole. A device has no size to
+    /// Bytes of the region that a plain file lacks, 0 if it has them all. A device has no size to
     /// compare with; its driver checks the region when it is mapped.
     std::int64_t getMissingBytes() const;
     void checkFileSize() const;
