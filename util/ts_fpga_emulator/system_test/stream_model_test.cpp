@@ -327,7 +327,8 @@ TEST_P(StreamModelTest, RecordsAndLogAreThoseOfTheChanges) {
         playRound();
         last = measure(emulator->pid());
         ASSERT_EQ(std::pair(last[0], last[1]), std::pair(first[0], first[1])) << "descriptors, threads";
-        ASSERT_LE(last[2], first[2] + 16) << "MiB";
+        // A sanitizer holds back what was freed, 256 MiB of it.
+        ASSERT_LE(last[2], first[2] + (SANITIZED ? 512 : 16)) << "MiB";
     }
     std::cout << rounds << " rounds of 60 changes, " << recordCount << " records, " << last[0]
               << " descriptors, " << last[1] << " threads, " << first[2] << " to " << last[2] << " MiB\n";

@@ -22,7 +22,7 @@ constexpr std::uint64_t MS = 27'000;  // PCR ticks
 constexpr double PACKET_BITS = 188 * 8;
 
 /// Records, one for each word: a continuity counter, then any of
-///   t TSIIDX 255 and T TSIIDX 256 instead of 3,   x a wrong sync byte,
+///   t TSIIDX 255 and T TSIIDX 256 instead of 3,
 ///   q PID 0x101 and z null packet instead of PID 0x100,   f other bytes,
 ///   n no payload,   s scrambled,   e transport error,
 ///   d discontinuity indicator and D the same in an adaptation field that does not fit,
@@ -43,7 +43,6 @@ std::string recordsOf(const std::string& notation) {
             .transportError = has('e'),
             .scrambled = has('s'),
             .adaptationLength = static_cast<std::uint8_t>(has('D') ? 184 : 7),
-            .sync = has('x') ? std::uint8_t{0x46} : Ts::SYNC_BYTE,
         };
         if (has('p')) {
             packet.pcr = std::stoull(word.substr(word.find('p') + 1)) * MS;
