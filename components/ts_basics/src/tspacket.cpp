@@ -14,6 +14,8 @@ constexpr std::uint8_t PID_HIGH_BITS = 0x1F;
 constexpr std::uint8_t ADAPTATION_FIELD = 0x20;
 constexpr std::uint8_t PAYLOAD = 0x10;
 constexpr std::uint8_t CONTINUITY_COUNTER = 0x0F;
+constexpr std::uint8_t MAX_ADAPTATION_FIELD_LENGTH = 183;
+constexpr std::uint8_t DISCONTINUITY_INDICATOR = 0x80;
 constexpr std::uint8_t PCR_FLAG = 0x10;
 constexpr std::uint32_t HEADER_SIZE = 4;
 
@@ -69,6 +71,12 @@ bool TSPacket::isScrambled() const {
 bool TSPacket::hasPcr() const {
     const std::uint8_t* b = getDataPtr();
     return (b[3] & ADAPTATION_FIELD) != 0 && b[4] != 0 && (b[5] & PCR_FLAG) != 0;
+}
+
+bool TSPacket::hasDiscontinuityIndicator() const {
+    const std::uint8_t* b = getDataPtr();
+    return (b[3] & ADAPTATION_FIELD) != 0 && b[4] != 0 && b[4] <= MAX_ADAPTATION_FIELD_LENGTH &&
+           (b[5] & DISCONTINUITY_INDICATOR) != 0;
 }
 
 bool TSPacket::isPayloadUnitStart() const {

@@ -113,6 +113,8 @@ cxxopts::Options declareOptions() {
          text()->implicit_value(""))                                                //
         ("h,help", "Displays this help text.", text()->implicit_value("implicit"))  //
         ("m,pcrmode", "If given, the transport stream files, will be streamed by the rate of the PCR.",
+         text()->implicit_value("true"))  //
+        ("c,pcrclock", "If given, every packet is streamed at the time that the PCR gives it.",
          text()->implicit_value("true"))                                                                //
         ("v,verbose", "If given, the debug lines are logged as well.", text()->implicit_value("true"))  //
         ("V,version", "Displays name and version.", text()->implicit_value("true"));
@@ -142,7 +144,11 @@ Settings readSettings(const cxxopts::ParseResult& options) {
     settings.tsioDevice = options["tsio_dev"].as<std::string>();
     settings.pktioCtrlDevice = options["pktioctrl_dev"].as<std::string>();
     settings.pktioDataDevice = options["pktiodata_dev"].as<std::string>();
-    settings.streamMode = options.count("pcrmode") == 0 ? StreamMode::MaxRate : StreamMode::PcrRate;
+    if (options.count("pcrclock") > 0) {
+        settings.pcrPacing = PcrPacing::Clock;
+    }
+    const bool isPaced = options.count("pcrmode") + options.count("pcrclock") > 0;
+    settings.streamMode = isPaced ? StreamMode::PcrRate : StreamMode::MaxRate;
     return settings;
 }
 

@@ -19,6 +19,7 @@ struct Settings {
     std::string pktioCtrlDevice;  // accepted, never opened
     std::string pktioDataDevice;
     StreamMode streamMode = StreamMode::MaxRate;
+    PcrPacing pcrPacing = PcrPacing::Batches;
 };
 
 /// The program's options, which the help text describes.

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <exception>
@@ -26,8 +27,8 @@ constexpr int EXIT_SETUP_FAILED = 1;
 /// How long the reader of the log may take nothing of it while the program waits to end.
 constexpr std::chrono::seconds LOG_PATIENCE(1);
 
-/// The one application, its lock, and the signals that end it. Signals work while it is built, while it runs
-/// and while it is destroyed: then the lock is free, and the application is no longer found.
+/// The one application, its lock, and the signals that it obeys. Signals work while it is built, while it
+/// runs and while it is destroyed: then the lock is free, and the application is no longer found.
 class ApplicationOwner {
 public:
     ~ApplicationOwner() {
@@ -41,9 +42,13 @@ public:
     /// The lock is held throughout, so an early signal is handled as soon as the application exists. Its stop
     /// request has by then ended whatever the set-up was waiting for.
     void construct(int argc, char** argv) {
-        const std::lock_guard lock(m_ApplicationLock);
-        m_Signals.emplace([this](int signal) { onSignal(signal); });
-        m_Application = std::make_unique<ZEPTFEMApplication>(argc, argv, m_Stop);
+        {
+            const std::lock_guard lock(m_ApplicationLock);
+            m_Signals.emplace([this](int signal) { onSignal(signal); });
+            m_Application = std::make_unique<ZEPTFEMApplication>(argc, argv, m_Stop);
+        }
+        m_IsConstructed = true;
+        answerStatusRequest();
     }
 
     int run() {
@@ -65,6 +70,15 @@ private:
     }
 
     void onSignal(int signal) {
+        if (signal == SIGUSR1) {
+            // While the application is built, the thread of the signals must not wait for it: the next one
+            // may have to end the set-up.
+            m_IsStatusRequested = true;
+            if (m_IsConstructed) {
+                answerStatusRequest();
+            }
+            return;
+        }
         m_Stop.request_stop();
         const std::lock_guard lock(m_ApplicationLock);
         if (m_Application) {
@@ -72,7 +86,16 @@ private:
         }
     }
 
+    void answerStatusRequest() {
+        const std::lock_guard lock(m_ApplicationLock);
+        if (m_Application && m_IsStatusRequested.exchange(false)) {
+            m_Application->logStatus();
+        }
+    }
+
     int m_ExitStatus = EXIT_SETUP_FAILED;
+    std::atomic<bool> m_IsConstructed = false;
+    std::atomic<bool> m_IsStatusRequested = false;
     std::stop_source m_Stop;
     std::mutex m_ApplicationLock;
     std::unique_ptr<ZEPTFEMApplication> m_Application;  // guarded by m_ApplicationLock

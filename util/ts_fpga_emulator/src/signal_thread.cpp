@@ -9,21 +9,23 @@ namespace Vel::Utils {
 
 namespace {
 
-sigset_t endingSignals() {
+sigset_t handledSignals() {
     sigset_t signals;
     ::sigemptyset(&signals);
     ::sigaddset(&signals, SIGINT);
     ::sigaddset(&signals, SIGTERM);
+    ::sigaddset(&signals, SIGUSR1);
     return signals;
 }
 
 }  // namespace
 
 void SignalThread::blockSignals() {
-    const sigset_t signals = endingSignals();
+    const sigset_t signals = handledSignals();
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
+    std::signal(SIGUSR1, SIG_DFL);
 }
 
 SignalThread::SignalThread(std::function<void(int)> onSignal)
@@ -36,7 +38,7 @@ SignalThread::~SignalThread() {
 }
 
 void SignalThread::waitForSignals() {
-    const sigset_t signals = endingSignals();
+    const sigset_t signals = handledSignals();
     while (true) {
         int signal = 0;
         const bool received = ::sigwait(&signals, &signal) == 0;

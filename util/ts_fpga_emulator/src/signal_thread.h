@@ -6,17 +6,17 @@
 
 namespace Vel::Utils {
 
-/// Takes SIGINT and SIGTERM from the process and hands them to a callback on a dedicated thread, one after
-/// the other. Unlike a signal handler, the callback may do anything. Constructed and destroyed on the main
-/// thread.
+/// Takes SIGINT, SIGTERM and SIGUSR1 from the process and hands them to a callback on a dedicated thread, one
+/// after the other. Unlike a signal handler, the callback may do anything. Constructed and destroyed on the
+/// main thread.
 class SignalThread {
 public:
-    /// Blocks the two signals in the calling thread and, by inheritance, in every thread that it starts
+    /// Blocks the signals in the calling thread and, by inheritance, in every thread that it starts
     /// later; call it before the first one. They are pending then until a SignalThread takes them. Their
     /// action becomes the default one: a parent may have ignored them, and an ignored signal never arrives.
     static void blockSignals();
 
-    /// @param onSignal called with SIGINT or SIGTERM; must not throw
+    /// @param onSignal called with the signal; must not throw
     explicit SignalThread(std::function<void(int)> onSignal);
     /// Waits for the callback in progress. The signals stay blocked, so a late one cannot end the process.
     ~SignalThread();

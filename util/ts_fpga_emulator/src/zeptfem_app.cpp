@@ -105,6 +105,12 @@ void ZEPTFEMApplication::handleSignal(int signal) {
     m_ExitCondition.notify_one();
 }
 
+void ZEPTFEMApplication::logStatus() {
+    if (m_PktioStreamManager) {
+        m_PktioStreamManager->logStatus();
+    }
+}
+
 void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
     Log::info(*m_Logger, "Starting the zeptfem application");
     for (const std::string& argument : options.unmatched()) {
@@ -119,8 +125,8 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
     requireOtherFile(settings.pktioDataDevice, settings.tsioDevice);
     requireOtherFile(settings.pktioDataDevice, settings.routerDevice);
     m_PacketDispatcher = std::make_unique<PacketDispatcher>(settings.pktioDataDevice, stop);
-    m_PktioStreamManager =
-        std::make_unique<PktioStreamManager>(*m_PacketDispatcher, settings.streamMode, settings.files, stop);
+    m_PktioStreamManager = std::make_unique<PktioStreamManager>(*m_PacketDispatcher, settings.streamMode,
+                                                                settings.files, stop, settings.pcrPacing);
     std::vector<std::unique_ptr<LutMonitor>> monitors;
     monitors.push_back(std::make_unique<IpLutMonitor>(std::move(tsio), *m_PktioStreamManager, stop));
     monitors.push_back(std::make_unique<PidLutMonitor>(std::move(router), *m_PktioStreamManager, stop));

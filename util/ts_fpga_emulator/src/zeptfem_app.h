@@ -39,6 +39,8 @@ public:
     virtual std::int32_t doApplication();
     /// Reports the signal, SIGINT or SIGTERM, and makes doApplication() return. Thread-safe.
     virtual void handleSignal(int signal);
+    /// Logs what plays, if anything has been set up. Any one thread at a time.
+    void logStatus();
 
 private:
     void setupApplication(const cxxopts::ParseResult& options);

@@ -29,6 +29,29 @@ TEST_F(EmulatorTest, RowsThatAreRewrittenTogetherLoseNoRecord) {
     }
 }
 
+/// Neither the pacing of a stream nor a clock that jumps back holds up a change of its routes.
+TEST_F(EmulatorTest, RoutesOfAStreamThatFollowsItsClockChangeAtOnce) {
+    Bytes stream;
+    for (int jump = 0; jump < 20; ++jump) {
+        const Bytes half = makeStream({0x100, 0x101}, 500, 27000);  // half a second
+        stream.insert(stream.end(), half.begin(), half.end());
+    }
+    startAndWait(link(1, stream) + Texts{"-c"});
+    setInput(1, 1, 1);
+    for (std::uint32_t change = 0; change < 30; ++change) {
+        const std::uint32_t pid = 0x100 + change % 2;
+        setRoute(1, 1, pid);
+        ASSERT_TRUE(eventually(
+            [&] {
+                const Bytes written = records();
+                return !written.empty() && written[written.size() - RECORD + 6] == (pid & 0xFF);
+            },
+            std::chrono::seconds(1)))
+            << change;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
 /// Signals at any moment of start, run and teardown, many of them, while a table is never stable: the program
 /// ends once, in order, also where its parent had them ignored.
 TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {

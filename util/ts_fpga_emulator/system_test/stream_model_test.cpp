@@ -65,8 +65,9 @@ protected:
         m_Reader = std::jthread([this](const std::stop_token& stop) { readSlowly(stop); });
         Texts arguments = GetParam() + link(SYNC, {});
         for (std::uint32_t n = 1; n <= FILES; ++n) {
-            constexpr std::uint64_t TICKS_PER_PACKET = 540;  // 50,000 packets per second
-            m_Files[n] = makeStream({std::begin(PIDS), std::end(PIDS)}, 100000 + n, TICKS_PER_PACKET);
+            // 50,000 packets per second, or 5000, for which the reader is not too slow.
+            const std::uint64_t ticksPerPacket = GetParam() == Texts{"-c"} ? 5400 : 540;
+            m_Files[n] = makeStream({std::begin(PIDS), std::end(PIDS)}, 100000 + n, ticksPerPacket);
             arguments = arguments + link(n, m_Files[n]);
         }
         startAndWait(arguments);
@@ -111,7 +112,7 @@ protected:
         const bool isThere = eventually([&] {
             const auto begin = m_Log.tellg();
             if (std::getline(m_Log, line) && !m_Log.eof()) {
-                return true;
+                return line.find(" ms late, ") == std::string::npos;  // on a busy machine
             }
             m_Log.clear();
             m_Log.seekg(begin);
@@ -337,8 +338,10 @@ TEST_P(StreamModelTest, RecordsAndLogAreThoseOfTheChanges) {
     expect("[info] Application exit has been signaled...");
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, StreamModelTest, testing::Values(Texts{}, Texts{"-m"}),
-                         [](const auto& mode) { return mode.param.empty() ? "FullRate" : "PcrRate"; });
+INSTANTIATE_TEST_SUITE_P(Modes, StreamModelTest, testing::Values(Texts{}, Texts{"-m"}, Texts{"-c"}),
+                         [](const auto& mode) {
+                             return mode.param.empty() ? "FullRate" : "Option" + mode.param[0].substr(1);
+                         });
 
 }  // namespace
 }  // namespace Vel::SystemTest

@@ -6,18 +6,6 @@
 namespace Vel::Utils {
 namespace {
 
-/// Time that passes only where a test says so, and in sleeps. The test keeps it, since an adapter owns its
-/// clock.
-class FakeClock : public MonotonicClock {
-public:
-    explicit FakeClock(std::uint64_t& nowNs) : m_NowNs(nowNs) {}
-    std::uint64_t getMonotonicNs() const override { return m_NowNs; }
-    void sleepNs(std::uint64_t ns, const std::stop_token& /*stop*/) const override { m_NowNs += ns; }
-
-private:
-    std::uint64_t& m_NowNs;
-};
-
 /// What the adapter has to do, in the plainest way.
 struct Reference {
     struct Pcr {

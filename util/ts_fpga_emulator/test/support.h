@@ -10,6 +10,7 @@
 
 #include "test_files.h"
 #include "test_packet.h"
+#include "tspacket_streaming/monotonic_clock.h"
 #include "vel/ts_basics/ll_tspackets.h"
 #include "vel/ts_basics/zep_record.h"
 
@@ -40,14 +41,31 @@ private:
     std::mt19937_64 m_Engine{m_Seed};
 };
 
-/// A packet of a record whose header is 0.
+/// Time that passes only where a test says so, and in sleeps. The test keeps it, since an adapter owns its
+/// clock.
+class FakeClock : public MonotonicClock {
+public:
+    explicit FakeClock(std::uint64_t& nowNs) : m_NowNs(nowNs) {}
+    std::uint64_t getMonotonicNs() const override { return m_NowNs; }
+    void sleepNs(std::uint64_t ns, const std::stop_token& /*stop*/) const override { m_NowNs += ns; }
+    void sleepUntilNs(std::uint64_t deadlineNs, const std::stop_token& /*stop*/) const override {
+        m_NowNs = std::max(m_NowNs, deadlineNs);
+    }
+
+private:
+    std::uint64_t& m_NowNs;
+};
+
+/// The packet of a record whose header is 0.
+inline Ts::LowlevInTSPacket makePacket(const TestPacket& content) {
+    auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
+    std::ranges::copy(content.record(0), packet.getWriteDataPtr());
+    return packet;
+}
 /// @param pcr 27 MHz ticks
 inline Ts::LowlevInTSPacket makePacket(std::uint32_t pid, std::uint32_t number = 0,
                                        std::optional<std::uint64_t> pcr = {}) {
-    auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
-    std::ranges::copy(TestPacket{.pid = pid, .number = number, .pcr = pcr}.record(0),
-                      packet.getWriteDataPtr());
-    return packet;
+    return makePacket(TestPacket{.pid = pid, .number = number, .pcr = pcr});
 }
 
 }  // namespace Vel::Utils

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <stop_token>
 
 #include "vel/ts_basics/tspacket.h"
 
@@ -12,16 +13,22 @@ class IRateAdapter {
 public:
     /// Answer of bufferPacket(): drop the oldest queued packet unwritten.
     static constexpr std::int32_t DISCARD_OLDEST = -1;
+    /// Answer of bufferPacket(): release what waitUntilDue() says, until it says 0.
+    static constexpr std::int32_t WHEN_DUE = -2;
 
     virtual ~IRateAdapter() = default;
     /// @param packet the one just appended; not kept beyond the call
     /// @param last whether it is the final one of the input
-    /// @return n >= 1: release the n oldest packets now; 0: keep them all; or DISCARD_OLDEST
+    /// @return n >= 1: release the n oldest packets now; 0: keep them all; DISCARD_OLDEST or WHEN_DUE
     virtual std::int32_t bufferPacket(const Ts::TSPacket& packet, bool last) = 0;
     /// The most packets that are held back.
     virtual std::uint32_t getMaxBufferedPackets() const = 0;
     /// Called right before each single release; may block to pace the output.
     virtual void delayPacket() = 0;
+    /// Blocks until packets are due, or until a stop request. Routes may change meanwhile.
+    /// @return how many of the oldest packets are due now; 0: no other packet has a due time yet, or the stop
+    /// was requested
+    virtual std::int32_t waitUntilDue(const std::stop_token& /*stop*/) { return 0; }
 };
 
 }  // namespace Vel::Utils

@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <chrono>
 
 namespace Vel::Utils {
 
@@ -30,6 +31,13 @@ void MonotonicClock::sleepNs(std::uint64_t ns, const std::stop_token& stop) cons
                                 static_cast<long>(slice % NS_PER_SECOND)};
         ::clock_nanosleep(CLOCK_MONOTONIC, 0, &duration, nullptr);
     }
+}
+
+void MonotonicClock::sleepUntilNs(std::uint64_t deadlineNs, const std::stop_token& stop) const {
+    // The steady clock of the library is CLOCK_MONOTONIC.
+    const std::chrono::steady_clock::time_point deadline{std::chrono::nanoseconds(deadlineNs)};
+    std::unique_lock lock(m_SleepLock);
+    m_Stopped.wait_until(lock, stop, deadline, [] { return false; });
 }
 
 }  // namespace Vel::Utils

@@ -78,6 +78,9 @@ void PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet) {
     }
     if (m_Device == Device::Open) {
         m_Device = writeRecord({record, packet.getTotalSize()});
+        if (m_Device == Device::Open) {
+            m_RecordCount.increment();
+        }
     }
 }
 

@@ -6,6 +6,7 @@
 #include <stop_token>
 #include <string>
 
+#include "vel/cpp_utils/counter.h"
 #include "vel/cpp_utils/log.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/ts_basics/ll_tspackets.h"
@@ -32,6 +33,8 @@ public:
     /// @throws CppUtil::IOError when the device could not be opened or an earlier record could not be
     /// written: the call after a failure reports it, and so does every later one
     void dispatch(Ts::LowlevInTSPacket& packet);
+    /// Records written so far. Thread-safe.
+    std::uint64_t getRecordCount() const { return m_RecordCount.load(); }
 
 private:
     enum class Device { Open, Failed, GivenUp };
@@ -45,6 +48,7 @@ private:
     Device m_Device = Device::Failed;
     int m_Error = 0;            // errno of what failed
     bool m_IsReported = false;  // a stream has reported the failure
+    CppUtil::Counter m_RecordCount;
     std::string m_DevicePath;
     std::stop_token m_Stop;
 };

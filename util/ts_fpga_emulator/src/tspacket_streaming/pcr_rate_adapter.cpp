@@ -44,19 +44,6 @@ void PCRRateAdapter::delayPacket() {
     m_LastReleaseNs = m_Clock->getMonotonicNs();
 }
 
-std::optional<std::uint64_t> PCRRateAdapter::extractPcr(const Ts::TSPacket& packet) {
-    if (!packet.hasPcr()) {
-        return std::nullopt;
-    }
-    if (m_PcrPid == NO_PID) {
-        m_PcrPid = packet.getPid();
-    }
-    if (packet.getPid() != m_PcrPid) {
-        return std::nullopt;
-    }
-    return packet.getPcr();
-}
-
 void PCRRateAdapter::addPcr(std::uint64_t pcr, std::uint32_t packetIndex) {
     m_PcrHistory.push_back({packetIndex, pcr});
     if (isPacketDelayKnown()) {

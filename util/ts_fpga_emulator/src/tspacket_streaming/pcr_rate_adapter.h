@@ -9,6 +9,7 @@
 #include "tspacket_streaming/irate_adapter.h"
 #include "tspacket_streaming/monotonic_clock.h"
 #include "tspacket_streaming/pcr_rate_adapter_states.h"
+#include "tspacket_streaming/pcr_reader.h"
 
 namespace Vel::Utils {
 
@@ -27,8 +28,6 @@ public:
     /// PCRs that are remembered between calls, and releases that share one pacing sleep.
     static constexpr std::size_t PCR_HISTORY = 10;
     static constexpr std::uint32_t BATCH_RELEASES = 100;
-    /// No PCR PID yet: the first value that is not a PID.
-    static constexpr std::uint32_t NO_PID = Ts::PID_COUNT;
 
     /// @param stop ends the pacing: from then on packets leave as fast as they are released
     /// @param clock where time comes from; the system's by default
@@ -54,7 +53,7 @@ public:
     void setState(std::unique_ptr<Internal::PCRRateAdapterState> state) { m_State = std::move(state); }
     /// The packet's PCR, if it has one and is of the PCR PID; the first packet with a PCR decides that PID
     /// for good.
-    std::optional<std::uint64_t> extractPcr(const Ts::TSPacket& packet);
+    std::optional<std::uint64_t> extractPcr(const Ts::TSPacket& packet) { return m_PcrReader.read(packet); }
     /// @param pcr 27 MHz ticks
     void addPcr(std::uint64_t pcr, std::uint32_t packetIndex);
     bool isPacketDelayElapsed() const;
@@ -72,7 +71,7 @@ private:
     std::deque<PcrRecord> m_PcrHistory;                      // oldest first
     std::uint32_t m_PacketCount = 0;                         // handed in so far
     std::uint32_t m_HeldPackets = 0;
-    std::uint32_t m_PcrPid = NO_PID;
+    PcrReader m_PcrReader;
     std::uint64_t m_PacketDelayNs = 0;
     std::uint64_t m_LastReleaseNs = 0;  // monotonic; 0: none yet
     std::uint64_t m_BatchStartNs = 0;   // monotonic

@@ -3,7 +3,10 @@
 #include <pthread.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
+#include <array>
 #include <exception>
+#include <new>
 #include <span>
 #include <utility>
 
@@ -17,21 +20,25 @@ PktioStreamIn::PktioStreamIn(const std::string& fileName, std::uint32_t tsiidx,
                              std::stop_token stop)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())),
       m_TSIIDX(tsiidx),
-      m_ProgramStop(std::move(stop)),
       m_InputFile(fileName, [this] { return isStopped(); }),
       m_RateAdapter(std::move(adapter)),
-      m_Dispatcher(dispatcher) {
+      m_Dispatcher(dispatcher),
+      m_ProgramStop(std::move(stop), [this] { m_Stop.request_stop(); }) {
     m_PidFilter.blockAll();
     Log::debug(*m_Logger, "Create PktioStreamIn");
 }
 
 PktioStreamIn::~PktioStreamIn() {
     Log::debug(*m_Logger, "Destroy PktioStreamIn");
+    stop();
+    Log::debug(*m_Logger, "Joined with PktioStreamIn streaming thread");
+}
+
+void PktioStreamIn::stop() {
     if (m_Thread.joinable()) {
-        m_Stop = true;
+        m_Stop.request_stop();
         m_Thread.join();
     }
-    Log::debug(*m_Logger, "Joined with PktioStreamIn streaming thread");
 }
 
 void PktioStreamIn::changeRoutes(std::span<const RouteChange> changes) {
@@ -51,24 +58,58 @@ void PktioStreamIn::changeRoutes(std::span<const RouteChange> changes) {
 
 void PktioStreamIn::routePid(std::uint32_t pid) {
     Log::debug(*m_Logger, "Add PID {} to stream", pid);
+    m_RouteCount += m_PidFilter.isPidPassed(pid) ? 0 : 1;
     m_PidFilter.addPid(pid);
 }
 
 void PktioStreamIn::stopRoutePid(std::uint32_t pid) {
     Log::debug(*m_Logger, "Remove PID {} from stream", pid);
+    m_RouteCount -= m_PidFilter.isPidPassed(pid) ? 1 : 0;
     m_PidFilter.removePid(pid);
 }
 
 /// An error ends this stream alone.
 void PktioStreamIn::streamThread() noexcept {
     try {
+        m_State = State::Playing;
         ::pthread_setname_np(::pthread_self(), fmt::format("tsiidx-{}", m_TSIIDX).c_str());
         playFile();
+        m_State = State::Finished;
     } catch (const CppUtil::IOError& e) {
-        Log::error(*m_Logger, "Stream of TSIIDX {} has ended: {} [{}]", m_TSIIDX, e.what(), e.getReason());
+        fail(e.what(), e.getReason());
     } catch (const std::exception& e) {
-        Log::error(*m_Logger, "Stream of TSIIDX {} has ended: {}", m_TSIIDX, e.what());
+        fail(e.what(), {});
     }
+}
+
+/// The text is kept for the status. Where there is no memory for that, the log alone has it.
+void PktioStreamIn::fail(const char* what, const std::string& reason) noexcept {
+    try {
+        m_Failure = reason.empty() ? what : fmt::format("{} [{}]", what, reason);
+    } catch (const std::bad_alloc&) {
+    }
+    Log::error(*m_Logger, "Stream of TSIIDX {} has ended: {}", m_TSIIDX,
+               m_Failure.empty() ? what : m_Failure.c_str());
+    m_State = State::Failed;
+}
+
+void PktioStreamIn::logStatus(const std::string& uri) {
+    static constexpr std::array STATES = {"waiting", "playing", "finished", "failed"};
+    const State state = m_State;
+    const std::uint64_t released = m_PacketsReleased.load();
+    const std::uint64_t read = std::max(m_PacketsRead.load(), released);
+    const std::uint64_t written = m_PacketsWritten.load();
+    const std::uint64_t size = m_InputFile.getSize();
+    const auto now = std::chrono::steady_clock::now();
+    const std::chrono::duration<double> elapsed = now - std::exchange(m_StatusTime, now);
+    const std::uint64_t writtenSince = written - std::exchange(m_StatusWritten, written);
+    Log::info(
+        *m_Logger,
+        "Status: tsiidx={} uri={} file={} state={} read={} written={} held={} percent={} rate={:.0f}{}{}",
+        m_TSIIDX, uri, m_InputFile.getPath(), STATES[static_cast<std::size_t>(state)], read, written,
+        read - released, size == 0 ? "-" : std::to_string(read * Ts::TS_PACKET_SIZE * 100 / size),
+        static_cast<double>(writtenSince) / elapsed.count(), state == State::Failed ? " reason=" : "",
+        state == State::Failed ? m_Failure : "");
 }
 
 /// The path of every packet: file, buffer, queue, rate adapter, PID filter, data device.
@@ -83,19 +124,23 @@ void PktioStreamIn::playFile() {
         if (!m_InputFile.readPacket(
                 std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE))) {
             reportDroppedPackets();
-            m_Stop = true;
+            m_Stop.request_stop();
             continue;
         }
+        m_PacketsRead.increment();
         const bool last = m_InputFile.isAtEnd();
         const auto& queued = m_PacketQueue.emplace_back(std::move(packet));
         const std::int32_t answer = m_RateAdapter->bufferPacket(queued, last);
         if (answer == IRateAdapter::DISCARD_OLDEST) {
             m_PacketQueue.pop_front();
+            m_PacketsReleased.increment();
+        } else if (answer == IRateAdapter::WHEN_DUE) {
+            releaseWhenDue();
         } else if (answer > 0) {
             release(answer);
         }
         if (last) {
-            m_Stop = true;
+            m_Stop.request_stop();
         }
     }
     Log::debug(*m_Logger, "Stopping packet stream thread for TSIIDX {} with file {}", m_TSIIDX,
@@ -118,6 +163,13 @@ void PktioStreamIn::prepare(Ts::LowlevInTSPacket& packet) const {
     Ts::writeRecordHeader(packet.getWriteDataPtr(), m_TSIIDX);
 }
 
+/// Waits without the filter lock, so that routes can change at any time.
+void PktioStreamIn::releaseWhenDue() {
+    while (const std::int32_t count = m_RateAdapter->waitUntilDue(m_Stop.get_token())) {
+        release(count);
+    }
+}
+
 /// Holds the filter lock through the whole batch, pacing included, so that a route never changes within one.
 void PktioStreamIn::release(std::int32_t count) {
     const auto lock = lockForRelease();
@@ -126,8 +178,10 @@ void PktioStreamIn::release(std::int32_t count) {
         Ts::LowlevInTSPacket& oldest = m_PacketQueue.front();
         if (m_PidFilter.isPidPassed(oldest.getPid())) {
             m_Dispatcher.dispatch(oldest);
+            m_PacketsWritten.increment();
         }
         m_PacketQueue.pop_front();
+        m_PacketsReleased.increment();
     }
 }
 

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -13,6 +15,7 @@
 #include "tspacket_streaming/irate_adapter.h"
 #include "tspacket_streaming/packet_dispatcher.h"
 #include "tspacket_streaming/ts_file.h"
+#include "vel/cpp_utils/counter.h"
 #include "vel/cpp_utils/log.h"
 #include "vel/ts_basics/ll_tspackets.h"
 #include "vel/ts_basics/pid_filter.h"
@@ -40,7 +43,7 @@ public:
     /// @param stop requested at the end of the program: ends every wait of this stream
     PktioStreamIn(const std::string& fileName, std::uint32_t tsiidx, std::unique_ptr<IRateAdapter>&& adapter,
                   PacketDispatcher& dispatcher, std::stop_token stop = {});
-    /// Ends the thread, after the release batch in progress; what is still queued is dropped.
+    /// Stops the stream; what is still queued is dropped.
     virtual ~PktioStreamIn();
     PktioStreamIn(const PktioStreamIn&) = delete;
     PktioStreamIn& operator=(const PktioStreamIn&) = delete;
@@ -51,31 +54,53 @@ public:
     /// @throws std::system_error when no thread can be created; all changes are applied, and a later call
     /// with a routed PID tries again
     void changeRoutes(std::span<const RouteChange> changes);
+    /// Ends the thread, after the release batch in progress.
+    void stop();
+
+    /// Logs one line of key=value pairs about this input, which zeptfem(8) explains. Any one thread at a
+    /// time.
+    void logStatus(const std::string& uri);
+    /// PIDs that are let through. Thread-safe.
+    std::uint32_t getRouteCount() const { return m_RouteCount; }
 
 private:
+    enum class State { Waiting, Playing, Finished, Failed };
+
     void streamThread() noexcept;
+    void fail(const char* what, const std::string& reason) noexcept;
     void playFile();
     void reportDroppedPackets() const;
     void prepare(Ts::LowlevInTSPacket& packet) const;
     void release(std::int32_t count);
-    bool isStopped() const { return m_Stop || m_ProgramStop.stop_requested(); }
+    void releaseWhenDue();
+    bool isStopped() const { return m_Stop.stop_requested(); }
     void routePid(std::uint32_t pid);
     void stopRoutePid(std::uint32_t pid);
     std::unique_lock<std::mutex> lockForRelease();
 
     std::shared_ptr<spdlog::logger> m_Logger;
     std::uint32_t m_TSIIDX;
-    std::stop_token m_ProgramStop;
+    std::stop_source m_Stop;
     TsFile m_InputFile;                           // the streaming thread's, once that runs
     std::mutex m_FilterLock;                      // taken before the dispatcher's write lock, never after it
     std::atomic<bool> m_RoutingWaits = false;     // changeRoutes() waits for m_FilterLock
     std::unique_ptr<IRateAdapter> m_RateAdapter;  // the streaming thread's
     PacketDispatcher& m_Dispatcher;
     Ts::Misc::PidFilter m_PidFilter;  // guarded by m_FilterLock
-    std::atomic<bool> m_Stop = false;
     // The streaming thread's: what the adapter holds, in file order.
     std::deque<Ts::LowlevInTSPacket> m_PacketQueue;
     std::thread m_Thread;  // guarded by m_FilterLock
+    std::atomic<std::uint32_t> m_RouteCount = 0;
+    // The streaming thread writes these and any thread reads them: m_Failure once the state is Failed.
+    std::atomic<State> m_State = State::Waiting;
+    std::string m_Failure;
+    CppUtil::Counter m_PacketsRead;
+    CppUtil::Counter m_PacketsReleased;
+    CppUtil::Counter m_PacketsWritten;
+    // Of the last status line.
+    std::chrono::steady_clock::time_point m_StatusTime = std::chrono::steady_clock::now();
+    std::uint64_t m_StatusWritten = 0;
+    std::stop_callback<std::function<void()>> m_ProgramStop;  // passes the program's end on to m_Stop
 };
 
 }  // namespace Vel::Utils

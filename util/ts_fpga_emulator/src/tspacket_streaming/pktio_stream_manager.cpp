@@ -4,27 +4,18 @@
 #include <utility>
 
 #include "tspacket_streaming/max_rate_adapter.h"
+#include "tspacket_streaming/pcr_clock_adapter.h"
 #include "tspacket_streaming/pcr_rate_adapter.h"
 
 namespace Vel::Utils {
 
-namespace {
-
-std::unique_ptr<IRateAdapter> makeRateAdapter(StreamMode mode, const std::stop_token& stop) {
-    if (mode == StreamMode::PcrRate) {
-        return std::make_unique<PCRRateAdapter>(stop);
-    }
-    return std::make_unique<MaxRateAdapter>();
-}
-
-}  // namespace
-
 PktioStreamManager::PktioStreamManager(PacketDispatcher& dispatcher, StreamMode mode,
-                                       const UriFileList& files, std::stop_token stop)
+                                       const UriFileList& files, std::stop_token stop, PcrPacing pacing)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())),
       m_Dispatcher(dispatcher),
       m_Files(files),
       m_Mode(mode),
+      m_Pacing(pacing),
       m_Stop(std::move(stop)) {
     Log::debug(*m_Logger, "Create PktioStreamManager");
 }
@@ -32,7 +23,25 @@ PktioStreamManager::PktioStreamManager(PacketDispatcher& dispatcher, StreamMode 
 PktioStreamManager::~PktioStreamManager() {
     Log::debug(*m_Logger, "Destroy PktioStreamManager");
     m_PendingRoutes.clear();
+    for (auto& [tsiidx, input] : m_ToCpuPktioStreams) {
+        input.stream->stop();
+    }
+    if (m_Logger->should_log(spdlog::level::debug)) {
+        logStatus();
+    }
     m_ToCpuPktioStreams.clear();
+}
+
+void PktioStreamManager::logStatus() {
+    const std::lock_guard lock(m_StreamsLock);
+    std::uint32_t routes = 0;
+    for (auto& [tsiidx, input] : m_ToCpuPktioStreams) {
+        input.stream->logStatus(input.uri);
+        routes += input.stream->getRouteCount();
+    }
+    const auto up = std::chrono::steady_clock::now() - m_Start;
+    Log::info(*m_Logger, "Status: inputs={} routes={} records={} seconds={}", m_ToCpuPktioStreams.size(),
+              routes, m_Dispatcher.getRecordCount(), std::chrono::floor<std::chrono::seconds>(up).count());
 }
 
 void PktioStreamManager::handleEvent(std::unique_ptr<FPGAMonEvent> event) {
@@ -83,15 +92,30 @@ void PktioStreamManager::handleInputTsAdd(const FPGAMonEvent_InputTSAdded& event
                      tsiidx, playing->second.uri);
         return;
     }
-    auto stream = std::make_unique<PktioStreamIn>(file->second, tsiidx, makeRateAdapter(m_Mode, m_Stop),
-                                                  m_Dispatcher, m_Stop);
-    m_ToCpuPktioStreams.emplace(tsiidx, InputStream{event.getUri(), std::move(stream), {}});
+    auto stream =
+        std::make_unique<PktioStreamIn>(file->second, tsiidx, makeRateAdapter(tsiidx), m_Dispatcher, m_Stop);
+    {
+        const std::lock_guard lock(m_StreamsLock);
+        m_ToCpuPktioStreams.emplace(tsiidx, InputStream{event.getUri(), std::move(stream), {}});
+    }
     replayPendingRoutes(tsiidx);
+}
+
+std::unique_ptr<IRateAdapter> PktioStreamManager::makeRateAdapter(std::uint32_t tsiidx) const {
+    if (m_Mode != StreamMode::PcrRate) {
+        return std::make_unique<MaxRateAdapter>();
+    }
+    if (m_Pacing == PcrPacing::Clock) {
+        return std::make_unique<PCRClockAdapter>(tsiidx);
+    }
+    return std::make_unique<PCRRateAdapter>(m_Stop);
 }
 
 void PktioStreamManager::handleInputTsRemove(const FPGAMonEvent_InputTSRemoved& event) {
     Log::info(*m_Logger, "Detected removed input TS: {} @ TSIIDX {}", event.getUri(), event.getTSIIDX());
-    m_ToCpuPktioStreams.erase(event.getTSIIDX());
+    std::unique_lock lock(m_StreamsLock);
+    const auto ended = m_ToCpuPktioStreams.extract(event.getTSIIDX());
+    lock.unlock();  // the stream may take its time to end
 }
 
 void PktioStreamManager::handleCpuRouteAdd(const FPGAMonEvent_CPUPIDAdded& event) {

@@ -8,4 +8,10 @@ enum class StreamMode {
     PcrRate = 1,  ///< at the rate of the PCR in the stream
 };
 
+/// How the rate of the PCR is kept in the mode PcrRate.
+enum class PcrPacing {
+    Batches,  ///< by the mean time per packet, one sleep per batch
+    Clock,    ///< every packet at the time that the PCRs around it give
+};
+
 }  // namespace Vel::Utils

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,6 +45,11 @@ bool TsFile::isAtEnd() {
         fill();
     }
     return m_Position == m_Filled && m_EndOfFile;
+}
+
+std::uint64_t TsFile::getSize() const {
+    struct stat status {};
+    return ::fstat(m_File.get(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
 void TsFile::throwIfFailed() const {

@@ -30,6 +30,8 @@ public:
     bool isAtEnd();
 
     const std::string& getPath() const { return m_Path; }
+    /// In bytes; 0 for what has no size, a FIFO for example. Any thread may ask.
+    std::uint64_t getSize() const;
 
 private:
     bool fill();

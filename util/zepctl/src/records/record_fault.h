@@ -26,17 +26,6 @@ public:
         throw Ts::TsPacketError("Cannot get data pointer. Packet is read-only.", __FILE__, __LINE__);
     }
 
-    /// discontinuity_indicator (ISO/IEC 13818-1, 2.4.3.5): counter or time base restart here
-    /// on purpose. An adaptation field that does not fit into the packet has none.
-    bool hasDiscontinuityIndicator() const {
-        constexpr std::uint8_t ADAPTATION_FIELD = 0x20;
-        constexpr std::uint8_t DISCONTINUITY_INDICATOR = 0x80;
-        constexpr std::uint8_t MAX_ADAPTATION_FIELD_LENGTH = 183;
-        const std::uint8_t* b = getDataPtr();
-        return (b[3] & ADAPTATION_FIELD) != 0 && b[4] != 0 && b[4] <= MAX_ADAPTATION_FIELD_LENGTH &&
-               (b[5] & DISCONTINUITY_INDICATOR) != 0;
-    }
-
 private:
     const std::uint8_t* m_Record;
 };

@@ -45,6 +45,9 @@ public:
     virtual ScramblingControl getScramblingControl() const;
     virtual bool isScrambled() const;
     virtual bool hasPcr() const;
+    /// discontinuity_indicator (ISO/IEC 13818-1, 2.4.3.5): counter or time base restart here on purpose. An
+    /// adaptation field that does not fit into the packet has none.
+    bool hasDiscontinuityIndicator() const;
     virtual bool isPayloadUnitStart() const;
     /// The PCR in 27 MHz ticks, base * 300 + extension with both as they stand in the packet.
     /// @throws TsPacketError where hasPcr() is false

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <string>
+
+#include "tspacket_streaming/irate_adapter.h"
+#include "tspacket_streaming/monotonic_clock.h"
+#include "tspacket_streaming/pcr_reader.h"
+#include "vel/cpp_utils/log.h"
+
+namespace Vel::Utils {
+
+/// Releases every packet at the time that the PCR gives it. Holds the packets until the next PCR is known,
+/// and spreads them evenly between the two PCRs around them (ISO/IEC 13818-1, 2.4.2.2). Times are absolute,
+/// so a late packet does not delay those after it.
+///
+/// A PCR that cannot continue the one before it starts a new time base: the packets up to it leave at the
+/// rate so far. The packets before the first two PCRs take the rate of these, those after the last PCR the
+/// last rate. One adapter serves one stream, on that stream's thread.
+class PCRClockAdapter final : public IRateAdapter {
+public:
+    static constexpr std::uint32_t MAX_BUFFERED_PACKETS = 10000;
+    /// Packets that are due within this time leave together, but never more than that many.
+    static constexpr std::uint64_t GROUP_NS = 250'000;
+    static constexpr std::int32_t GROUP_PACKETS = 100;
+    /// Packets that are later than this, because the reader paused for example, start a new time base.
+    static constexpr std::uint64_t MAX_LATENESS_NS = 1'000'000'000;
+    /// PCRs come at least every 100 ms (ISO/IEC 13818-1, 2.7.2), in 27 MHz ticks: the most by which one may
+    /// be further ahead than the rate so far gives.
+    static constexpr std::uint64_t MAX_PCR_LEAD = 2'700'000;
+    /// The longest time between the first two PCRs, in 27 MHz ticks: there is no rate yet to compare it with.
+    static constexpr std::uint64_t MAX_FIRST_INTERVAL = 27'000'000;
+
+    static std::string loggerName() { return Log::makeLoggerName(__FILE__, "Vel::Utils::PCRClockAdapter"); }
+
+    /// @param tsiidx of the input, for the log
+    /// @param clock where time comes from; the system's by default
+    explicit PCRClockAdapter(std::uint32_t tsiidx, std::unique_ptr<const MonotonicClock> clock =
+                                                       std::make_unique<MonotonicClock>());
+
+    std::int32_t bufferPacket(const Ts::TSPacket& packet, bool last) override;
+    std::uint32_t getMaxBufferedPackets() const override { return MAX_BUFFERED_PACKETS; }
+    /// Packets have waited in waitUntilDue() already.
+    void delayPacket() override {}
+    std::int32_t waitUntilDue(const std::stop_token& stop) override;
+
+private:
+    /// Times are in 27ths of a nanosecond. A tick of 27 MHz has exactly 1000 of them, so no rounding adds up.
+    using FineTime = std::int64_t;
+
+    struct PcrRecord {
+        std::uint64_t packetIndex;  // the first packet of the stream has 1
+        std::uint64_t pcr;          // 27 MHz ticks
+    };
+
+    void addPcr(PcrRecord pcr, bool isNewTimeBase);
+    void scheduleHeld(double packetTime);
+    void scheduleWithoutPcr();
+    std::uint64_t dueNs(std::uint64_t packetIndex) const;
+
+    std::shared_ptr<spdlog::logger> m_Logger;
+    std::uint32_t m_Tsiidx;
+    std::unique_ptr<const MonotonicClock> m_Clock;
+    PcrReader m_PcrReader;
+    std::optional<PcrRecord> m_LastPcr;
+    std::optional<double> m_Rate;  // FineTime per packet, from the last two PCRs that belong together
+    bool m_IsUnpacedReported = false;
+    // Indices of packets: handed in so far, given a due time, released.
+    std::uint64_t m_PacketCount = 0;
+    std::uint64_t m_Scheduled = 0;
+    std::uint64_t m_Released = 0;
+    // The due times, up to m_Scheduled: those of packets at equal distances after an origin.
+    std::uint64_t m_OriginIndex = 0;
+    FineTime m_OriginTime = 0;
+    double m_PacketTime = 0;
+    FineTime m_EndTime = 0;  // of the packet m_Scheduled
+};
+
+}  // namespace Vel::Utils
