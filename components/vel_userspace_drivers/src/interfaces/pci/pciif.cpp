@@ -41,10 +41,12 @@ void PciIf::openDevice() {
 
 void PciIf::mapMemory() {
     checkFileSize();
-    // A size of 2 GiB and more is stored as a negative number; widened again it is one that cannot be mapped.
+    // A size of 2 GiB and more is stored as a negative number. With 32-bit addresses it could be mapped by
+    // chance.
     const auto length = static_cast<std::size_t>(m_MapSize);
-    void* base = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_File.get(),
-                        static_cast<off_t>(m_MapOffset));
+    void* base = m_MapSize < 0 ? MAP_FAILED
+                               : ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_File.get(),
+                                        static_cast<off_t>(m_MapOffset));
     if (base == MAP_FAILED || base == nullptr) {
         throw PciError("Failed mmap of " + std::to_string(m_MapSize) + " bytes (offset: " +
                            std::to_string(m_MapOffset) + ") from device: " + m_Path + ". ",

@@ -97,7 +97,7 @@ private:
     Unit* locate(std::uint32_t index, std::uint64_t count, MemAccessType type) const {
         const MemSegment segment = getMemSegment();
         checkAccess(segment.size, std::uint64_t{index} * sizeof(Unit), count * sizeof(Unit), type);
-        return reinterpret_cast<Unit*>(segment.base) + index;
+        return static_cast<Unit*>(static_cast<void*>(segment.base)) + index;
     }
 
     // load() and writeUnits() are the only places that touch device memory. The compiler cannot know that it

@@ -1,0 +1,27 @@
+# Toolchain of the presets armhf and arm64: Debian's cross compiler, the libraries of the target in build/sysroot-ARCH,
+# which scripts/cross makes, and qemu to run what has been built.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ZEPTFEM_ARCH)
+set(CMAKE_SYSTEM_NAME Linux)
+if(ZEPTFEM_ARCH STREQUAL armhf)
+  set(CMAKE_SYSTEM_PROCESSOR armv7l)
+  set(triplet arm-linux-gnueabihf)
+  # qemu hands signal handlers the failed address as the host sees it. With this base its low 32 bits are those of
+  # the address that the program knows.
+  set(qemu qemu-arm-static -B 0x200000000)
+  # ARMv7-A with VFPv3 and without NEON, which not every such processor has.
+  set(CMAKE_CXX_FLAGS_INIT "-march=armv7-a -mfpu=vfpv3-d16 -mfloat-abi=hard")
+else()
+  set(CMAKE_SYSTEM_PROCESSOR aarch64)
+  set(triplet aarch64-linux-gnu)
+  set(qemu qemu-aarch64-static)
+endif()
+set(CMAKE_CXX_COMPILER ${triplet}-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
+set(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-${ZEPTFEM_ARCH})
+file(REAL_PATH ${CMAKE_SYSROOT} CMAKE_SYSROOT)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${qemu} -L ${CMAKE_SYSROOT})
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${ZEPTFEM_ARCH})

@@ -1,0 +1,43 @@
+# The manual pages and, with CPack, the Debian package: cmake --build --preset release --target package
+set(pages ${PROJECT_SOURCE_DIR}/docs/zeptfem.8 ${PROJECT_SOURCE_DIR}/docs/zepctl.1)
+configure_file(${PROJECT_SOURCE_DIR}/packaging/changelog.in ${PROJECT_BINARY_DIR}/packaging/changelog @ONLY)
+foreach(page ${pages} ${PROJECT_BINARY_DIR}/packaging/changelog)
+  get_filename_component(name ${page} NAME)
+  set(packed ${PROJECT_BINARY_DIR}/packaging/${name}.gz)
+  add_custom_command(OUTPUT ${packed} COMMAND gzip -9nc ${page} > ${packed} DEPENDS ${page} VERBATIM)
+  list(APPEND packed_pages ${packed})
+endforeach()
+add_custom_target(packed_pages ALL DEPENDS ${packed_pages})
+install(FILES ${PROJECT_BINARY_DIR}/packaging/zeptfem.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/zepctl.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${PROJECT_BINARY_DIR}/packaging/changelog.gz
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE "")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+if(CMAKE_CROSSCOMPILING)
+  # dpkg-shlibdeps looks for the libraries of this machine: these are those of the target, and whose they are.
+  file(WRITE ${PROJECT_BINARY_DIR}/packaging/dpkg-shlibdeps
+    "#!/bin/sh\nexec dpkg-shlibdeps -l${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE} "
+    "-l${CMAKE_SYSROOT}/lib/${CMAKE_LIBRARY_ARCHITECTURE} -L${CMAKE_SYSROOT}/shlibs \"$@\"\n")
+  file(CHMOD ${PROJECT_BINARY_DIR}/packaging/dpkg-shlibdeps PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+  set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/packaging/cpack.cmake)
+  file(WRITE ${CPACK_PROJECT_CONFIG_FILE}
+    "set(SHLIBDEPS_EXECUTABLE ${PROJECT_BINARY_DIR}/packaging/dpkg-shlibdeps)\n")
+endif()
+set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The zeptfem developers <zeptfem@packages.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "stand-in for an FPGA that moves transport streams")
+set(CPACK_PACKAGE_DESCRIPTION
+  "zeptfem emulates the path from an FPGA that moves MPEG-2 transport streams to
+the CPU of its board. It watches the tables of the FPGA, plays a file for each
+input and writes the packets that are routed to the CPU.
+zepctl makes stand-in devices, shows and changes the tables, and checks the
+records.")
+include(CPack)
