@@ -23,9 +23,6 @@ sigset_t handledSignals() {
 void SignalThread::blockSignals() {
     const sigset_t signals = handledSignals();
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    std::signal(SIGUSR1, SIG_DFL);
 }
 
 SignalThread::SignalThread(std::function<void(int)> onSignal)

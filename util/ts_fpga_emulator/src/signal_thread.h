@@ -12,8 +12,8 @@ namespace Vel::Utils {
 class SignalThread {
 public:
     /// Blocks the signals in the calling thread and, by inheritance, in every thread that it starts
-    /// later; call it before the first one. They are pending then until a SignalThread takes them. Their
-    /// action becomes the default one: a parent may have ignored them, and an ignored signal never arrives.
+    /// later; call it before the first one. They are pending then until a SignalThread takes them. Linux
+    /// keeps a blocked signal also where the parent had it ignored.
     static void blockSignals();
 
     /// @param onSignal called with the signal; must not throw

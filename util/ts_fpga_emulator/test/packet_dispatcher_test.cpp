@@ -44,6 +44,7 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     stop.request_stop();
     {
         const std::jthread last(write, 'c', 1);  // is finished, since it has begun
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
         readRecords(1);
     }
     write('d', 2);

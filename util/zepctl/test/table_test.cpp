@@ -10,6 +10,7 @@
 
 #include "fake_memory.h"
 #include "fpga_monitoring/iplut_monitor.h"
+#include "tables/device.h"
 #include "tables/input_table.h"
 #include "tables/route_table.h"
 #include "tables/row_text.h"
@@ -156,6 +157,14 @@ TEST_F(InputTableTest, AReaderNeverSeesAnotherInputComeOrGo) {
         std::sort(sorted.begin(), sorted.end());
         EXPECT_EQ(InputTable(memory).list(), sorted);
     }
+}
+
+TEST_F(InputTableTest, ATableThatIsEmptiedShowsNoOtherInputs) {
+    putLastRows({10, 20});
+    const Words initial = memory.words;
+    clearWords(memory, TSIO_DEVICE.size / sizeof(std::uint32_t));
+    EXPECT_THAT(eventsSeen(initial, memory.stores, 2000),
+                testing::UnorderedElementsAre("-udp://239.0.0.10:5000", "-udp://239.0.0.20:5000"));
 }
 
 TEST_F(InputTableTest, AWriterKilledAtAnyStoreLeavesATableThatTheNextOneMends) {

@@ -1,5 +1,6 @@
 #include "vel/cpp_utils/uri/uri.h"
 
+#include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
@@ -36,13 +37,10 @@ Uri::Query parseQuery(const std::string& text) {
     return query;
 }
 
-/// Reads as much of a number as a stream finds: leading blanks and a sign are taken, trailing text is left,
-/// no digits are 0. What does not fit a port leaves it unset.
+/// Leading blanks and a sign are taken, trailing text is left, no digits are 0. What does not fit a port
+/// leaves it unset.
 void parsePort(UriAuthority& authority, const std::string& text) {
-    std::uint32_t port = 0;
-    std::istringstream number(text);
-    number.exceptions(std::ios::badbit);  // otherwise a lack of memory would pass as port 0
-    number >> port;
+    const unsigned long port = std::strtoul(text.c_str(), nullptr, 10);
     if (port <= std::numeric_limits<std::uint16_t>::max()) {
         authority.setPort(static_cast<std::uint16_t>(port));
     }

@@ -55,16 +55,13 @@ void makeRoom(const Device& device) {
     }
 }
 
-/// Clears the last word first: the bits that put a row in use are in its last word, so no row in use ever
-/// loses its address.
-void empty(const Device& device) {
-    LockedDevice locked(device);
-    for (std::uint32_t word = device.size / sizeof(std::uint32_t); word-- > 0;) {
-        locked.memory().write32(word, 0);
+}  // namespace
+
+void clearWords(Drivers::IMemIf& memory, std::uint32_t count) {
+    while (count-- > 0) {
+        memory.write32(count, 0);
     }
 }
-
-}  // namespace
 
 void createStandIns(const std::string& directory, bool withFifo, bool force) {
     const Device tsio{(fs::path(directory) / "tsio").string(), Drivers::Zep::TSIO_DEVICE.size};
@@ -86,8 +83,9 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
     }
     makeRoom(tsio);
     makeRoom(router);
-    empty(tsio);
-    empty(router);
+    for (const Device& device : {tsio, router}) {
+        clearWords(LockedDevice(device).memory(), device.size / sizeof(std::uint32_t));
+    }
 }
 
 std::string standInCommandLine(const std::string& directory) {

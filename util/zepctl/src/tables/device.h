@@ -29,6 +29,10 @@ private:
     CppUtil::FileDescriptor m_Lock;
 };
 
+/// Sets so many words of a device to 0, the last one first: the bits that put a row in use are in its last
+/// word, so no row in use ever loses its address.
+void clearWords(Drivers::IMemIf& memory, std::uint32_t count);
+
 /// Creates files in `directory` that stand in for the devices: `tsio` and `router`, all zero, and `pktio`, a
 /// FIFO, if asked for. Creates the directory if it is missing.
 ///
