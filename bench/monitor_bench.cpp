@@ -64,13 +64,26 @@ double idle(Cycle cycle) {
     return Bench::cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - begin;
 }
 
-/// Processor time of the idle monitors, as a multiple of that of a loop that reads the words of both tables
-/// twice and sleeps.
+/// Puts so many rows in use, of the IP LUT first and then of the PID LUT.
+void fill(Drivers::IMemIf& tsio, Drivers::IMemIf& router, std::uint32_t rows) {
+    for (std::uint32_t row = 0; row < rows; ++row) {
+        if (row < 256) {
+            tsio.writeBlock32(2048 + 2 * row, {0xEF000000 + row, 1U << 24 | row << 16 | 5000});
+        } else {
+            const std::uint32_t route = row - 256;
+            router.writeBlock32(8192 + 2 * route, {route / 8 << 13 | route % 8, 0xFF002000 | (route + 1)});
+        }
+    }
+}
+
+/// Processor time of the idle monitors with so many rows in use, as a multiple of that of a loop that reads
+/// the words of both tables twice and sleeps.
 void idleMonitorsAgainstBareLoop(benchmark::State& state) {
     const StandIn tsioFile(Drivers::Zep::TSIO_DEVICE.size);
     const StandIn routerFile(Drivers::Zep::ROUTER_DEVICE.size);
     auto tsio = std::make_shared<Pci::PciIf>(tsioFile.path(), Drivers::Zep::TSIO_DEVICE.size, 0);
     auto router = std::make_shared<Pci::PciIf>(routerFile.path(), Drivers::Zep::ROUTER_DEVICE.size, 0);
+    fill(*tsio, *router, static_cast<std::uint32_t>(state.range()));
     NoConsumer consumer;
     Utils::IpLutMonitor ipLut(tsio, consumer);
     Utils::PidLutMonitor pidLut(router, consumer);
@@ -95,6 +108,14 @@ void idleMonitorsAgainstBareLoop(benchmark::State& state) {
     state.counters["bare_us"] = bare / (static_cast<double>(state.iterations()) * CYCLES) * 1e6;
     state.counters["poll_us"] = monitors / (static_cast<double>(state.iterations()) * CYCLES) * 1e6;
 }
-BENCHMARK(idleMonitorsAgainstBareLoop)->UseManualTime()->Iterations(6)->Unit(benchmark::kMillisecond);
+BENCHMARK(idleMonitorsAgainstBareLoop)
+    ->ArgName("rows")
+    ->Arg(0)
+    ->Arg(256)
+    ->Arg(1280)
+    ->Arg(2304)
+    ->UseManualTime()
+    ->Iterations(6)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

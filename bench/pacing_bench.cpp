@@ -301,5 +301,15 @@ PACING(Bare, 5, 1, 4);
 PACING(Batches, 5, 1, 4);
 PACING(Clock, 5, 1, 4);
 PACING(Clock, 40, 1, 4);
+PACING(Batches, 1, 1, 0);
+PACING(Batches, 1, 4, 0);
+PACING(Batches, 1, 16, 0);
+PACING(Batches, 1, 64, 0);
+PACING(Batches, 1, 256, 0);
+PACING(Clock, 1, 1, 0);
+PACING(Clock, 1, 4, 0);
+PACING(Clock, 1, 16, 0);
+PACING(Clock, 1, 64, 0);
+PACING(Clock, 1, 256, 0);
 
 }  // namespace

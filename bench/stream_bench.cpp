@@ -141,6 +141,29 @@ void fullRateAgainstBareLoop(benchmark::State& state) {
 }
 BENCHMARK(fullRateAgainstBareLoop)->UseManualTime()->Iterations(12)->Unit(benchmark::kMillisecond);
 
+/// Packets per second of so many streams at once, all to one device.
+void fullRateInputs(benchmark::State& state) {
+    const auto inputs = static_cast<std::size_t>(state.range());
+    while (state.KeepRunning()) {
+        std::vector<std::thread> players;
+        for (std::size_t i = 0; i < inputs; ++i) {
+            players.emplace_back([] { playStream(PID); });
+        }
+        for (std::thread& player : players) {
+            player.join();
+        }
+    }
+    state.counters["packets_per_second"] =
+        benchmark::Counter(static_cast<double>(inputs * PACKETS), benchmark::Counter::kIsRate);
+}
+BENCHMARK(fullRateInputs)
+    ->ArgName("inputs")
+    ->RangeMultiplier(4)
+    ->Range(1, 256)
+    ->UseRealTime()
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond);
+
 /// Processor time of a packet that is read and queued, but not routed.
 void notRoutedPacket(benchmark::State& state) {
     double stream = 0;

@@ -1,14 +1,16 @@
-// A TS file, paced by its PCRs against a clock of the target's own: all packets of a whole file leave,
-// whatever its bytes are, and none that was not there.
+// A TS file, paced by its PCRs in both ways, against a clock of the target's own: all packets of a whole file
+// leave, whatever its bytes are, and none that was not there.
 
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string>
 
 #include "require.h"
+#include "tspacket_streaming/pcr_clock_adapter.h"
 #include "tspacket_streaming/pcr_rate_adapter.h"
 #include "tspacket_streaming/ts_file.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
@@ -22,6 +24,9 @@ using namespace Vel;
 struct FakeClock : Utils::MonotonicClock {
     std::uint64_t getMonotonicNs() const override { return now += 1000; }
     void sleepNs(std::uint64_t ns, const std::stop_token& /*stop*/) const override { now += ns; }
+    void sleepUntilNs(std::uint64_t deadlineNs, const std::stop_token& /*stop*/) const override {
+        now = std::max(now, deadlineNs);
+    }
     mutable std::uint64_t now = 0;
 };
 
@@ -32,21 +37,36 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     REQUIRE(::write(memory.get(), data, size) == static_cast<ssize_t>(size));
     Utils::TsFile file("/proc/self/fd/" + std::to_string(memory.get()), [] { return false; });
     Utils::PCRRateAdapter adapter({}, std::make_unique<FakeClock>());
+    static const bool isQuiet = [] {
+        Log::setLogsystem(std::make_unique<Log::StdoutLogger>(spdlog::level::off));
+        return true;
+    }();
+    REQUIRE(isQuiet);
+    Utils::PCRClockAdapter clockAdapter(3, std::make_unique<FakeClock>());
     std::size_t held = 0;
     std::size_t released = 0;
+    std::size_t due = 0;
     auto packet = Ts::LowlevInTSPacket::create<Ts::TS_PACKET_SIZE>();
     while (file.readPacket(
         std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE))) {
-        const std::int32_t answer = adapter.bufferPacket(packet, file.isAtEnd());
+        const bool last = file.isAtEnd();
+        const std::int32_t answer = adapter.bufferPacket(packet, last);
         ++held;
         REQUIRE(answer >= 0 && static_cast<std::size_t>(answer) <= held);
         for (std::int32_t i = 0; i < answer; ++i, --held, ++released) {
             adapter.delayPacket();
         }
         REQUIRE(adapter.getBufferedPackets() == held);
+        if (clockAdapter.bufferPacket(packet, last) == Utils::IRateAdapter::WHEN_DUE) {
+            while (const std::int32_t count = clockAdapter.waitUntilDue({})) {
+                due += static_cast<std::size_t>(count);
+            }
+        }
+        REQUIRE(due <= released + held &&
+                released + held - due < Utils::PCRClockAdapter::MAX_BUFFERED_PACKETS);
     }
     const std::size_t packets = size / Ts::TS_PACKET_SIZE;
     REQUIRE(released + held == packets);
-    REQUIRE(size % Ts::TS_PACKET_SIZE != 0 || released == packets);
+    REQUIRE(size % Ts::TS_PACKET_SIZE != 0 || (released == packets && due == packets));
     return 0;
 }
