@@ -1,3 +1,4 @@
+#include <array>
 #include <csignal>
 #include <thread>
 
@@ -72,8 +73,9 @@ TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {
             emulator->signal(SIGINT);
             return emulator->err().starts_with("\nReceived signal SIGINT\n");
         }));
-        for (int i = 0; i < 200 && emulator->isRunning(); ++i) {
-            emulator->signal(i % 2 == 0 ? SIGTERM : SIGINT);
+        for (std::size_t i = 0; i < 200 && emulator->isRunning(); ++i) {
+            constexpr std::array SIGNALS = {SIGTERM, SIGINT, SIGUSR1};
+            emulator->signal(SIGNALS[i % SIGNALS.size()]);
         }
         ASSERT_EQ(emulator->wait(), 0) << delay;
         EXPECT_EQ(emulator->countLog("[info] Application exit has been signaled..."), 1U);

@@ -83,6 +83,7 @@ protected:
             const std::uint32_t tsiidx = m_Inputs.contains(n) ? m_Inputs[n] : n + 10 * random(2);
             const std::uint32_t what = random(20);
             if (what == 0) {
+                replaceInputs();
                 truncateInputs();
             } else if (what < 5) {
                 changeInput(n, tsiidx);
@@ -223,6 +224,14 @@ private:
             spans.back().mustTo = before;
             spans.back().mayTo = countWritten();
         }
+    }
+
+    /// Another file by the name of the one that is mapped changes nothing.
+    void replaceInputs() {
+        std::filesystem::rename(tsioPath, folder / "mapped");
+        createTable(tsioPath, TSIO_SIZE);
+        synchronize();
+        std::filesystem::rename(folder / "mapped", tsioPath);
     }
 
     void truncateInputs() {

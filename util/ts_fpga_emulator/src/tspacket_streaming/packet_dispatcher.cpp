@@ -69,7 +69,7 @@ void PacketDispatcher::openDevice() {
 }
 
 void PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet) {
-    const std::lock_guard lock(m_WriteLock);
+    const CppUtil::Lock lock(m_WriteLock);
     const std::uint8_t* record = packet.getWriteDataPtr();
     if (m_Device == Device::Failed) {
         m_IsReported = true;

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <span>
 #include <stop_token>
 #include <string>
 
 #include "vel/cpp_utils/counter.h"
 #include "vel/cpp_utils/log.h"
+#include "vel/cpp_utils/mutex.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/ts_basics/ll_tspackets.h"
 
@@ -39,15 +39,15 @@ public:
 private:
     enum class Device { Open, Failed, GivenUp };
 
-    void openDevice();
-    Device writeRecord(std::span<const std::uint8_t> record);
+    void openDevice() VEL_REQUIRES(m_WriteLock);
+    Device writeRecord(std::span<const std::uint8_t> record) VEL_REQUIRES(m_WriteLock);
 
     std::shared_ptr<spdlog::logger> m_Logger;
-    std::mutex m_WriteLock;          // taken last, after a stream's filter lock; held for one record
-    CppUtil::FileDescriptor m_File;  // guarded by m_WriteLock, as are the next three
-    Device m_Device = Device::Failed;
-    int m_Error = 0;            // errno of what failed
-    bool m_IsReported = false;  // a stream has reported the failure
+    CppUtil::Mutex m_WriteLock;  // taken last, after a stream's filter lock; held for one record
+    CppUtil::FileDescriptor m_File VEL_GUARDED_BY(m_WriteLock);
+    Device m_Device VEL_GUARDED_BY(m_WriteLock) = Device::Failed;
+    int m_Error VEL_GUARDED_BY(m_WriteLock) = 0;            // errno of what failed
+    bool m_IsReported VEL_GUARDED_BY(m_WriteLock) = false;  // a stream has reported the failure
     CppUtil::Counter m_RecordCount;
     std::string m_DevicePath;
     std::stop_token m_Stop;

@@ -43,7 +43,7 @@ void PktioStreamIn::stop() {
 
 void PktioStreamIn::changeRoutes(std::span<const RouteChange> changes) {
     m_RoutingWaits = true;
-    const std::lock_guard lock(m_FilterLock);
+    const CppUtil::Lock lock(m_FilterLock);
     m_RoutingWaits = false;
     m_RoutingWaits.notify_one();
     bool startsThread = false;
@@ -172,7 +172,8 @@ void PktioStreamIn::releaseWhenDue() {
 
 /// Holds the filter lock through the whole batch, pacing included, so that a route never changes within one.
 void PktioStreamIn::release(std::int32_t count) {
-    const auto lock = lockForRelease();
+    letRoutingPass();
+    const CppUtil::Lock lock(m_FilterLock);
     for (; count > 0; --count) {
         m_RateAdapter->delayPacket();
         Ts::LowlevInTSPacket& oldest = m_PacketQueue.front();
@@ -187,11 +188,10 @@ void PktioStreamIn::release(std::int32_t count) {
 
 /// At full rate this thread takes the lock for every packet, and would mostly win it again before a waiting
 /// routing call has woken up. So it lets that call pass first; otherwise this costs one load.
-std::unique_lock<std::mutex> PktioStreamIn::lockForRelease() {
+void PktioStreamIn::letRoutingPass() const {
     if (m_RoutingWaits) {
         m_RoutingWaits.wait(true);
     }
-    return std::unique_lock(m_FilterLock);
 }
 
 }  // namespace Vel::Utils

@@ -6,7 +6,6 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <stop_token>
 #include <string>
@@ -17,6 +16,7 @@
 #include "tspacket_streaming/ts_file.h"
 #include "vel/cpp_utils/counter.h"
 #include "vel/cpp_utils/log.h"
+#include "vel/cpp_utils/mutex.h"
 #include "vel/ts_basics/ll_tspackets.h"
 #include "vel/ts_basics/pid_filter.h"
 
@@ -74,19 +74,19 @@ private:
     void release(std::int32_t count);
     void releaseWhenDue();
     bool isStopped() const { return m_Stop.stop_requested(); }
-    void routePid(std::uint32_t pid);
-    void stopRoutePid(std::uint32_t pid);
-    std::unique_lock<std::mutex> lockForRelease();
+    void routePid(std::uint32_t pid) VEL_REQUIRES(m_FilterLock);
+    void stopRoutePid(std::uint32_t pid) VEL_REQUIRES(m_FilterLock);
+    void letRoutingPass() const;
 
     std::shared_ptr<spdlog::logger> m_Logger;
     std::uint32_t m_TSIIDX;
     std::stop_source m_Stop;
     TsFile m_InputFile;                           // the streaming thread's, once that runs
-    std::mutex m_FilterLock;                      // taken before the dispatcher's write lock, never after it
+    CppUtil::Mutex m_FilterLock;                  // taken before the dispatcher's write lock, never after it
     std::atomic<bool> m_RoutingWaits = false;     // changeRoutes() waits for m_FilterLock
     std::unique_ptr<IRateAdapter> m_RateAdapter;  // the streaming thread's
     PacketDispatcher& m_Dispatcher;
-    Ts::Misc::PidFilter m_PidFilter;  // guarded by m_FilterLock
+    Ts::Misc::PidFilter m_PidFilter VEL_GUARDED_BY(m_FilterLock);
     // The streaming thread's: what the adapter holds, in file order.
     std::deque<Ts::LowlevInTSPacket> m_PacketQueue;
     std::thread m_Thread;  // guarded by m_FilterLock
