@@ -67,39 +67,47 @@ const SampleFile& sample() {
     return file;
 }
 
+constexpr const char* NOWHERE = "/dev/null";
+constexpr const char* MEMORY = "/dev/shm/zeptfem-bench-records";
+
 /// The work that no stream can avoid: reads in blocks, and per packet one mutex lock and one write of a
-/// record.
+/// record, in one thread per stream.
 /// @return processor seconds
-double bareLoop() {
-    std::vector<std::uint8_t> block(std::size_t{348} * Ts::TS_PACKET_SIZE);
-    std::uint8_t record[Ts::RECORD_SIZE] = {};
+double bareLoops(std::size_t streams, const char* device) {
     std::mutex mutex;
     const double begin = processSeconds();
-    std::thread loop([&] {
-        const int in = ::open(sample().path().c_str(), O_RDONLY);
-        const int out = ::open("/dev/null", O_WRONLY);
-        for (ssize_t got = 0; (got = ::read(in, block.data(), block.size())) > 0;) {
-            for (ssize_t at = 0; at < got; at += Ts::TS_PACKET_SIZE) {
-                std::copy_n(block.data() + at, Ts::TS_PACKET_SIZE, record + Ts::RECORD_HEADER_SIZE);
-                const std::lock_guard lock(mutex);
-                benchmark::DoNotOptimize(::write(out, record, sizeof record));
+    const int out = ::open(device, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    std::vector<std::thread> loops;
+    for (std::size_t i = 0; i < streams; ++i) {
+        loops.emplace_back([&] {
+            std::vector<std::uint8_t> block(std::size_t{348} * Ts::TS_PACKET_SIZE);
+            std::uint8_t record[Ts::RECORD_SIZE] = {};
+            const int in = ::open(sample().path().c_str(), O_RDONLY);
+            for (ssize_t got = 0; (got = ::read(in, block.data(), block.size())) > 0;) {
+                for (ssize_t at = 0; at < got; at += Ts::TS_PACKET_SIZE) {
+                    std::copy_n(block.data() + at, Ts::TS_PACKET_SIZE, record + Ts::RECORD_HEADER_SIZE);
+                    const std::lock_guard lock(mutex);
+                    benchmark::DoNotOptimize(::write(out, record, sizeof record));
+                }
             }
-        }
-        ::close(in);
-        ::close(out);
-    });
-    loop.join();
+            ::close(in);
+        });
+    }
+    for (std::thread& loop : loops) {
+        loop.join();
+    }
+    ::close(out);
     return processSeconds() - begin;
 }
 
-/// Releases every packet at once, and sets `done` at the last one.
+/// Releases every packet at once, and counts the stream as done at the last one.
 class CountingAdapter final : public Utils::IRateAdapter {
 public:
-    explicit CountingAdapter(std::atomic<bool>& done) : m_Done(done) {}
+    explicit CountingAdapter(std::atomic<std::size_t>& playing) : m_Playing(playing) {}
     std::int32_t bufferPacket(const Ts::TSPacket& packet, bool last) override {
         if (last) {
-            m_Done = true;
-            m_Done.notify_one();
+            --m_Playing;
+            m_Playing.notify_one();
         }
         return m_Adapter.bufferPacket(packet, last);
     }
@@ -108,50 +116,64 @@ public:
 
 private:
     Utils::MaxRateAdapter m_Adapter;
-    std::atomic<bool>& m_Done;
+    std::atomic<std::size_t>& m_Playing;
 };
 
-/// @return processor seconds of a stream that plays the sample
-double playStream(std::uint32_t routedPid) {
-    Utils::PacketDispatcher dispatcher("/dev/null");
-    std::atomic<bool> done = false;
+/// @return processor seconds of so many streams that play the sample at once
+double playStreams(std::size_t streams, const char* device, std::uint32_t routedPid) {
+    std::atomic<std::size_t> playing = streams;
     const double begin = processSeconds();
     {
-        Utils::PktioStreamIn stream(sample().path(), 3, std::make_unique<CountingAdapter>(done), dispatcher);
-        stream.changeRoutes(std::array{Utils::PktioStreamIn::RouteChange{routedPid, true}});
-        done.wait(false);
+        Utils::PacketDispatcher dispatcher(device);
+        std::vector<std::unique_ptr<Utils::PktioStreamIn>> all;
+        for (std::uint32_t i = 0; i < streams; ++i) {
+            all.push_back(std::make_unique<Utils::PktioStreamIn>(
+                sample().path(), i, std::make_unique<CountingAdapter>(playing), dispatcher));
+            all.back()->changeRoutes(std::array{Utils::PktioStreamIn::RouteChange{routedPid, true}});
+        }
+        for (std::size_t some = playing; some > 0; some = playing) {
+            playing.wait(some);
+        }
     }
     return processSeconds() - begin;
 }
 
-/// Speed of one stream at full rate, as a fraction of the bare loop's.
-void fullRateAgainstBareLoop(benchmark::State& state) {
+/// Speed at full rate, as a fraction of the bare loops'.
+void fullRateAgainstBareLoop(benchmark::State& state, std::size_t streams, const char* device) {
     double bare = 0;
     double stream = 0;
     while (state.KeepRunning()) {
-        bare += bareLoop();
-        const double once = playStream(PID);
+        bare += bareLoops(streams, device);
+        const double once = playStreams(streams, device, PID);
         stream += once;
         state.SetIterationTime(once);
     }
-    const auto packets = static_cast<double>(state.iterations()) * PACKETS;
+    const auto packets = static_cast<double>(state.iterations()) * static_cast<double>(streams * PACKETS);
     state.counters["speed_ratio"] = bare / stream;
     state.counters["bare_ns"] = bare / packets * 1e9;
     state.counters["stream_ns"] = stream / packets * 1e9;
+    if (device == MEMORY) {
+        ::unlink(device);
+    }
 }
-BENCHMARK(fullRateAgainstBareLoop)->UseManualTime()->Iterations(12)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(fullRateAgainstBareLoop, one, 1, NOWHERE)
+    ->UseManualTime()
+    ->Iterations(12)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(fullRateAgainstBareLoop, one_to_memory, 1, MEMORY)
+    ->UseManualTime()
+    ->Iterations(12)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(fullRateAgainstBareLoop, sixteen, 16, NOWHERE)
+    ->UseManualTime()
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
 
-/// Packets per second of so many streams at once, all to one device.
+/// Packets per second of so many streams at once.
 void fullRateInputs(benchmark::State& state) {
     const auto inputs = static_cast<std::size_t>(state.range());
     while (state.KeepRunning()) {
-        std::vector<std::thread> players;
-        for (std::size_t i = 0; i < inputs; ++i) {
-            players.emplace_back([] { playStream(PID); });
-        }
-        for (std::thread& player : players) {
-            player.join();
-        }
+        playStreams(inputs, NOWHERE, PID);
     }
     state.counters["packets_per_second"] =
         benchmark::Counter(static_cast<double>(inputs * PACKETS), benchmark::Counter::kIsRate);
@@ -168,7 +190,7 @@ BENCHMARK(fullRateInputs)
 void notRoutedPacket(benchmark::State& state) {
     double stream = 0;
     while (state.KeepRunning()) {
-        const double once = playStream(PID + 1);
+        const double once = playStreams(1, NOWHERE, PID + 1);
         stream += once;
         state.SetIterationTime(once);
     }

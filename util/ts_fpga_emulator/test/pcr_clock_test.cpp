@@ -160,6 +160,10 @@ TEST(PCRClockAdapter, AStopRequestEndsTheWaitAtOnce) {
     EXPECT_EQ(adapter.waitUntilDue(stop.get_token()), 1);
     std::jthread ending([&] { stop.request_stop(); });
     EXPECT_EQ(adapter.waitUntilDue(stop.get_token()), 0);
+    const MonotonicClock clock;
+    const std::uint64_t begin = clock.getMonotonicNs();
+    clock.sleepUntilNs(begin + 120'000 * MS, stop.get_token());
+    EXPECT_LT(clock.getMonotonicNs(), begin + 60'000 * MS);
 }
 
 }  // namespace

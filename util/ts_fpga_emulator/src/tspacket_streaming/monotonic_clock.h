@@ -15,7 +15,7 @@ public:
     virtual std::uint64_t getMonotonicNs() const;
     /// Sleeps the whole of `ns` nanoseconds, or until shortly after a stop request.
     virtual void sleepNs(std::uint64_t ns, const std::stop_token& stop) const;
-    /// Sleeps until that time, or until a stop request, which ends the sleep at once.
+    /// Sleeps until that time, or until a millisecond after a stop request at most.
     virtual void sleepUntilNs(std::uint64_t deadlineNs, const std::stop_token& stop) const;
 
 private:
