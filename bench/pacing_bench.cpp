@@ -47,7 +47,7 @@ double now() {
 
 double benchSeconds() {
     const char* text = std::getenv("ZEPTFEM_BENCH_SECONDS");
-    return text == nullptr ? 60 : std::atof(text);
+    return text == nullptr ? 60 : std::stod(text);
 }
 
 /// A stream of one PID at a constant rate, with a PCR every 40 ms.
