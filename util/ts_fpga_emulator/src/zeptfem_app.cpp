@@ -130,7 +130,7 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
     std::vector<std::unique_ptr<LutMonitor>> monitors;
     monitors.push_back(std::make_unique<IpLutMonitor>(std::move(tsio), *m_PktioStreamManager, stop));
     monitors.push_back(std::make_unique<PidLutMonitor>(std::move(router), *m_PktioStreamManager, stop));
-    m_FPGAMonitor = std::make_unique<FPGAMonitor>(std::move(monitors));
+    m_FPGAMonitor = std::make_unique<FPGAMonitor>(std::move(monitors), stop);
 }
 
 void ZEPTFEMApplication::logSettings(const Settings& settings) const {

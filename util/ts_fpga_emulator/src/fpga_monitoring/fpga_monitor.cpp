@@ -19,8 +19,9 @@ constexpr std::size_t NO_ERROR = 0;
 
 }  // namespace
 
-FPGAMonitor::FPGAMonitor(std::vector<std::unique_ptr<LutMonitor>> monitors)
+FPGAMonitor::FPGAMonitor(std::vector<std::unique_ptr<LutMonitor>> monitors, std::stop_token stop)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())),
+      m_ProgramStop(std::move(stop)),
       m_LutMonitors(std::move(monitors)),
       m_LastErrors(m_LutMonitors.size(), NO_ERROR) {
     VEL_ASSERT(!m_LutMonitors.empty());
@@ -55,6 +56,9 @@ void FPGAMonitor::pollMonitors() noexcept {
     for (std::size_t i = 0; i < m_LutMonitors.size(); ++i) {
         try {
             m_LutMonitors[i]->pollLut();
+            if (m_ProgramStop.stop_requested()) {
+                return;
+            }
             if (std::exchange(m_LastErrors[i], NO_ERROR) != NO_ERROR) {
                 Log::info(*m_Logger, "The {} can be read again, monitoring continues",
                           m_LutMonitors[i]->getTableName());

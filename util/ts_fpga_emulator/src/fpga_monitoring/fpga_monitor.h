@@ -19,7 +19,8 @@ public:
     static std::string loggerName() { return Log::makeLoggerName(__FILE__, "Vel::Utils::FPGAMonitor"); }
 
     /// Starts polling. The list must not be empty.
-    explicit FPGAMonitor(std::vector<std::unique_ptr<LutMonitor>> monitors);
+    /// @param stop the program's end, which also ends the polls: what they read then counts for nothing
+    explicit FPGAMonitor(std::vector<std::unique_ptr<LutMonitor>> monitors, std::stop_token stop = {});
     /// Ends the round in progress, joins the thread and destroys the monitors, first to last.
     virtual ~FPGAMonitor();
     FPGAMonitor(const FPGAMonitor&) = delete;
@@ -32,6 +33,7 @@ private:
     std::shared_ptr<spdlog::logger> m_Logger;
     std::thread m_Thread;
     std::atomic<bool> m_Stop = false;
+    std::stop_token m_ProgramStop;
     std::vector<std::unique_ptr<LutMonitor>> m_LutMonitors;
     std::vector<std::size_t> m_LastErrors;  // hash of the text that the last poll of each monitor ended with
 };
