@@ -12,7 +12,7 @@ namespace Vel::Utils {
 class SignalThread {
 public:
     /// Blocks the signals in the calling thread and, by inheritance, in every thread that it starts
-    /// later; call it before the first one. They are pending then until a SignalThread takes them. Linux
+    /// later; call it before the first one. They then stay pending until a SignalThread takes them. Linux
     /// keeps a blocked signal also where the parent had it ignored.
     static void blockSignals();
 

@@ -40,7 +40,7 @@ Uri::Query parseQuery(const std::string& text) {
 /// Leading blanks and a sign are taken, trailing text is left, no digits are 0. What does not fit a port
 /// leaves it unset.
 void parsePort(UriAuthority& authority, const std::string& text) {
-    const unsigned long port = std::strtoul(text.c_str(), nullptr, 10);
+    const unsigned long long port = std::strtoull(text.c_str(), nullptr, 10);
     if (port <= std::numeric_limits<std::uint16_t>::max()) {
         authority.setPort(static_cast<std::uint16_t>(port));
     }

@@ -74,7 +74,6 @@ void PktioStreamIn::streamThread() noexcept {
         m_State = State::Playing;
         ::pthread_setname_np(::pthread_self(), fmt::format("tsiidx-{}", m_TSIIDX).c_str());
         playFile();
-        m_State = State::Finished;
     } catch (const CppUtil::IOError& e) {
         fail(e.what(), e.getReason());
     } catch (const std::exception& e) {
@@ -96,9 +95,9 @@ void PktioStreamIn::fail(const char* what, const std::string& reason) noexcept {
 void PktioStreamIn::logStatus(const std::string& uri) {
     static constexpr std::array STATES = {"waiting", "playing", "finished", "failed"};
     const State state = m_State;
-    const std::uint64_t released = m_PacketsReleased.load();
-    const std::uint64_t read = std::max(m_PacketsRead.load(), released);
     const std::uint64_t written = m_PacketsWritten.load();
+    const std::uint64_t released = std::max(m_PacketsReleased.load(), written);
+    const std::uint64_t read = std::max(m_PacketsRead.load(), released);
     const std::uint64_t size = m_InputFile.getSize();
     const auto now = std::chrono::steady_clock::now();
     const std::chrono::duration<double> elapsed = now - std::exchange(m_StatusTime, now);
@@ -107,7 +106,8 @@ void PktioStreamIn::logStatus(const std::string& uri) {
         *m_Logger,
         "Status: tsiidx={} uri={} file={} state={} read={} written={} held={} percent={} rate={:.0f}{}{}",
         m_TSIIDX, uri, m_InputFile.getPath(), STATES[static_cast<std::size_t>(state)], read, written,
-        read - released, size == 0 ? "-" : std::to_string(read * Ts::TS_PACKET_SIZE * 100 / size),
+        state == State::Playing ? read - released : 0,
+        size == 0 ? "-" : std::to_string(read * Ts::TS_PACKET_SIZE * 100 / size),
         static_cast<double>(writtenSince) / elapsed.count(), state == State::Failed ? " reason=" : "",
         state == State::Failed ? m_Failure : "");
 }
@@ -123,8 +123,7 @@ void PktioStreamIn::playFile() {
         prepare(packet);
         if (!m_InputFile.readPacket(
                 std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE))) {
-            reportDroppedPackets();
-            m_Stop.request_stop();
+            finish();
             continue;
         }
         m_PacketsRead.increment();
@@ -140,16 +139,22 @@ void PktioStreamIn::playFile() {
             release(answer);
         }
         if (last) {
-            m_Stop.request_stop();
+            finish();
         }
     }
     Log::debug(*m_Logger, "Stopping packet stream thread for TSIIDX {} with file {}", m_TSIIDX,
                m_InputFile.getPath());
 }
 
-/// A file that ends within a packet has no last packet, which would make the adapter release what it holds.
-void PktioStreamIn::reportDroppedPackets() const {
-    if (!isStopped() && !m_PacketQueue.empty()) {
+/// Ends the thread's loop. A file that ends within a packet has no last packet, which would make the adapter
+/// release what it holds.
+void PktioStreamIn::finish() {
+    if (isStopped()) {
+        return;  // before the end of the file
+    }
+    m_State = State::Finished;
+    m_Stop.request_stop();
+    if (!m_PacketQueue.empty()) {
         Log::warning(*m_Logger,
                      "{} ends within a packet: the {} packets that TSIIDX {} still held are dropped",
                      m_InputFile.getPath(), m_PacketQueue.size(), m_TSIIDX);

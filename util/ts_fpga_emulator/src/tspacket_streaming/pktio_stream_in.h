@@ -69,7 +69,7 @@ private:
     void streamThread() noexcept;
     void fail(const char* what, const std::string& reason) noexcept;
     void playFile();
-    void reportDroppedPackets() const;
+    void finish();
     void prepare(Ts::LowlevInTSPacket& packet) const;
     void release(std::int32_t count);
     void releaseWhenDue();
