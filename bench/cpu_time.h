@@ -4,9 +4,9 @@
 
 namespace Vel::Bench {
 
-/// Processor time in seconds, of one thread (CLOCK_THREAD_CPUTIME_ID) or the process
-/// (CLOCK_PROCESS_CPUTIME_ID). Other programs on the machine do not change it.
-inline double cpuSeconds(clockid_t clock) {
+/// Time of a clock in seconds: processor time of one thread (CLOCK_THREAD_CPUTIME_ID) or the process
+/// (CLOCK_PROCESS_CPUTIME_ID), which other programs on the machine do not change, or CLOCK_MONOTONIC.
+inline double secondsOf(clockid_t clock) {
     timespec now{};
     ::clock_gettime(clock, &now);
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;

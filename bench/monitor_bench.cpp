@@ -56,12 +56,12 @@ void readTwice(const volatile std::uint32_t* words, std::uint32_t count, std::ve
 
 template <typename Cycle>
 double idle(Cycle cycle) {
-    const double begin = Bench::cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
+    const double begin = Bench::secondsOf(CLOCK_THREAD_CPUTIME_ID);
     for (int i = 0; i < CYCLES; ++i) {
         cycle();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return Bench::cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - begin;
+    return Bench::secondsOf(CLOCK_THREAD_CPUTIME_ID) - begin;
 }
 
 /// Puts so many rows in use, of the IP LUT first and then of the PID LUT.

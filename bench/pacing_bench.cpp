@@ -42,7 +42,7 @@ constexpr double PCR_INTERVAL = 0.04;  // seconds
 enum Rule { Bare, Batches, Clock };
 
 double now() {
-    return Bench::cpuSeconds(CLOCK_MONOTONIC);
+    return Bench::secondsOf(CLOCK_MONOTONIC);
 }
 
 double benchSeconds() {
@@ -142,7 +142,7 @@ public:
     void delayPacket() override {
         m_Adapter->delayPacket();
         if (--m_Left == 0) {
-            m_CpuSeconds = Bench::cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
+            m_CpuSeconds = Bench::secondsOf(CLOCK_THREAD_CPUTIME_ID);
             m_Left.notify_one();
         }
     }
@@ -178,7 +178,7 @@ double playStream(const RateFile& file, const std::string& device, Rule rule) {
 /// @return processor seconds
 double playBare(const RateFile& file, const std::string& device) {
     const int out = ::open(device.c_str(), O_WRONLY);
-    const double cpu = Bench::cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
+    const double cpu = Bench::secondsOf(CLOCK_THREAD_CPUTIME_ID);
     ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     const double begin = now();
     const std::array<char, Ts::RECORD_SIZE> record{};
@@ -192,7 +192,7 @@ double playBare(const RateFile& file, const std::string& device) {
         }
     }
     ::close(out);
-    return Bench::cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - cpu;
+    return Bench::secondsOf(CLOCK_THREAD_CPUTIME_ID) - cpu;
 }
 
 struct Quality {
@@ -205,11 +205,9 @@ struct Quality {
 Quality judge(const std::vector<double>& arrivals, double packetSeconds) {
     const auto n = static_cast<double>(arrivals.size());
     std::vector<double> late(arrivals.size());
-    double sum = 0;
     double product = 0;
     for (std::size_t i = 0; i < arrivals.size(); ++i) {
         late[i] = arrivals[i] - arrivals[0] - static_cast<double>(i) * packetSeconds;
-        sum += late[i];
         product += late[i] * (static_cast<double>(i) - (n - 1) / 2);
     }
     const double slope = product * 12 / (n * (n * n - 1)) / packetSeconds;

@@ -31,7 +31,7 @@ constexpr std::uint32_t PID = 0x100;
 constexpr std::size_t PACKETS = 400'000;
 
 double processSeconds() {
-    return Bench::cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
+    return Bench::secondsOf(CLOCK_PROCESS_CPUTIME_ID);
 }
 
 /// A file of PACKETS packets of one PID, in memory if the machine has /dev/shm.
