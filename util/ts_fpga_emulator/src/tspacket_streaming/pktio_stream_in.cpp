@@ -109,7 +109,7 @@ void PktioStreamIn::logStatus(const std::string& uri) {
         state == State::Playing ? read - released : 0,
         size == 0 ? "-" : std::to_string(read * Ts::TS_PACKET_SIZE * 100 / size),
         static_cast<double>(writtenSince) / elapsed.count(), state == State::Failed ? " reason=" : "",
-        state == State::Failed ? m_Failure : "");
+        state == State::Failed ? m_Failure.c_str() : "");  // not a copy, for which there may be no memory
 }
 
 /// The path of every packet: file, buffer, queue, rate adapter, PID filter, data device.
