@@ -1,4 +1,3 @@
-#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -18,6 +17,8 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include "cpu_time.h"
 #include "tspacket_streaming/packet_dispatcher.h"

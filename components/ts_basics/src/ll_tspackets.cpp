@@ -20,7 +20,7 @@ LowlevInTSPacket::LowlevInTSPacket(LowlevInTSPacket&& moveSrc) noexcept {
 
 void LowlevInTSPacket::reset() {
     if (m_TotalSize == 0) {
-        throw TsPacketError("Cannot reset a default created packet.", __FILE__, __LINE__);
+        throw TsPacketError("Cannot reset a default created packet.");
     }
     allocate();
 }
@@ -31,29 +31,28 @@ void LowlevInTSPacket::allocate() {
         m_Buffer.reset();
         throw TsPacketError(
             "Cannot reset data container of the packet. template parameter TOTAL_PACKET_SIZE is "
-            "less than 188 bytes.",
-            __FILE__, __LINE__);
+            "less than 188 bytes.");
     }
     m_Offset = m_TotalSize - TS_PACKET_SIZE;
 }
 
 const std::uint8_t* LowlevInTSPacket::getDataPtr() const {
     if (isDead()) {
-        throw TsPacketError("Cannot get const data pointer. Object is dead.", __FILE__, __LINE__);
+        throw TsPacketError("Cannot get const data pointer. Object is dead.");
     }
     return m_Buffer.get() + m_Offset;
 }
 
 std::uint8_t* LowlevInTSPacket::getDataPtr() {
     if (isDead()) {
-        throw TsPacketError("Cannot get data pointer. Object is dead.", __FILE__, __LINE__);
+        throw TsPacketError("Cannot get data pointer. Object is dead.");
     }
     return m_Buffer.get() + m_Offset;
 }
 
 std::uint8_t* LowlevInTSPacket::getWriteDataPtr() {
     if (isDead()) {
-        throw TsPacketError("Cannot get write data pointer. Object is dead.", __FILE__, __LINE__);
+        throw TsPacketError("Cannot get write data pointer. Object is dead.");
     }
     return m_Buffer.get();
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "vel/ts_basics/pcr.h"
 #include "vel/ts_basics/ts_error.h"
 
 namespace Vel::Ts {
@@ -14,7 +15,6 @@ constexpr std::uint8_t PID_HIGH_BITS = 0x1F;
 constexpr std::uint8_t ADAPTATION_FIELD = 0x20;
 constexpr std::uint8_t PAYLOAD = 0x10;
 constexpr std::uint8_t CONTINUITY_COUNTER = 0x0F;
-constexpr std::uint8_t MAX_ADAPTATION_FIELD_LENGTH = 183;
 constexpr std::uint8_t DISCONTINUITY_INDICATOR = 0x80;
 constexpr std::uint8_t PCR_FLAG = 0x10;
 constexpr std::uint32_t HEADER_SIZE = 4;
@@ -85,7 +85,7 @@ bool TSPacket::isPayloadUnitStart() const {
 
 std::uint64_t TSPacket::getPcr() const {
     if (!hasPcr()) {
-        throw TsPacketError("Packet contains no PCR stamp", __FILE__, __LINE__);
+        throw TsPacketError("Packet contains no PCR stamp");
     }
     const std::uint8_t* b = getDataPtr();
     const std::uint64_t base = (std::uint64_t{b[6]} << 25) | (std::uint64_t{b[7]} << 17) |

@@ -1,10 +1,10 @@
 #include "vel/ts_basics/tspacket.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <initializer_list>
 #include <utility>
+
+#include <gtest/gtest.h>
 
 #include "thrown_text.h"
 #include "vel/ts_basics/ll_tspackets.h"
@@ -114,7 +114,7 @@ TEST(LowlevInTSPacketDeathTest, MovingFromADeadPacketIsABug) {
 
 unsigned countPassed(const PidFilter& filter) {
     unsigned passed = 0;
-    for (std::uint32_t pid = 0; pid < PID_COUNT + 10; ++pid) {
+    for (std::uint32_t pid = 0; pid < MAX_PID + 10; ++pid) {
         passed += filter.isPidPassed(pid) ? 1 : 0;
     }
     return passed;

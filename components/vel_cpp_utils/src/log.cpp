@@ -3,13 +3,13 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <spdlog/async.h>
-#include <spdlog/sinks/stdout_sinks.h>
-#include <spdlog/spdlog.h>
-
 #include <mutex>
 #include <thread>
 #include <utility>
+
+#include <spdlog/async.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
 
 namespace Vel::Log {
 

@@ -1,12 +1,13 @@
 #include "vel/cpp_utils/log.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <spdlog/sinks/ostream_sink.h>
 
 #include <array>
 #include <csignal>
 #include <sstream>
+
+#include <gmock/gmock.h>
+#include <spdlog/sinks/ostream_sink.h>
 
 #include "test_files.h"
 #include "vel/cpp_utils/assertion.h"

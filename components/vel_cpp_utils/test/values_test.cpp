@@ -19,7 +19,7 @@ TEST(Error, TextIsCategoryDetailAndPlace) {
     EXPECT_STREQ(InvalidArgumentError("detail", "f.cpp", -1).what(),
                  "Invalid Argument Error: detail(f.cpp:-1)");
     EXPECT_STREQ(NotImplementedError("", "f.cpp", 0).what(), "Not Implemented Error: (f.cpp:0)");
-    const Error& error = IOError("detail", "f.cpp", 1, "reason");
+    const Error& error = IOError("detail", "reason", "f.cpp", 1);
     EXPECT_STREQ(error.what(), "IOErrorr: detail(f.cpp:1)");
     EXPECT_EQ(error.getMessage(), "IOErrorr: detail");
 }

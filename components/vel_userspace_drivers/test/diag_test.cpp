@@ -1,7 +1,7 @@
-#include <gmock/gmock.h>
-
 #include <functional>
 #include <sstream>
+
+#include <gmock/gmock.h>
 
 #include "fake_memory.h"
 #include "thrown_text.h"

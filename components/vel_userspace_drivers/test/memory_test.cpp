@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -9,6 +8,8 @@
 #include <filesystem>
 #include <list>
 #include <thread>
+
+#include <gmock/gmock.h>
 
 #include "fake_memory.h"
 #include "thrown_text.h"

@@ -1,7 +1,7 @@
-#include <gmock/gmock.h>
-
 #include <functional>
 #include <map>
+
+#include <gmock/gmock.h>
 
 #include "thrown_text.h"
 #include "vel/userspace_drivers/drivers/driver_error.h"

@@ -77,12 +77,10 @@ std::vector<std::string> splitAtBlanks(const std::string& text) {
 void addUriFilePair(UriFileList& files, const std::string& pair) {
     const std::vector<std::string> tokens = splitAtBlanks(pair);
     if (tokens.size() != 2) {
-        throw CppUtil::InitializationError("Invalid formatted URI/file pair \"" + pair + "\". ", __FILE__,
-                                           __LINE__);
+        throw CppUtil::InitializationError("Invalid formatted URI/file pair \"" + pair + "\". ");
     }
     if (!files.emplace(tokens[0], tokens[1]).second) {
-        throw CppUtil::InitializationError("Rendundant URI in URI/file pair \"" + pair + "\". ", __FILE__,
-                                           __LINE__);
+        throw CppUtil::InitializationError("Rendundant URI in URI/file pair \"" + pair + "\". ");
     }
 }
 
@@ -131,8 +129,7 @@ cxxopts::ParseResult parseArguments(cxxopts::Options& options, int argc, const c
 
 Settings readSettings(const cxxopts::ParseResult& options) {
     if (options.count("file_uri_pair") == 0) {
-        throw CppUtil::InitializationError("No file/URI pairs given via the -f/--file_uri_pair option.",
-                                           __FILE__, __LINE__);
+        throw CppUtil::InitializationError("No file/URI pairs given via the -f/--file_uri_pair option.");
     }
     Settings settings;
     for (const cxxopts::KeyValue& option : options.arguments()) {

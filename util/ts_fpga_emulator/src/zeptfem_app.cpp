@@ -14,17 +14,12 @@
 #include "fpga_monitoring/pidlut_monitor.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
-#include "vel/ts_basics/zep_record.h"
 #include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
 namespace Vel::Utils {
 
 namespace {
-
-static_assert(Drivers::Zep::PID_RANGE.max + 1 == Ts::PID_COUNT &&
-                  Drivers::Zep::TSIIDX_RANGE.max + 1 == Ts::TSIIDX_COUNT,
-              "table rows and packets agree on the ranges that they share");
 
 /// Whether a write does not have to wait long. A full pipe that nobody reads, or a stopped terminal, must not
 /// keep the program from ending.
@@ -40,9 +35,8 @@ void requireOtherFile(const std::string& dataDevice, const std::string& controlD
     if (std::filesystem::is_regular_file(dataDevice, ignored) &&
         CppUtil::isSameFile(dataDevice, controlDevice)) {
         throw CppUtil::InvalidArgumentError("The data device \"" + dataDevice +
-                                                "\" is the control device \"" + controlDevice +
-                                                "\" and would be emptied.",
-                                            __FILE__, __LINE__);
+                                            "\" is the control device \"" + controlDevice +
+                                            "\" and would be emptied.");
     }
 }
 

@@ -29,7 +29,7 @@ struct Play {
         for (int i = 0; i < packets; ++i) {
             TestPacket packet = change({}, i);
             if (const auto ms = pcr(i)) {
-                constexpr std::int64_t WRAP = Ts::PCR_WRAP;
+                constexpr std::int64_t WRAP = Ts::PCR_WRAP.count();
                 packet.pcr = ((*ms * PCR_MS) % WRAP + WRAP) % WRAP;
             }
             const std::int32_t answer = adapter.bufferPacket(makePacket(packet), i + 1 == packets);

@@ -89,12 +89,12 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
         const std::uint64_t ticksPerPacket = random.bits() >> (40 + random.below(24));
         std::uint32_t pcrsLeft = random.oneIn(4) ? random.below(3) : length;
         std::uint32_t nextPcr = 1 + random.below(pcrGap);
-        std::uint64_t pcr = random.oneIn(2) ? random.bits() : Ts::PCR_WRAP - random.below(1000);
+        std::uint64_t pcr = random.oneIn(2) ? random.bits() : Ts::PCR_WRAP.count() - random.below(1000);
         for (std::uint32_t number = 1; number <= length; ++number) {
             pcr += random.oneIn(200) ? random.bits() : ticksPerPacket;
             std::optional<std::uint64_t> packetPcr;
             if (number >= nextPcr && pcrsLeft > 0) {
-                packetPcr = pcr % Ts::PCR_WRAP;
+                packetPcr = pcr % Ts::PCR_WRAP.count();
                 --pcrsLeft;
                 // The second one also comes just when the buffer gets full.
                 const bool isLate = isLong && reference.pcrs.empty() && random.oneIn(2);

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <gmock/gmock.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <optional>
 #include <random>
 #include <string>
+
+#include <gmock/gmock.h>
 
 #include "test_files.h"
 #include "test_packet.h"

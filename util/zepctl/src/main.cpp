@@ -1,11 +1,12 @@
 #include <fcntl.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
 #include <iostream>
 #include <sstream>
 #include <string>
+
+#include <CLI/CLI.hpp>
 
 #include "command_error.h"
 #include "records/record_commands.h"

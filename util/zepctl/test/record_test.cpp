@@ -1,9 +1,10 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <sstream>
+
+#include <gmock/gmock.h>
 
 #include "records/record_reader.h"
 #include "records/record_watch.h"
@@ -12,6 +13,8 @@
 
 namespace Vel::Zepctl {
 namespace {
+
+using Ts::PcrTicks;
 
 using std::chrono::milliseconds;
 using TestSupport::TemporaryFolder;
@@ -89,13 +92,14 @@ TEST(RecordCheck, JudgesContinuityByTheStandard) {
 
 TEST(PcrClock, AddsStepsAcrossTheWrapAndLeavesOutJumps) {
     PcrClock clock;
-    EXPECT_FALSE(clock.add(Ts::PCR_WRAP - 270'000, false));
-    EXPECT_TRUE(clock.add(Ts::PCR_WRAP + 211, false)) << "an extension of 511 lifts it past the wrap";
-    EXPECT_TRUE(clock.add(211 + PcrClock::MAX_STEP, false));
-    EXPECT_FALSE(clock.add(0, false)) << "a step back";
-    EXPECT_FALSE(clock.add(PcrClock::MAX_STEP + 1, false)) << "a step too long";
-    EXPECT_FALSE(clock.add(PcrClock::MAX_STEP + 2, true)) << "a new time base that looks like a step";
-    EXPECT_NEAR(clock.getElapsed(), 1.010 + 211 / 27e6, 1e-9);
+    EXPECT_FALSE(clock.add(Ts::PCR_WRAP - PcrTicks(270'000), false));
+    EXPECT_TRUE(clock.add(PcrTicks(211), false));
+    EXPECT_TRUE(clock.add(PcrTicks(211) + PcrClock::MAX_STEP, false));
+    EXPECT_FALSE(clock.add(PcrTicks(0), false)) << "a step back";
+    EXPECT_FALSE(clock.add(PcrTicks(1) + PcrClock::MAX_STEP, false)) << "a step too long";
+    EXPECT_FALSE(clock.add(PcrTicks(2) + PcrClock::MAX_STEP, true))
+        << "a new time base that looks like a step";
+    EXPECT_NEAR(clock.getElapsed().count(), 1.010 + 211 / 27e6, 1e-9);
     EXPECT_EQ(clock.getTimeBases(), 4U);
 }
 
@@ -187,11 +191,11 @@ TEST(ArrivalRate, IsThatOfWholeBursts) {
 struct PacedStream {
     ArrivalDrift drift;
     PcrClock clock;
-    std::uint64_t pcr = Ts::PCR_WRAP - 5000 * MS;  // wraps on the way
+    PcrTicks pcr = Ts::PCR_WRAP - milliseconds(5000);  // wraps on the way
     ArrivalTime now = START;
 
     void play(int bursts, double ppm) {
-        for (int i = 0; i < 5 * bursts; ++i, pcr += 20 * MS) {
+        for (int i = 0; i < 5 * bursts; ++i, pcr = (pcr + milliseconds(20)) % Ts::PCR_WRAP) {
             clock.add(pcr, false);
             drift.add(now + milliseconds(i % 5 == 1 ? i / 20 : 0), clock);  // one is taken later and later
             now += std::chrono::nanoseconds(i % 5 == 4 ? static_cast<std::int64_t>(1e8 + 100 * ppm) : 0);
@@ -213,7 +217,7 @@ TEST(ArrivalDrift, IsHowFarArrivalMovesAwayFromThePcr) {
     stream.now += milliseconds(300);
     stream.play(50, 0);
     EXPECT_NEAR(stream.drift.get()->milliseconds, 300, 0.1) << "a pause";
-    stream.pcr += 10'000 * MS;
+    stream.pcr += milliseconds(10'000);
     stream.play(30, 0);
     EXPECT_FALSE(stream.drift.get()) << "restarts with a new time base";
     stream.play(30, 0);

@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include <algorithm>
 #include <functional>
 #include <memory>
@@ -7,6 +5,8 @@
 #include <span>
 #include <string>
 #include <vector>
+
+#include <gmock/gmock.h>
 
 #include "fake_memory.h"
 #include "fpga_monitoring/iplut_monitor.h"

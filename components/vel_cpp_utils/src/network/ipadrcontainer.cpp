@@ -20,8 +20,7 @@ constexpr unsigned DOTS = IpAdrContainer::OCTETS - 1;
 
 std::uint8_t IpAdrContainer::getOctet(unsigned index) const {
     if (index >= OCTETS) {
-        throw OutOfRangeError("Octet index (" + std::to_string(index) + ") out of range.", __FILE__,
-                              __LINE__);
+        throw OutOfRangeError("Octet index (" + std::to_string(index) + ") out of range.");
     }
     return static_cast<std::uint8_t>(m_Value >> (BITS_PER_OCTET * index));
 }
@@ -66,8 +65,7 @@ std::uint32_t IpAdrContainer::fromString(const std::string& text) {
         value = value << BITS_PER_OCTET | number;
     }
     if (!valid) {
-        throw ParsingError("Unable to parse string representation of IPv4 address: \"" + text + "\"",
-                           __FILE__, __LINE__);
+        throw ParsingError("Unable to parse string representation of IPv4 address: \"" + text + "\"");
     }
     return value;
 }
@@ -75,8 +73,7 @@ std::uint32_t IpAdrContainer::fromString(const std::string& text) {
 std::uint32_t IpAdrContainer::fromOctets(const std::vector<std::uint8_t>& octets) {
     if (octets.size() != OCTETS) {
         throw OutOfRangeError("Octet vector has invalid size (" + std::to_string(octets.size()) +
-                                  ") expected " + std::to_string(OCTETS),
-                              __FILE__, __LINE__);
+                              ") expected " + std::to_string(OCTETS));
     }
     std::uint32_t value = 0;
     for (unsigned i = 0; i < OCTETS; ++i) {

@@ -1,9 +1,9 @@
 #include "vel/cpp_utils/network/macadrcontainer.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cctype>
+
+#include <fmt/format.h>
 
 #include "vel/cpp_utils/error.h"
 
@@ -20,7 +20,7 @@ constexpr std::size_t TEXT_LENGTH = MacAdrContainer::OCTETS * PAIR_DISTANCE - 1;
 
 MacAdrContainer::MacAdrContainer(const IpAdrContainer& group) {
     if (!group.isMulticast()) {
-        throw InvalidArgumentError("IP address must be in the multicast range", __FILE__, __LINE__);
+        throw InvalidArgumentError("IP address must be in the multicast range");
     }
     const auto groupBits16To22 = static_cast<std::uint8_t>(group.getOctet(2) & 0x7F);
     m_Octets = {group.getOctet(0), group.getOctet(1), groupBits16To22, 0x5E, 0x00, 0x01};
@@ -34,9 +34,7 @@ MacAdrContainer& MacAdrContainer::operator=(const std::string& text) {
 std::uint8_t MacAdrContainer::getOctet(unsigned index) const {
     if (index >= OCTETS) {
         throw OutOfRangeError("Octet index is out of range of a 48bit MAC address. Got " +
-                                  std::to_string(index) + " expected less than " + std::to_string(OCTETS) +
-                                  ".",
-                              __FILE__, __LINE__);
+                              std::to_string(index) + " expected less than " + std::to_string(OCTETS) + ".");
     }
     return m_Octets[index];
 }
@@ -60,8 +58,7 @@ bool MacAdrContainer::isValidString(const std::string& text) {
 
 MacAdrContainer::Octets MacAdrContainer::fromString(const std::string& text) {
     if (!isValidString(text)) {
-        throw ParsingError("Unable to parse string representation of MAC address: \"" + text + "\"", __FILE__,
-                           __LINE__);
+        throw ParsingError("Unable to parse string representation of MAC address: \"" + text + "\"");
     }
     Octets octets{};
     for (std::size_t i = 0; i < OCTETS; ++i) {
@@ -74,8 +71,7 @@ MacAdrContainer::Octets MacAdrContainer::fromString(const std::string& text) {
 MacAdrContainer::Octets MacAdrContainer::fromOctets(const std::vector<std::uint8_t>& octets) {
     if (octets.size() != OCTETS) {
         throw OutOfRangeError("Invalid size of MAC address octet vector. Expected " + std::to_string(OCTETS) +
-                                  " octets, but got " + std::to_string(octets.size()),
-                              __FILE__, __LINE__);
+                              " octets, but got " + std::to_string(octets.size()));
     }
     Octets result{};
     std::copy(octets.begin(), octets.end(), result.begin());

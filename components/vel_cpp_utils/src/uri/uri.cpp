@@ -116,9 +116,8 @@ UriParser::UriParser(const std::string& text) : m_Text(text) {
     try {
         m_Uri = parse();
     } catch (const std::out_of_range& error) {
-        throw ParsingError(
-            "Failed parsing of given URI: \"" + m_Text + "\". Caused external exepction: " + error.what(),
-            __FILE__, __LINE__);
+        throw ParsingError("Failed parsing of given URI: \"" + m_Text +
+                           "\". Caused external exepction: " + error.what());
     }
 }
 
@@ -126,14 +125,12 @@ std::size_t UriParser::parseScheme(Uri& uri) const {
     const std::size_t colon = m_Text.find(':');
     uri.setScheme(m_Text.substr(0, colon));
     if (uri.getScheme().empty()) {
-        throw ParsingError("Failed parsing of given URI: \"" + m_Text + "\". Missing mandatory scheme",
-                           __FILE__, __LINE__);
+        throw ParsingError("Failed parsing of given URI: \"" + m_Text + "\". Missing mandatory scheme");
     }
     // A text that ends within the delimiter is distinguished from a wrong one by the error of at().
     if (colon == NOT_FOUND || m_Text.at(colon + 1) != '/' || m_Text.at(colon + 2) != '/') {
-        throw ParsingError(
-            "Failed parsing of given URI: \"" + m_Text + "\". Missing mandatory \"://\" delimiter", __FILE__,
-            __LINE__);
+        throw ParsingError("Failed parsing of given URI: \"" + m_Text +
+                           "\". Missing mandatory \"://\" delimiter");
     }
     return colon + 3;
 }

@@ -32,15 +32,12 @@ void LinDevMemAccessor::checkAccess(std::uint32_t segmentSize, std::uint64_t byt
     // An index and a count have 32 bits and a unit at most 4 bytes, so both values stay below 2^34.
     if (byteOffset > segmentSize || byteSize > segmentSize - byteOffset) {
         throw DevMemError("Cannot access device memory. Byte offset " + std::to_string(byteOffset) +
-                              " and byte size " + std::to_string(byteSize) +
-                              " crosses memory segment boundary",
-                          __FILE__, __LINE__);
+                          " and byte size " + std::to_string(byteSize) + " crosses memory segment boundary");
     }
     if (byteOffset % describe(type).width != 0) {
         throw DevMemError("Cannot access device memory. Byte offset " + std::to_string(byteOffset) +
-                              ", byte size " + std::to_string(byteSize) + " and memory access type \"" +
-                              accessTypeToString(type) + "\" causes invalid allignment.",
-                          __FILE__, __LINE__);
+                          ", byte size " + std::to_string(byteSize) + " and memory access type \"" +
+                          accessTypeToString(type) + "\" causes invalid allignment.");
     }
 }
 

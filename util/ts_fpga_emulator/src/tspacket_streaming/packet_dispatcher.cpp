@@ -73,8 +73,8 @@ void PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet) {
     const std::uint8_t* record = packet.getWriteDataPtr();
     if (m_Device == Device::Failed) {
         m_IsReported = true;
-        throw CppUtil::IOError("Failed writing TS packets to file: \"" + m_DevicePath + "\"", __FILE__,
-                               __LINE__, CppUtil::errnoText(m_Error));
+        throw CppUtil::IOError("Failed writing TS packets to file: \"" + m_DevicePath + "\"",
+                               CppUtil::errnoText(m_Error));
     }
     if (m_Device == Device::Open) {
         m_Device = writeRecord({record, packet.getTotalSize()});

@@ -1,5 +1,6 @@
 #include "tspacket_streaming/pcr_clock_adapter.h"
 
+#include <chrono>
 #include <cmath>
 #include <utility>
 
@@ -7,16 +8,15 @@ namespace Vel::Utils {
 
 namespace {
 
-constexpr std::int64_t PER_NS = 27;
-constexpr std::uint64_t PER_TICK = 1000;
-constexpr std::uint64_t NS_PER_MS = 1'000'000;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
 
 }  // namespace
 
 PCRClockAdapter::PCRClockAdapter(std::uint32_t tsiidx, std::unique_ptr<const MonotonicClock> clock)
-    : m_Logger(Log::getLogsystem()->getLogger(loggerName())), m_Tsiidx(tsiidx), m_Clock(std::move(clock)) {}
+    : m_Logger(Log::getLogsystem()->getLogger(loggerName())), m_TSIIDX(tsiidx), m_Clock(std::move(clock)) {}
 
-/// Everything that has a due time has left before the next packet comes, so what is held has none yet.
+/// Every packet that has a due time is released before the next one is read, so the held ones have none yet.
 std::int32_t PCRClockAdapter::bufferPacket(const Ts::TSPacket& packet, bool last) {
     ++m_PacketCount;
     if (const auto pcr = m_PcrReader.read(packet)) {
@@ -29,69 +29,70 @@ std::int32_t PCRClockAdapter::bufferPacket(const Ts::TSPacket& packet, bool last
     return m_Scheduled > m_Released ? WHEN_DUE : 0;
 }
 
-void PCRClockAdapter::addPcr(PcrRecord pcr, bool isNewTimeBase) {
+void PCRClockAdapter::addPcr(Ts::PcrRecord pcr, bool isNewTimeBase) {
     const auto older = std::exchange(m_LastPcr, pcr);
     if (older && !isNewTimeBase) {
-        // A PCR that goes back looks like one that is almost a whole wrap ahead.
-        const std::uint64_t ticks = (pcr.pcr + Ts::PCR_WRAP - older->pcr) % Ts::PCR_WRAP;
+        const FineInterval interval = Ts::pcrDistance(older->pcr, pcr.pcr);
         const auto packets = static_cast<double>(pcr.packetIndex - older->packetIndex);
-        const double limit = m_Rate ? packets * *m_Rate / PER_TICK + MAX_PCR_LEAD : MAX_FIRST_INTERVAL;
-        if (ticks > 0 && static_cast<double>(ticks) <= limit) {
-            const double rate = static_cast<double>(ticks * PER_TICK) / packets;
-            scheduleHeld(rate);
-            m_Rate = rate;
+        const FineInterval limit =
+            m_PacketTime ? packets * *m_PacketTime + MAX_PCR_LEAD : FineInterval(MAX_FIRST_INTERVAL);
+        if (interval > FineInterval::zero() && interval <= limit) {
+            scheduleHeld(interval / packets);
+            m_PacketTime = interval / packets;
             return;
         }
     }
-    if (m_Rate) {
-        scheduleHeld(*m_Rate);
+    if (m_PacketTime) {
+        scheduleHeld(*m_PacketTime);
     }
 }
 
-/// After the last packet, or when no PCR has come for so long that the packets cannot wait any longer. The
-/// next PCR is then no continuation of the last one.
+/// After the last packet, or when no PCR has arrived for so long that the packets cannot wait any longer. The
+/// next PCR then starts a new time base.
 void PCRClockAdapter::scheduleWithoutPcr() {
     m_LastPcr.reset();
-    if (!m_Rate && !std::exchange(m_IsUnpacedReported, true)) {
-        Log::warning(*m_Logger,
-                     "TSIIDX {}: no two PCRs that give a rate in the first {} packets, which leave unpaced",
-                     m_Tsiidx, m_PacketCount);
+    if (!m_PacketTime && !std::exchange(m_IsUnpacedReported, true)) {
+        Log::warning(
+            *m_Logger,
+            "TSIIDX {}: no rate from the first {} packets (fewer than two usable PCRs); sending them "
+            "unpaced",
+            m_TSIIDX, m_PacketCount);
     }
-    scheduleHeld(m_Rate.value_or(0));
+    scheduleHeld(m_PacketTime.value_or(FineInterval::zero()));
 }
 
 /// Gives every held packet a due time, `packetTime` apart. Without a rate so far, the first one is due now.
-void PCRClockAdapter::scheduleHeld(double packetTime) {
-    if (!m_Rate) {
-        m_EndTime = static_cast<FineTime>(m_Clock->getMonotonicNs()) * PER_NS - std::llround(packetTime);
+void PCRClockAdapter::scheduleHeld(FineInterval packetTime) {
+    if (!m_PacketTime) {
+        m_EndTime = nanoseconds(m_Clock->getMonotonicNs()) - std::chrono::round<FineTime>(packetTime);
     }
     m_OriginIndex = m_Scheduled;
     m_OriginTime = m_EndTime;
-    m_PacketTime = packetTime;
+    m_Spacing = packetTime;
     m_Scheduled = m_PacketCount;
-    m_EndTime += std::llround(packetTime * static_cast<double>(m_Scheduled - m_OriginIndex));
+    m_EndTime += std::chrono::round<FineTime>(packetTime * static_cast<double>(m_Scheduled - m_OriginIndex));
 }
 
-std::uint64_t PCRClockAdapter::dueNs(std::uint64_t packetIndex) const {
-    const double distance = m_PacketTime * static_cast<double>(packetIndex - m_OriginIndex);
-    return static_cast<std::uint64_t>((m_OriginTime + std::llround(distance)) / PER_NS);
+nanoseconds PCRClockAdapter::dueTime(std::uint64_t packetIndex) const {
+    const FineInterval distance = m_Spacing * static_cast<double>(packetIndex - m_OriginIndex);
+    return std::chrono::floor<nanoseconds>(m_OriginTime + std::chrono::round<FineTime>(distance));
 }
 
 std::int32_t PCRClockAdapter::waitUntilDue(const std::stop_token& stop) {
     if (m_Released == m_Scheduled) {
         return 0;
     }
-    std::uint64_t firstNs = dueNs(m_Released + 1);
-    const std::uint64_t nowNs = m_Clock->getMonotonicNs();
-    if (m_PacketTime > 0 && nowNs > firstNs + MAX_LATENESS_NS) {
-        Log::warning(*m_Logger, "TSIIDX {}: packets are {} ms late, their times are moved by as much",
-                     m_Tsiidx, (nowNs - firstNs) / NS_PER_MS);
-        const FineTime lateness = static_cast<FineTime>(nowNs - firstNs) * PER_NS;
+    nanoseconds first = dueTime(m_Released + 1);
+    const nanoseconds now(m_Clock->getMonotonicNs());
+    if (m_Spacing > FineInterval::zero() && now > first + MAX_LATENESS) {
+        Log::warning(*m_Logger, "TSIIDX {}: packets are {} ms late; shifting the schedule by that amount",
+                     m_TSIIDX, std::chrono::floor<milliseconds>(now - first).count());
+        const FineTime lateness = now - first;
         m_OriginTime += lateness;
         m_EndTime += lateness;
-        firstNs = nowNs;
-    } else if (firstNs > nowNs) {
-        m_Clock->sleepUntilNs(firstNs, stop);
+        first = now;
+    } else if (first > now) {
+        m_Clock->sleepUntilNs(static_cast<std::uint64_t>(first.count()), stop);
     }
     if (stop.stop_requested()) {
         return 0;
@@ -101,7 +102,7 @@ std::int32_t PCRClockAdapter::waitUntilDue(const std::stop_token& stop) {
         ++m_Released;
         ++count;
     } while (m_Released < m_Scheduled && count < GROUP_PACKETS &&
-             dueNs(m_Released + 1) <= firstNs + GROUP_NS);
+             dueTime(m_Released + 1) <= first + GROUP_TIME);
     return count;
 }
 

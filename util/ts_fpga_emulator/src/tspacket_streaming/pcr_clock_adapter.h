@@ -1,15 +1,17 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <ratio>
 #include <stop_token>
 #include <string>
 
 #include "tspacket_streaming/irate_adapter.h"
 #include "tspacket_streaming/monotonic_clock.h"
-#include "tspacket_streaming/pcr_reader.h"
 #include "vel/cpp_utils/log.h"
+#include "vel/ts_basics/pcr.h"
 
 namespace Vel::Utils {
 
@@ -24,15 +26,15 @@ class PCRClockAdapter final : public IRateAdapter {
 public:
     static constexpr std::uint32_t MAX_BUFFERED_PACKETS = 10000;
     /// Packets that are due within this time leave together, but never more than that many.
-    static constexpr std::uint64_t GROUP_NS = 250'000;
+    static constexpr std::chrono::microseconds GROUP_TIME{250};
     static constexpr std::int32_t GROUP_PACKETS = 100;
     /// Packets that are later than this, because the reader paused for example, start a new time base.
-    static constexpr std::uint64_t MAX_LATENESS_NS = 1'000'000'000;
-    /// PCRs come at least every 100 ms (ISO/IEC 13818-1, 2.7.2), in 27 MHz ticks: the most by which one may
-    /// be further ahead than the rate so far gives.
-    static constexpr std::uint64_t MAX_PCR_LEAD = 2'700'000;
-    /// The longest time between the first two PCRs, in 27 MHz ticks: there is no rate yet to compare it with.
-    static constexpr std::uint64_t MAX_FIRST_INTERVAL = 27'000'000;
+    static constexpr std::chrono::seconds MAX_LATENESS{1};
+    /// PCRs are at most 100 ms apart (ISO/IEC 13818-1, 2.7.2): the most by which one may be further ahead
+    /// than the rate so far gives.
+    static constexpr std::chrono::milliseconds MAX_PCR_LEAD{100};
+    /// The longest time between the first two PCRs: there is no rate yet to compare it with.
+    static constexpr std::chrono::seconds MAX_FIRST_INTERVAL{1};
 
     static std::string loggerName() { return Log::makeLoggerName(__FILE__, "Vel::Utils::PCRClockAdapter"); }
 
@@ -48,25 +50,22 @@ public:
     std::int32_t waitUntilDue(const std::stop_token& stop) override;
 
 private:
-    /// Times are in 27ths of a nanosecond. A tick of 27 MHz has exactly 1000 of them, so no rounding adds up.
-    using FineTime = std::int64_t;
+    /// 1/27 ns: whole numbers of it hold PCR ticks (1000) and nanoseconds (27), so no rounding errors add up.
+    /// 64 bits last for ten years since the system's start.
+    using FineTime = std::chrono::duration<std::int64_t, std::ratio<1, 27'000'000'000>>;
+    using FineInterval = std::chrono::duration<double, FineTime::period>;
 
-    struct PcrRecord {
-        std::uint64_t packetIndex;  // the first packet of the stream has 1
-        std::uint64_t pcr;          // 27 MHz ticks
-    };
-
-    void addPcr(PcrRecord pcr, bool isNewTimeBase);
-    void scheduleHeld(double packetTime);
+    void addPcr(Ts::PcrRecord pcr, bool isNewTimeBase);
+    void scheduleHeld(FineInterval packetTime);
     void scheduleWithoutPcr();
-    std::uint64_t dueNs(std::uint64_t packetIndex) const;
+    std::chrono::nanoseconds dueTime(std::uint64_t packetIndex) const;
 
     std::shared_ptr<spdlog::logger> m_Logger;
-    std::uint32_t m_Tsiidx;
+    std::uint32_t m_TSIIDX;
     std::unique_ptr<const MonotonicClock> m_Clock;
-    PcrReader m_PcrReader;
-    std::optional<PcrRecord> m_LastPcr;
-    std::optional<double> m_Rate;  // FineTime per packet, from the last two PCRs that belong together
+    Ts::PcrReader m_PcrReader;
+    std::optional<Ts::PcrRecord> m_LastPcr;
+    std::optional<FineInterval> m_PacketTime;  // from the last two PCRs that belong together
     bool m_IsUnpacedReported = false;
     // Indices of packets: handed in so far, given a due time, released.
     std::uint64_t m_PacketCount = 0;
@@ -74,9 +73,9 @@ private:
     std::uint64_t m_Released = 0;
     // The due times, up to m_Scheduled: those of packets at equal distances after an origin.
     std::uint64_t m_OriginIndex = 0;
-    FineTime m_OriginTime = 0;
-    double m_PacketTime = 0;
-    FineTime m_EndTime = 0;  // of the packet m_Scheduled
+    FineTime m_OriginTime{0};
+    FineInterval m_Spacing{0};
+    FineTime m_EndTime{0};  // of the packet m_Scheduled
 };
 
 }  // namespace Vel::Utils

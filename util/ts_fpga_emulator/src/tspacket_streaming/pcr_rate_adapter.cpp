@@ -1,5 +1,7 @@
 #include "tspacket_streaming/pcr_rate_adapter.h"
 
+#include <chrono>
+#include <iterator>
 #include <utility>
 
 #include "vel/cpp_utils/assertion.h"
@@ -8,16 +10,13 @@ namespace Vel::Utils {
 
 namespace {
 
-/// Nanoseconds from 27 MHz ticks are ticks * 1000 / 27.
-constexpr std::uint64_t NS_NUMERATOR = 1000;
-constexpr std::uint64_t NS_DENOMINATOR = 27;
+using Nanoseconds = std::chrono::duration<std::uint64_t, std::nano>;
 
-/// A PCR is below 2^33 * 300 + 512, so ticks * 1000 stays below 2^52 even where a wrap is added; the
-/// difference of a wrapped pair is formed modulo 2^64 and comes out right once the wrap is added.
-std::uint64_t intervalNs(std::uint64_t older, std::uint64_t newer) {
-    const std::uint64_t ticks = newer - older;
-    return (newer >= older ? ticks * NS_NUMERATOR : ticks * NS_NUMERATOR + Ts::PCR_WRAP * NS_NUMERATOR) /
-           NS_DENOMINATOR;
+/// A PCR is below 2^33 * 300 + 512, so its 1000-fold stays below 2^52. The difference of a wrapped pair is
+/// formed modulo 2^64 and is right once the wrap is added.
+std::uint64_t intervalNs(Ts::PcrTicks older, Ts::PcrTicks newer) {
+    const Ts::PcrTicks ticks = newer - older;
+    return std::chrono::duration_cast<Nanoseconds>(newer >= older ? ticks : ticks + Ts::PCR_WRAP).count();
 }
 
 }  // namespace
@@ -26,6 +25,14 @@ PCRRateAdapter::PCRRateAdapter(std::stop_token stop, std::unique_ptr<const Monot
     : m_State(std::make_unique<Internal::PCRRateAdapterState_LockPCR>()),
       m_Stop(std::move(stop)),
       m_Clock(std::move(clock)) {}
+
+std::optional<std::uint64_t> PCRRateAdapter::extractPcr(const Ts::TSPacket& packet) {
+    if (!packet.hasPcr() || m_PcrPid.value_or(packet.getPid()) != packet.getPid()) {
+        return std::nullopt;
+    }
+    m_PcrPid = packet.getPid();
+    return packet.getPcr();
+}
 
 std::int32_t PCRRateAdapter::bufferPacket(const Ts::TSPacket& packet, bool last) {
     VEL_ASSERT(static_cast<bool>(m_State));
@@ -45,7 +52,7 @@ void PCRRateAdapter::delayPacket() {
 }
 
 void PCRRateAdapter::addPcr(std::uint64_t pcr, std::uint32_t packetIndex) {
-    m_PcrHistory.push_back({packetIndex, pcr});
+    m_PcrHistory.push_back({packetIndex, Ts::PcrTicks(pcr)});
     if (isPacketDelayKnown()) {
         m_PacketDelayNs = calculatePacketDelayNs();
     }
@@ -60,7 +67,7 @@ std::uint32_t PCRRateAdapter::calculatePacketDelayNs() const {
     std::uint32_t sum = 0;
     for (auto newer = std::next(m_PcrHistory.begin()); newer != m_PcrHistory.end(); ++newer) {
         const auto older = std::prev(newer);
-        const std::uint32_t packets = newer->packetIndex - older->packetIndex;
+        const auto packets = static_cast<std::uint32_t>(newer->packetIndex - older->packetIndex);
         sum += static_cast<std::uint32_t>(intervalNs(older->pcr, newer->pcr) / packets);
     }
     return sum / static_cast<std::uint32_t>(m_PcrHistory.size() - 1);

@@ -9,7 +9,7 @@
 #include "tspacket_streaming/irate_adapter.h"
 #include "tspacket_streaming/monotonic_clock.h"
 #include "tspacket_streaming/pcr_rate_adapter_states.h"
-#include "tspacket_streaming/pcr_reader.h"
+#include "vel/ts_basics/pcr.h"
 
 namespace Vel::Utils {
 
@@ -53,25 +53,20 @@ public:
     void setState(std::unique_ptr<Internal::PCRRateAdapterState> state) { m_State = std::move(state); }
     /// The packet's PCR, if it has one and is of the PCR PID; the first packet with a PCR decides that PID
     /// for good.
-    std::optional<std::uint64_t> extractPcr(const Ts::TSPacket& packet) { return m_PcrReader.read(packet); }
+    std::optional<std::uint64_t> extractPcr(const Ts::TSPacket& packet);
     /// @param pcr 27 MHz ticks
     void addPcr(std::uint64_t pcr, std::uint32_t packetIndex);
     bool isPacketDelayElapsed() const;
     void sleepPacketDelay();
 
 private:
-    struct PcrRecord {
-        std::uint32_t packetIndex;  // the first packet of the stream has 1
-        std::uint64_t pcr;          // 27 MHz ticks
-    };
-
     std::uint32_t calculatePacketDelayNs() const;
 
     std::unique_ptr<Internal::PCRRateAdapterState> m_State;  // never empty
-    std::deque<PcrRecord> m_PcrHistory;                      // oldest first
+    std::deque<Ts::PcrRecord> m_PcrHistory;                  // oldest first
     std::uint32_t m_PacketCount = 0;                         // handed in so far
     std::uint32_t m_HeldPackets = 0;
-    PcrReader m_PcrReader;
+    std::optional<std::uint32_t> m_PcrPid;
     std::uint64_t m_PacketDelayNs = 0;
     std::uint64_t m_LastReleaseNs = 0;  // monotonic; 0: none yet
     std::uint64_t m_BatchStartNs = 0;   // monotonic

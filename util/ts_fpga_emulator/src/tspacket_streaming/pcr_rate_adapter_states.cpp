@@ -54,8 +54,7 @@ std::int32_t PCRRateAdapterState_LockPCR::bufferPacket(PCRRateAdapter& adapter, 
 }
 
 void PCRRateAdapterState_LockPCR::packetDelay(PCRRateAdapter& /*adapter*/) {
-    throw CppUtil::NotImplementedError("Cannot do packet delay in PCRRateAdapterState_LockPCR", __FILE__,
-                                       __LINE__);
+    throw CppUtil::NotImplementedError("Cannot do packet delay in PCRRateAdapterState_LockPCR");
 }
 
 std::int32_t PCRRateAdapterState_FillBuffer::bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet,
@@ -68,8 +67,7 @@ std::int32_t PCRRateAdapterState_FillBuffer::bufferPacket(PCRRateAdapter& adapte
 }
 
 void PCRRateAdapterState_FillBuffer::packetDelay(PCRRateAdapter& /*adapter*/) {
-    throw CppUtil::NotImplementedError("Cannot do packet delay in PCRRateAdapterState_FillBuffer", __FILE__,
-                                       __LINE__);
+    throw CppUtil::NotImplementedError("Cannot do packet delay in PCRRateAdapterState_FillBuffer");
 }
 
 std::int32_t PCRRateAdapterState_PlayOutBuffer::bufferPacket(PCRRateAdapter& adapter,
@@ -90,8 +88,7 @@ void PCRRateAdapterState_PlayOutBuffer::packetDelay(PCRRateAdapter& adapter) {
 
 std::int32_t PCRRateAdapterState_EmptyBuffer::bufferPacket(PCRRateAdapter& /*adapter*/,
                                                            const Ts::TSPacket& /*packet*/, bool /*last*/) {
-    throw CppUtil::NotImplementedError("Cannot buffer packets in PCRRateAdapterState_EmptyBuffer", __FILE__,
-                                       __LINE__);
+    throw CppUtil::NotImplementedError("Cannot buffer packets in PCRRateAdapterState_EmptyBuffer");
 }
 
 void PCRRateAdapterState_EmptyBuffer::packetDelay(PCRRateAdapter& adapter) {

@@ -54,8 +54,8 @@ std::uint64_t TsFile::getSize() const {
 
 void TsFile::throwIfFailed() const {
     if (m_Error != 0) {
-        throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Path + "\"", __FILE__,
-                               __LINE__, CppUtil::errnoText(m_Error));
+        throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Path + "\"",
+                               CppUtil::errnoText(m_Error));
     }
 }
 

@@ -7,12 +7,10 @@ namespace Vel::Zepctl {
 
 std::optional<std::uint32_t> RecordContinuity::check(const RecordView& packet) {
     constexpr std::uint32_t COUNTER_MASK = 0x0F;
-    constexpr std::size_t PCR_OFFSET = 6;
-    constexpr std::size_t PCR_SIZE = 6;
     PacketBytes bytes;
     std::copy_n(packet.getDataPtr(), bytes.size(), bytes.begin());
-    if (packet.hasPcr()) {  // a repeat carries the PCR of its own time
-        std::fill_n(bytes.begin() + PCR_OFFSET, PCR_SIZE, std::uint8_t{0});
+    if (Ts::readPcr(packet)) {  // a duplicate carries the PCR of its own time
+        std::fill_n(bytes.begin() + Ts::PCR_OFFSET, Ts::PCR_SIZE, std::uint8_t{0});
     }
     const bool payload = packet.hasPayload();
     const std::uint32_t counter = packet.getContinuityCounter();
@@ -25,9 +23,8 @@ std::optional<std::uint32_t> RecordContinuity::check(const RecordView& packet) {
     return right ? std::nullopt : std::optional(expected);
 }
 
-bool PcrClock::add(std::uint64_t pcr, bool newTimeBase) {
-    pcr %= Ts::PCR_WRAP;  // an extension above 299 can lift a PCR past the wrap
-    const std::uint64_t step = (pcr + Ts::PCR_WRAP - m_Last.value_or(pcr)) % Ts::PCR_WRAP;
+bool PcrClock::add(Ts::PcrTicks pcr, bool newTimeBase) {
+    const Ts::PcrTicks step = Ts::pcrDistance(m_Last.value_or(pcr), pcr);
     const bool continues = m_Last && !newTimeBase && step <= MAX_STEP;
     m_Last = pcr;
     if (continues) {
@@ -36,11 +33,6 @@ bool PcrClock::add(std::uint64_t pcr, bool newTimeBase) {
         ++m_TimeBases;
     }
     return continues;
-}
-
-double PcrClock::getElapsed() const {
-    constexpr double TICKS_PER_SECOND = 27e6;
-    return static_cast<double>(m_Elapsed) / TICKS_PER_SECOND;
 }
 
 void RecordInput::add(const RecordView& packet, FaultLog& faults) {
@@ -64,12 +56,11 @@ void RecordInput::add(const RecordView& packet, FaultLog& faults) {
         faults.add(FaultKind::Continuity, packet, *expected, packet.getContinuityCounter());
     }
     pid.newTimeBase |= packet.hasDiscontinuityIndicator();
-    if (packet.hasPcr()) {
+    if (Ts::readPcr(packet)) {
         count(pid, &PacketCounts::pcrs);
         const bool newTimeBase = std::exchange(pid.newTimeBase, false);
-        m_PcrPid = m_PcrPid.value_or(number);
-        if (m_PcrPid == number) {
-            takePcr(packet.getPcr(), newTimeBase);
+        if (const auto pcr = m_PcrReader.read(packet)) {
+            takePcr(*pcr, newTimeBase);
         }
     }
 }
@@ -79,8 +70,8 @@ void RecordInput::count(Pid& pid, std::uint64_t PacketCounts::*counter, std::uin
     m_Total.*counter += packets;
 }
 
-/// Whether the packets since the PCR before have a duration is known only now.
-void RecordInput::takePcr(std::uint64_t pcr, bool newTimeBase) {
+/// Only now is it known whether the packets since the previous PCR count towards the timed packets.
+void RecordInput::takePcr(Ts::PcrTicks pcr, bool newTimeBase) {
     const bool isTimed = m_Clock.add(pcr, newTimeBase);
     for (auto& [number, pid] : m_Pids) {
         const std::uint64_t packets = std::exchange(pid.packetsSincePcr, 0);
@@ -89,7 +80,7 @@ void RecordInput::takePcr(std::uint64_t pcr, bool newTimeBase) {
 }
 
 std::optional<double> RecordInput::getBitRate(std::uint64_t timedPackets) const {
-    const double elapsed = m_Clock.getElapsed();
+    const double elapsed = m_Clock.getElapsed().count();
     return elapsed > 0 ? std::optional(static_cast<double>(timedPackets) * BITS_PER_PACKET / elapsed)
                        : std::nullopt;
 }

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <span>
 
 #include "records/record_fault.h"
+#include "vel/ts_basics/pcr.h"
 
 namespace Vel::Zepctl {
 
@@ -36,23 +38,23 @@ private:
 /// to a new time base is left out. Reentrant.
 class PcrClock {
 public:
-    /// Longest step within one time base, in 27 MHz ticks: ten times the interval that ISO/IEC
-    /// 13818-1, 2.7.2, allows. A step back looks like one of many hours, so it is above this as well.
-    static constexpr std::uint64_t MAX_STEP = 27'000'000;
+    /// Longest step within one time base: ten times the interval that ISO/IEC 13818-1, 2.7.2, allows. A step
+    /// back looks like one of many hours, so it is above this as well.
+    static constexpr std::chrono::seconds MAX_STEP{1};
 
-    /// Takes the next PCR, in 27 MHz ticks.
+    /// Takes the next PCR.
     /// @param newTimeBase whether the stream says that a time base begins with this PCR
     /// @return whether it continues the time base of the one before
-    bool add(std::uint64_t pcr, bool newTimeBase);
+    bool add(Ts::PcrTicks pcr, bool newTimeBase);
 
-    /// Sum of all steps in seconds.
-    double getElapsed() const;
+    /// Sum of all steps.
+    std::chrono::duration<double> getElapsed() const { return m_Elapsed; }
     /// How many time bases there were; 0 before the first PCR.
     std::uint64_t getTimeBases() const { return m_TimeBases; }
 
 private:
-    std::optional<std::uint64_t> m_Last;  // 27 MHz ticks
-    std::uint64_t m_Elapsed = 0;          // 27 MHz ticks: 64 bits last for 21,000 years
+    std::optional<Ts::PcrTicks> m_Last;
+    Ts::PcrTicks m_Elapsed{0};  // 64 bits last for 21,000 years
     std::uint64_t m_TimeBases = 0;
 };
 
@@ -86,7 +88,7 @@ public:
     /// By PID.
     const std::map<std::uint32_t, Pid>& getPids() const { return m_Pids; }
     /// None without PCR.
-    std::optional<std::uint32_t> getPcrPid() const { return m_PcrPid; }
+    std::optional<std::uint32_t> getPcrPid() const { return m_PcrReader.getPid(); }
     const PcrClock& getClock() const { return m_Clock; }
     /// The rate of so many timed packets in bit/s, counting the 188 bytes of each; none if no time is known.
     std::optional<double> getBitRate(std::uint64_t timedPackets) const;
@@ -94,11 +96,11 @@ public:
 private:
     /// Adds packets to a counter of the PID and to that of the input.
     void count(Pid& pid, std::uint64_t PacketCounts::*counter, std::uint64_t packets = 1);
-    void takePcr(std::uint64_t pcr, bool newTimeBase);
+    void takePcr(Ts::PcrTicks pcr, bool newTimeBase);
 
     PacketCounts m_Total;
     std::map<std::uint32_t, Pid> m_Pids;
-    std::optional<std::uint32_t> m_PcrPid;
+    Ts::PcrReader m_PcrReader;
     PcrClock m_Clock;
 };
 

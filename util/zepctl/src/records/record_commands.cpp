@@ -1,10 +1,11 @@
 #include "records/record_commands.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <charconv>
 #include <iostream>
+
+#include <fmt/format.h>
 
 #include "command_error.h"
 #include "records/record_check.h"

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
+
+#include <CLI/CLI.hpp>
 
 namespace Vel::Zepctl {
 

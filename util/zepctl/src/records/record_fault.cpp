@@ -1,8 +1,8 @@
 #include "records/record_fault.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
+
+#include <fmt/format.h>
 
 namespace Vel::Zepctl {
 
@@ -36,8 +36,8 @@ std::string Fault::toString() const {
 bool FaultLog::addRecord(const RecordView& record) {
     ++m_Records;
     const std::uint32_t tsiidx = record.getTsiidx();
-    if (tsiidx >= Ts::TSIIDX_COUNT) {
-        add(FaultKind::UnknownTsiidx, record, Ts::TSIIDX_COUNT - 1, tsiidx);
+    if (tsiidx > MAX_TSIIDX) {
+        add(FaultKind::UnknownTsiidx, record, MAX_TSIIDX, tsiidx);
         return false;
     }
     if (!record.hasSyncByte()) {

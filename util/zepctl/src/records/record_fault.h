@@ -23,7 +23,7 @@ public:
     const std::uint8_t* getDataPtr() const override { return m_Record + Ts::RECORD_HEADER_SIZE; }
     /// @throws TsPacketError always: records are not changed
     std::uint8_t* getDataPtr() override {
-        throw Ts::TsPacketError("Cannot get data pointer. Packet is read-only.", __FILE__, __LINE__);
+        throw Ts::TsPacketError("Cannot get data pointer. Packet is read-only.");
     }
 
 private:

@@ -1,8 +1,8 @@
 #include "records/record_report.h"
 
-#include <fmt/format.h>
-
 #include <cmath>
+
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 namespace Vel::Zepctl {

@@ -1,9 +1,9 @@
 #include "records/record_split.h"
 
-#include <fmt/format.h>
-
 #include <filesystem>
 #include <system_error>
+
+#include <fmt/format.h>
 
 #include "command_error.h"
 

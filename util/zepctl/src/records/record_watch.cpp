@@ -1,12 +1,13 @@
 #include "records/record_watch.h"
 
-#include <fmt/format.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <string_view>
+
+#include <fmt/format.h>
 
 #include "command_error.h"
 #include "records/record_reader.h"
@@ -121,7 +122,7 @@ void ArrivalDrift::add(ArrivalTime at, const PcrClock& clock) {
         *this = {};
         m_TimeBase = clock.getTimeBases();
     }
-    const double pcr = clock.getElapsed();
+    const double pcr = clock.getElapsed().count();
     if (m_TimeBase == 0 || pcr == m_LastPcr) {
         return;
     }

@@ -1,7 +1,6 @@
 #include "tables/device.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +8,8 @@
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
+
+#include <fmt/format.h>
 
 #include "command_error.h"
 #include "vel/userspace_drivers/drivers/zep/ts/register_map.h"

@@ -1,9 +1,9 @@
 #include "tables/input_table.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <iterator>
+
+#include <fmt/format.h>
 
 #include "command_error.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/iplut_diag.h"

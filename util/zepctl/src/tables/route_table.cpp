@@ -1,8 +1,8 @@
 #include "tables/route_table.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
+
+#include <fmt/format.h>
 
 #include "command_error.h"
 #include "tables/row_text.h"

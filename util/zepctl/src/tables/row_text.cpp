@@ -1,10 +1,10 @@
 #include "tables/row_text.h"
 
-#include <fmt/format.h>
-
 #include <charconv>
 #include <string_view>
 #include <system_error>
+
+#include <fmt/format.h>
 
 #include "command_error.h"
 #include "vel/cpp_utils/error.h"

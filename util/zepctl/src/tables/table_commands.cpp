@@ -1,10 +1,10 @@
 #include "tables/table_commands.h"
 
-#include <fmt/format.h>
-
 #include <map>
 #include <stdexcept>
 #include <utility>
+
+#include <fmt/format.h>
 
 #include "command_error.h"
 #include "tables/input_table.h"
@@ -46,7 +46,7 @@ void printRows(const std::vector<Row>& rows, std::string (*format)(const Row&)) 
 TableCommands::TableCommands(CLI::App& app)
     : m_Tsio{Zep::TSIO_DEVICE.path, Zep::TSIO_DEVICE.size},
       m_Router{Zep::ROUTER_DEVICE.path, Zep::ROUTER_DEVICE.size},
-      m_FiltTabIdx(Zep::FILTTABIDX_RANGE.max) {
+      m_FiltTabIDX(Zep::FILTTABIDX_RANGE.max) {
     app.add_option("-t,--tsio_dev", m_Tsio.path, "device or file that holds the IP LUT")
         ->type_name("PATH")
         ->capture_default_str();
@@ -94,7 +94,7 @@ void TableCommands::declareInput(CLI::App& app) {
                             &TableCommands::addInput);
     add.add_option("URI", m_Uri, "address and port: udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0")
         ->required();
-    addNumber(add, "TSIIDX", m_Tsiidx, Zep::TSIIDX_RANGE, "index of the input")->required();
+    addNumber(add, "TSIIDX", m_TSIIDX, Zep::TSIIDX_RANGE, "index of the input")->required();
     declare(input, "remove", "Remove an input", "Example: zepctl input remove udp://239.1.2.3:5000",
             &TableCommands::removeInput)
         .add_option("URI", m_Uri, "as it was added")
@@ -106,7 +106,7 @@ void TableCommands::declareInput(CLI::App& app) {
 
 void TableCommands::addInput() {
     Zep::IpInEntry row = parseInputUri(m_Uri);
-    row.setTSIIDX(m_Tsiidx);
+    row.setTSIIDX(m_TSIIDX);
     LockedDevice device(m_Tsio);
     InputTable(device.memory()).add(row);
 }
@@ -133,9 +133,9 @@ void TableCommands::declareRoute(CLI::App& app) {
     declareRouteKey(add);
     add.add_flag("--out", m_OutRoute, "set the out route as well");
     add.add_flag("--no-cpu", m_NoCpuRoute, "leave the CPU route out; needs --out");
-    addNumber(add, "--pididx", m_Pididx, Zep::PIDIDX_RANGE,
+    addNumber(add, "--pididx", m_PIDIDX, Zep::PIDIDX_RANGE,
               "PIDIDX, by default the lowest that no route has");
-    addNumber(add, "--filter", m_FiltTabIdx, Zep::FILTTABIDX_RANGE, "FiltTabIDX, by default 255");
+    addNumber(add, "--filter", m_FiltTabIDX, Zep::FILTTABIDX_RANGE, "FiltTabIDX, by default 255");
     declareRouteKey(declare(route, "remove", "Remove the routes of a PID of an input",
                             "Example: zepctl route remove 3 0x100", &TableCommands::removeRoute));
     declare(route, "list", "Print the routes, each as route add takes it",
@@ -144,8 +144,8 @@ void TableCommands::declareRoute(CLI::App& app) {
 }
 
 void TableCommands::declareRouteKey(CLI::App& command) {
-    addNumber(command, "TSIIDX", m_Tsiidx, Zep::TSIIDX_RANGE, "index of the input")->required();
-    addNumber(command, "PID", m_Pid, Zep::PID_RANGE, "packet identifier")->required();
+    addNumber(command, "TSIIDX", m_TSIIDX, Zep::TSIIDX_RANGE, "index of the input")->required();
+    addNumber(command, "PID", m_PID, Zep::PID_RANGE, "packet identifier")->required();
 }
 
 void TableCommands::addRoute() {
@@ -155,13 +155,13 @@ void TableCommands::addRoute() {
     }
     LockedDevice device(m_Router);
     RouteTable table(device.memory());
-    table.add(Zep::PidLutEntry(m_Tsiidx, m_Pid, m_Pididx ? *m_Pididx : table.findFreePididx(), m_FiltTabIdx,
+    table.add(Zep::PidLutEntry(m_TSIIDX, m_PID, m_PIDIDX ? *m_PIDIDX : table.findFreePididx(), m_FiltTabIDX,
                                m_OutRoute, !m_NoCpuRoute));
 }
 
 void TableCommands::removeRoute() {
     LockedDevice device(m_Router);
-    RouteTable(device.memory()).remove(m_Tsiidx, m_Pid);
+    RouteTable(device.memory()).remove(m_TSIIDX, m_PID);
 }
 
 void TableCommands::listRoutes() {

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <optional>
 #include <string>
+
+#include <CLI/CLI.hpp>
 
 #include "tables/device.h"
 #include "tables/table_dump.h"
@@ -49,10 +50,10 @@ private:
     bool m_WithFifo = false;
     bool m_Force = false;
     std::string m_Uri;
-    std::uint32_t m_Tsiidx = 0;
-    std::uint32_t m_Pid = 0;
-    std::optional<std::uint32_t> m_Pididx;  ///< else the lowest that no route has
-    std::uint32_t m_FiltTabIdx;
+    std::uint32_t m_TSIIDX = 0;
+    std::uint32_t m_PID = 0;
+    std::optional<std::uint32_t> m_PIDIDX;  ///< else the lowest that no route has
+    std::uint32_t m_FiltTabIDX;
     bool m_OutRoute = false;
     bool m_NoCpuRoute = false;
     std::string m_Table;  ///< what to clear, empty for both, or the table to dump

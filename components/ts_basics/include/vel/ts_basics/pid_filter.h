@@ -50,19 +50,19 @@ public:
         }
     }
     void blockAll() { m_Table.fill(BLOCK); }
-    bool isPidPassed(std::uint32_t pid) const { return pid < PID_COUNT && m_Table[pid] == PASS; }
+    bool isPidPassed(std::uint32_t pid) const { return pid <= MAX_PID && m_Table[pid] == PASS; }
 
 private:
     static constexpr std::uint32_t BLOCK = 0;
     static constexpr std::uint32_t PASS = 1;
 
     void set(std::uint32_t pid, std::uint32_t entry) {
-        if (pid < PID_COUNT) {
+        if (pid <= MAX_PID) {
             m_Table[pid] = entry;
         }
     }
 
-    std::array<std::uint32_t, PID_COUNT> m_Table{};
+    std::array<std::uint32_t, MAX_PID + 1> m_Table{};
 };
 
 }  // namespace Vel::Ts::Misc

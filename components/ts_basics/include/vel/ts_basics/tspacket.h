@@ -2,19 +2,17 @@
 
 #include <cstdint>
 
+#include "vel/cpp_utils/stream_limits.h"
+
 namespace Vel::Ts {
 
 /// Length of a transport packet in bytes and its first byte (ISO/IEC 13818-1, 2.4.3.2).
 inline constexpr std::uint32_t TS_PACKET_SIZE = 188;
 inline constexpr std::uint8_t SYNC_BYTE = 0x47;
-/// PIDs have 13 bits; the highest one marks null packets.
-inline constexpr std::uint32_t PID_COUNT = 8192;
-inline constexpr std::uint32_t NULL_PID = PID_COUNT - 1;
-
-/// A PCR samples the system clock of 27 MHz. It is a base of 33 bits in units of 300 ticks and an
-/// extension (ISO/IEC 13818-1, 2.4.3.5), so it returns to 0 after PCR_WRAP ticks, a little over 26 hours.
-inline constexpr std::uint64_t PCR_TICKS_PER_BASE = 300;
-inline constexpr std::uint64_t PCR_WRAP = (std::uint64_t{1} << 33) * PCR_TICKS_PER_BASE;
+/// The highest PID marks null packets.
+inline constexpr std::uint32_t NULL_PID = MAX_PID;
+/// An adaptation field that fits into the packet, without its length byte (ISO/IEC 13818-1, 2.4.3.4).
+inline constexpr std::uint8_t MAX_ADAPTATION_FIELD_LENGTH = 183;
 
 /// transport_scrambling_control (ISO/IEC 13818-1, table 2-4).
 enum class ScramblingControl : std::uint8_t {

@@ -12,9 +12,6 @@ namespace Vel::Ts {
 inline constexpr std::uint32_t RECORD_HEADER_SIZE = 4;
 inline constexpr std::uint32_t RECORD_SIZE = RECORD_HEADER_SIZE + TS_PACKET_SIZE;
 
-/// Inputs of the FPGA: a TSIIDX is 0..255.
-inline constexpr std::uint32_t TSIIDX_COUNT = 256;
-
 /// Writes the RECORD_HEADER_SIZE bytes of a record's header, in the same order on every processor.
 inline void writeRecordHeader(std::uint8_t* header, std::uint32_t tsiidx) {
     for (std::uint32_t i = 0; i < RECORD_HEADER_SIZE; ++i) {

@@ -11,11 +11,11 @@ namespace Vel {
 /// statement, is built once here; what() only returns it. The classes of the family add a category prefix and
 /// nothing else.
 ///
-/// Every class takes the same three arguments: the detail text, and file and line of the throw statement
-/// (`__FILE__`, `__LINE__`). Immutable after construction, so it may be read on any thread.
+/// The detail text is the first argument of every class; file and line default to those of the throw
+/// statement. Immutable after construction, so it may be read on any thread.
 class Error : public std::exception {
 public:
-    Error(const std::string& message, const char* file, int line)
+    Error(const std::string& message, const char* file = __builtin_FILE(), int line = __builtin_LINE())
         : m_Text(message + "(" + file + ":" + std::to_string(line) + ")"), m_MessageLength(message.size()) {}
 
     const char* what() const noexcept override { return m_Text.c_str(); }
@@ -32,35 +32,39 @@ namespace CppUtil {
 /// The program cannot start with the configuration it was given.
 class InitializationError : public Error {
 public:
-    InitializationError(const std::string& detail, const char* file, int line)
+    InitializationError(const std::string& detail, const char* file = __builtin_FILE(),
+                        int line = __builtin_LINE())
         : Error("Initialization Error: " + detail, file, line) {}
 };
 
 /// A text or a serialized form does not follow its format.
 class ParsingError : public Error {
 public:
-    ParsingError(const std::string& detail, const char* file, int line)
+    ParsingError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
         : Error("Generic parsing Error: " + detail, file, line) {}
 };
 
 /// An index or a size lies outside of its range.
 class OutOfRangeError : public Error {
 public:
-    OutOfRangeError(const std::string& detail, const char* file, int line)
+    OutOfRangeError(const std::string& detail, const char* file = __builtin_FILE(),
+                    int line = __builtin_LINE())
         : Error("Out of Range Error: " + detail, file, line) {}
 };
 
 /// An argument is well-formed but not acceptable.
 class InvalidArgumentError : public Error {
 public:
-    InvalidArgumentError(const std::string& detail, const char* file, int line)
+    InvalidArgumentError(const std::string& detail, const char* file = __builtin_FILE(),
+                         int line = __builtin_LINE())
         : Error("Invalid Argument Error: " + detail, file, line) {}
 };
 
 /// A call that the object does not offer in its present state.
 class NotImplementedError : public Error {
 public:
-    NotImplementedError(const std::string& detail, const char* file, int line)
+    NotImplementedError(const std::string& detail, const char* file = __builtin_FILE(),
+                        int line = __builtin_LINE())
         : Error("Not Implemented Error: " + detail, file, line) {}
 };
 
@@ -68,7 +72,8 @@ public:
 class IOError : public Error {
 public:
     /// @param reason what the system says of the failure, for example errnoText(errno); not part of what()
-    IOError(const std::string& detail, const char* file, int line, std::string reason = {})
+    IOError(const std::string& detail, std::string reason = {}, const char* file = __builtin_FILE(),
+            int line = __builtin_LINE())
         : Error("IOErrorr: " + detail, file, line), m_Reason(std::move(reason)) {}
 
     const std::string& getReason() const { return m_Reason; }

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <fmt/format.h>
-#include <spdlog/logger.h>
-
 #include <chrono>
 #include <memory>
 #include <string>
@@ -10,6 +7,9 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <fmt/format.h>
+#include <spdlog/logger.h>
 
 namespace Vel::Log {
 

@@ -85,8 +85,7 @@ std::size_t claimRegion(void* base, std::size_t size) {
         }
     }
     throw PciError("Cannot map another device: " + std::to_string(MappingGuard::MAX_REGIONS) +
-                       " are mapped, which is the limit.",
-                   __FILE__, __LINE__);
+                   " are mapped, which is the limit.");
 }
 
 }  // namespace

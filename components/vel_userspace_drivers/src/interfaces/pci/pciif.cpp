@@ -34,8 +34,7 @@ void PciIf::openDevice() {
     m_File = CppUtil::FileDescriptor(::open(m_Path.c_str(), O_RDWR | O_CLOEXEC));
     if (!m_File.isOpen()) {
         const std::string reason = CppUtil::errnoText(errno);
-        throw PciError("Could not open device at path: " + m_Path + ". Error: \"" + reason + "\"", __FILE__,
-                       __LINE__);
+        throw PciError("Could not open device at path: " + m_Path + ". Error: \"" + reason + "\"");
     }
 }
 
@@ -48,9 +47,8 @@ void PciIf::mapMemory() {
                                : ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_File.get(),
                                         static_cast<off_t>(m_MapOffset));
     if (base == MAP_FAILED || base == nullptr) {
-        throw PciError("Failed mmap of " + std::to_string(m_MapSize) + " bytes (offset: " +
-                           std::to_string(m_MapOffset) + ") from device: " + m_Path + ". ",
-                       __FILE__, __LINE__);
+        throw PciError("Failed mmap of " + std::to_string(m_MapSize) +
+                       " bytes (offset: " + std::to_string(m_MapOffset) + ") from device: " + m_Path + ". ");
     }
     m_MapBase = base;
     m_Guard = std::make_unique<MappingGuard>(base, length);
@@ -68,8 +66,7 @@ void PciIf::checkFileSize() const {
     if (const std::int64_t missing = getMissingBytes(); missing > 0) {
         const std::int64_t needed = std::int64_t{m_MapOffset} + m_MapSize;
         throw PciError("File " + m_Path + " is too short: it has " + std::to_string(needed - missing) +
-                           " bytes, but " + std::to_string(needed) + " are needed.",
-                       __FILE__, __LINE__);
+                       " bytes, but " + std::to_string(needed) + " are needed.");
     }
 }
 
@@ -111,7 +108,7 @@ void PciIf::checkAccessible() const {
     } else {
         return;
     }
-    throw PciError("Cannot access device memory. Device " + m_Path + reason, __FILE__, __LINE__);
+    throw PciError("Cannot access device memory. Device " + m_Path + reason);
 }
 
 void PciIf::verifyMemory() const {

@@ -9,7 +9,7 @@ namespace Vel::Drivers {
 /// Root of the errors of all drivers, to catch them together; never thrown itself.
 class DriverError : public Error {
 public:
-    DriverError(const std::string& detail, const char* file, int line)
+    DriverError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
         : Error("Driver (user space) error: " + detail, file, line) {}
 };
 
@@ -18,7 +18,8 @@ namespace Zep {
 /// A value does not fit the field of a table row.
 class ZepDriverError : public DriverError {
 public:
-    ZepDriverError(const std::string& detail, const char* file, int line)
+    ZepDriverError(const std::string& detail, const char* file = __builtin_FILE(),
+                   int line = __builtin_LINE())
         : DriverError("ZEP Driver (user space) error: " + detail, file, line) {}
 };
 

@@ -28,7 +28,7 @@ public:
     /// Throws ParsingError when `buffer` does not hold exactly one row. Allocates nothing.
     void deserialize(std::span<const T> buffer) {
         if (buffer.size() != m_Words.size()) {
-            throw CppUtil::ParsingError("Incorrect length of serialized data buffer", __FILE__, __LINE__);
+            throw CppUtil::ParsingError("Incorrect length of serialized data buffer");
         }
         std::ranges::copy(buffer, m_Words.begin());
         if (!fromWords()) {

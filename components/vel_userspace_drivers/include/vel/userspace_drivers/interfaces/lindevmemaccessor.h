@@ -13,7 +13,7 @@ namespace Vel::Drivers {
 /// An access does not lie within the device's memory, or not on a multiple of its width.
 class DevMemError : public Error {
 public:
-    DevMemError(const std::string& detail, const char* file, int line)
+    DevMemError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
         : Error("Device memory Error: " + detail, file, line) {}
 };
 

@@ -13,7 +13,7 @@ IpAdrContainer parseIp(const std::string& text, const char* refusal) {
     try {
         return IpAdrContainer(text);
     } catch (const CppUtil::ParsingError&) {
-        throw ZepDriverError(refusal + text + ")", __FILE__, __LINE__);
+        throw ZepDriverError(refusal + text + ")");
     }
 }
 

@@ -24,7 +24,7 @@ IpOutEntry::IpOutEntry(std::uint32_t tsoIdx, const MacAdrContainer& mac, const I
 
 void IpOutEntry::setTSOIDX(std::uint32_t tsoIdx) {
     if (!TSOIDX_RANGE.contains(tsoIdx)) {
-        throw ZepDriverError("TSOIdx out of range", __FILE__, __LINE__);
+        throw ZepDriverError("TSOIdx out of range");
     }
     m_TSOIDX = tsoIdx;
     setModified();
@@ -42,7 +42,7 @@ void IpOutEntry::setIp(const IpAdrContainer& ip) {
 
 void IpOutEntry::setUdpPort(std::uint32_t udpPort) {
     if (!UDP_PORT_RANGE.contains(udpPort)) {
-        throw ZepDriverError("UDPPort out of range", __FILE__, __LINE__);
+        throw ZepDriverError("UDPPort out of range");
     }
     m_UdpPort = udpPort;
     enable();

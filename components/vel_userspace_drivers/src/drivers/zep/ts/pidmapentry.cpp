@@ -13,7 +13,7 @@ namespace {
 std::uint32_t requireLink(std::uint32_t value, const Range& range, std::uint32_t otherEnd,
                           const char* refusal) {
     if (value == otherEnd) {
-        throw ZepDriverError(refusal + std::to_string(value) + ")", __FILE__, __LINE__);
+        throw ZepDriverError(refusal + std::to_string(value) + ")");
     }
     return requireInRange(value, range, refusal);
 }

@@ -8,7 +8,7 @@ namespace Vel::Drivers::Zep {
 
 std::uint32_t requireInRange(std::uint32_t value, const Range& range, const char* refusal) {
     if (!range.contains(value)) {
-        throw ZepDriverError(refusal + std::to_string(value) + ")", __FILE__, __LINE__);
+        throw ZepDriverError(refusal + std::to_string(value) + ")");
     }
     return value;
 }

@@ -15,7 +15,7 @@ class MappingGuard;
 /// A device cannot be opened or mapped, or its mapping cannot be accessed.
 class PciError : public Error {
 public:
-    PciError(const std::string& detail, const char* file, int line)
+    PciError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
         : Error("PCI Error: " + detail, file, line) {}
 };
 

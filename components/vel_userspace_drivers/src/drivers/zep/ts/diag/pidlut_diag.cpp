@@ -54,8 +54,7 @@ void dumpOPidMap(IMemIf& memory, std::uint32_t first, std::uint32_t count, bool 
     requireRows(OPidMap::TABLE, first, count);
     if (first == 0) {
         throw CppUtil::InvalidArgumentError(
-            "Offset value 0 is not permitted in the ZEP O-PID MAP, since this is a reserved value.", __FILE__,
-            __LINE__);
+            "Offset value 0 is not permitted in the ZEP O-PID MAP, since this is a reserved value.");
     }
     dumpRows<PidMapEntry>(
         memory, OPidMap::TABLE, {first, count, includeAll}, &PidMapEntry::isEnabled,

@@ -8,8 +8,7 @@ void requireRows(const Table& table, std::uint32_t first, std::uint32_t count) {
     if (first > table.rows || count > table.rows - first) {
         throw CppUtil::InvalidArgumentError(
             fmt::format("Offset ({}) and count ({}) exceeds the size ({}) of the ZEP {}.", first, count,
-                        table.rows, table.name),
-            __FILE__, __LINE__);
+                        table.rows, table.name));
     }
 }
 

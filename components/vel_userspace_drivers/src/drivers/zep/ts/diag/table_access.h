@@ -1,11 +1,11 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include <array>
 #include <cstdint>
 #include <ostream>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "vel/userspace_drivers/drivers/zep/ts/bitfield.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/decode_rows.h"

@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "vel/cpp_utils/stream_limits.h"
 #include "vel/userspace_drivers/drivers/zep/ts/bitfield.h"
 
 /// Where the FPGA keeps its tables and registers, and what their bits mean. Encoders, decoders, readers and
@@ -18,15 +19,15 @@ inline constexpr DeviceInfo TSIO_DEVICE{"/dev/zeptsif_iplut", 16 * 1024};
 inline constexpr DeviceInfo ROUTER_DEVICE{"/dev/zeptsif_pidlut", 128 * 1024};
 inline constexpr const char* PKTIO_DEVICE_PATH = "/dev/zeptsif_pktio";
 
-inline constexpr Range TSIIDX_RANGE{0, 255};       ///< input transport streams
-inline constexpr Range TSOIDX_RANGE{0, 255};       ///< output transport streams
-inline constexpr Range PID_RANGE{0, 8191};         ///< packet identifiers (ISO/IEC 13818-1, 2.4.3.2)
-inline constexpr Range PIDIDX_RANGE{1, 4095};      ///< O-PID MAP rows; row 0 is reserved
-inline constexpr Range NEXTPIDIDX_RANGE{0, 4095};  ///< the row that continues a chain, 0 for none
-inline constexpr Range FILTTABIDX_RANGE{0, 255};   ///< filter tables
-inline constexpr Range UDP_PORT_RANGE{0, 65535};   ///< RFC 768
-inline constexpr Range PHYIIDX_RANGE{0, 63};       ///< physical inputs
-inline constexpr Range PHYOIDX_RANGE{0, 23};       ///< physical outputs
+inline constexpr Range TSIIDX_RANGE{0, MAX_TSIIDX};  ///< input transport streams
+inline constexpr Range TSOIDX_RANGE{0, 255};         ///< output transport streams
+inline constexpr Range PID_RANGE{0, MAX_PID};        ///< packet identifiers (ISO/IEC 13818-1, 2.4.3.2)
+inline constexpr Range PIDIDX_RANGE{1, 4095};        ///< O-PID MAP rows; row 0 is reserved
+inline constexpr Range NEXTPIDIDX_RANGE{0, 4095};    ///< the row that continues a chain, 0 for none
+inline constexpr Range FILTTABIDX_RANGE{0, 255};     ///< filter tables
+inline constexpr Range UDP_PORT_RANGE{0, 65535};     ///< RFC 768
+inline constexpr Range PHYIIDX_RANGE{0, 63};         ///< physical inputs
+inline constexpr Range PHYOIDX_RANGE{0, 23};         ///< physical outputs
 
 inline constexpr std::uint32_t NO_TSIIDX = 255;  ///< a physical input with it feeds no input stream
 inline constexpr std::uint32_t NO_PHYIIDX = 31;  ///< of a cleared row; no port bears this index
