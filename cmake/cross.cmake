@@ -1,12 +1,12 @@
-# Toolchain of the presets armhf and arm64: Debian's cross compiler, the libraries of the target in build/sysroot-ARCH,
-# which scripts/cross makes, and qemu to run what has been built.
+# Toolchain of the presets armhf and arm64: Debian's cross compiler, the target's libraries in build/sysroot-ARCH, which
+# scripts/cross creates, and QEMU to run the programs and tests.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ZEPTFEM_ARCH)
 set(CMAKE_SYSTEM_NAME Linux)
 if(ZEPTFEM_ARCH STREQUAL armhf)
   set(CMAKE_SYSTEM_PROCESSOR armv7l)
   set(triplet arm-linux-gnueabihf)
-  # qemu hands signal handlers the failed address as the host sees it. With this base its low 32 bits are those of
-  # the address that the program knows.
+  # QEMU passes the host address of a fault to the guest's signal handler. With this guest base, the low 32 bits equal
+  # the guest address.
   set(qemu qemu-arm-static -B 0x200000000)
   # ARMv7-A with VFPv3 and without NEON, which not every such processor has.
   set(CMAKE_CXX_FLAGS_INIT "-march=armv7-a -mfpu=vfpv3-d16 -mfloat-abi=hard")

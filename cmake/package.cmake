@@ -22,7 +22,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE "")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 if(CMAKE_CROSSCOMPILING)
-  # dpkg-shlibdeps looks for the libraries of this machine: these are those of the target, and whose they are.
+  # dpkg-shlibdeps searches the build machine's libraries; point it at the target's libraries and their shlibs file.
   file(WRITE ${PROJECT_BINARY_DIR}/packaging/dpkg-shlibdeps
     "#!/bin/sh\nexec dpkg-shlibdeps -l${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE} "
     "-l${CMAKE_SYSROOT}/lib/${CMAKE_LIBRARY_ARCHITECTURE} -L${CMAKE_SYSROOT}/shlibs \"$@\"\n")
