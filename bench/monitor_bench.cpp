@@ -1,10 +1,6 @@
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,40 +11,33 @@
 #include "cpu_time.h"
 #include "fpga_monitoring/iplut_monitor.h"
 #include "fpga_monitoring/pidlut_monitor.h"
+#include "test_files.h"
+#include "vel/userspace_drivers/drivers/zep/ts/ipinentry.h"
+#include "vel/userspace_drivers/drivers/zep/ts/pidlutentry.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
 namespace {
 
 using namespace Vel;
+namespace Zep = Drivers::Zep;
 
 constexpr int CYCLES = 500;
 
-class StandIn {
-public:
-    explicit StandIn(std::uint32_t size) {
-        const int fd = ::mkstemp(m_Path.data());
-        if (fd == -1 || ::ftruncate(fd, size) != 0) {
-            std::abort();
-        }
-        ::close(fd);
-    }
-    ~StandIn() { ::unlink(m_Path.c_str()); }
-    StandIn(const StandIn&) = delete;
-    StandIn& operator=(const StandIn&) = delete;
-    const std::string& path() const { return m_Path; }
-
-private:
-    std::string m_Path = "/tmp/zeptfem-bench-XXXXXX";
-};
+std::shared_ptr<Pci::PciIf> createDevice(const std::string& path, std::uint32_t size) {
+    TestSupport::writeFile(path, TestSupport::Bytes(size));
+    return std::make_shared<Pci::PciIf>(path, size, 0);
+}
 
 class NoConsumer final : public Utils::IFPGAEventConsumer {
 public:
     void handleEvent(std::unique_ptr<Utils::FPGAMonEvent>) override {}
 };
 
-void readTwice(const volatile std::uint32_t* words, std::uint32_t count, std::vector<std::uint32_t>& into) {
+void readTwice(const Pci::PciIf& device, const Zep::Table& table, std::vector<std::uint32_t>& into) {
+    const auto* words =
+        reinterpret_cast<const volatile std::uint32_t*>(device.getMemSegment().base) + table.base;
     for (int pass = 0; pass < 2; ++pass) {
-        for (std::uint32_t i = 0; i < count; ++i) {
+        for (std::uint32_t i = 0; i < table.rows * table.wordsPerRow; ++i) {
             into[i] = words[i];
         }
         benchmark::ClobberMemory();
@@ -65,38 +54,41 @@ double idle(Cycle cycle) {
     return Bench::secondsOf(CLOCK_THREAD_CPUTIME_ID) - begin;
 }
 
-/// Puts so many rows in use, of the IP LUT first and then of the PID LUT.
+template <class Row>
+void writeRow(Drivers::IMemIf& device, const Zep::Table& table, std::uint32_t index, Row row) {
+    row.toWords();
+    device.writeBlock32(table.base + index * table.wordsPerRow, row.getWords());
+}
+
+/// Enables `rows` rows, first in the IP LUT, then in the PID LUT.
 void fill(Drivers::IMemIf& tsio, Drivers::IMemIf& router, std::uint32_t rows) {
-    for (std::uint32_t row = 0; row < rows; ++row) {
-        if (row < 256) {
-            tsio.writeBlock32(2048 + 2 * row, {0xEF000000 + row, 1U << 24 | row << 16 | 5000});
-        } else {
-            const std::uint32_t route = row - 256;
-            router.writeBlock32(8192 + 2 * route, {route / 8 << 13 | route % 8, 0xFF002000 | (route + 1)});
-        }
+    const std::uint32_t inputs = std::min(rows, Zep::IpLut::TABLE.rows);
+    for (std::uint32_t i = 0; i < inputs; ++i) {
+        const CppUtil::IpAdrContainer address(0xEF000000 + i);  // 239.0.0.0
+        writeRow(tsio, Zep::IpLut::TABLE, i, Zep::IpInEntry(i, address, 5000));
+    }
+    for (std::uint32_t i = 0; i < rows - inputs; ++i) {
+        writeRow(router, Zep::PidLut::TABLE, i, Zep::PidLutEntry(i / 8, i % 8, i + 1, false, true));
     }
 }
 
-/// Processor time of the idle monitors with so many rows in use, as a multiple of that of a loop that reads
-/// the words of both tables twice and sleeps.
+/// Processor time of the idle monitors with a given number of rows in use, as a multiple of that of a loop
+/// that reads the words of both tables twice and sleeps.
 void idleMonitorsAgainstBareLoop(benchmark::State& state) {
-    const StandIn tsioFile(Drivers::Zep::TSIO_DEVICE.size);
-    const StandIn routerFile(Drivers::Zep::ROUTER_DEVICE.size);
-    auto tsio = std::make_shared<Pci::PciIf>(tsioFile.path(), Drivers::Zep::TSIO_DEVICE.size, 0);
-    auto router = std::make_shared<Pci::PciIf>(routerFile.path(), Drivers::Zep::ROUTER_DEVICE.size, 0);
+    const TestSupport::TemporaryFolder folder;
+    const auto tsio = createDevice(folder / "tsio", Zep::TSIO_DEVICE.size);
+    const auto router = createDevice(folder / "router", Zep::ROUTER_DEVICE.size);
     fill(*tsio, *router, static_cast<std::uint32_t>(state.range()));
     NoConsumer consumer;
     Utils::IpLutMonitor ipLut(tsio, consumer);
     Utils::PidLutMonitor pidLut(router, consumer);
-    const auto* tsioWords = reinterpret_cast<const volatile std::uint32_t*>(tsio->getMemSegment().base);
-    const auto* routerWords = reinterpret_cast<const volatile std::uint32_t*>(router->getMemSegment().base);
-    std::vector<std::uint32_t> copy(std::size_t{2} * 2048);
+    std::vector<std::uint32_t> copy(std::size_t{Zep::PidLut::TABLE.rows} * Zep::PidLut::TABLE.wordsPerRow);
     double bare = 0;
     double monitors = 0;
     while (state.KeepRunning()) {
         bare += idle([&] {
-            readTwice(tsioWords + 2048, 2 * 256, copy);
-            readTwice(routerWords + 8192, 2 * 2048, copy);
+            readTwice(*tsio, Zep::IpLut::TABLE, copy);
+            readTwice(*router, Zep::PidLut::TABLE, copy);
         });
         const double once = idle([&] {
             ipLut.pollLut();

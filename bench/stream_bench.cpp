@@ -4,11 +4,8 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdint>
-#include <cstdlib>
 #include <deque>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -18,6 +15,9 @@
 #include <benchmark/benchmark.h>
 
 #include "cpu_time.h"
+#include "metered_adapter.h"
+#include "test_files.h"
+#include "test_packet.h"
 #include "tspacket_streaming/max_rate_adapter.h"
 #include "tspacket_streaming/packet_dispatcher.h"
 #include "tspacket_streaming/pktio_stream_in.h"
@@ -35,55 +35,38 @@ double processSeconds() {
     return Bench::secondsOf(CLOCK_PROCESS_CPUTIME_ID);
 }
 
-/// A file of PACKETS packets of one PID, in memory if the machine has /dev/shm.
-class SampleFile {
-public:
-    SampleFile()
-        : m_Path(std::filesystem::exists("/dev/shm") ? "/dev/shm/zeptfem-bench-XXXXXX"
-                                                     : "/tmp/zeptfem-bench-XXXXXX") {
-        const int fd = ::mkstemp(m_Path.data());
-        std::vector<std::uint8_t> packets(PACKETS * Ts::TS_PACKET_SIZE, 0);
-        for (std::size_t at = 0; at < packets.size(); at += Ts::TS_PACKET_SIZE) {
-            packets[at] = Ts::SYNC_BYTE;
-            packets[at + 1] = PID >> 8;
-            packets[at + 2] = PID & 0xFF;
-            packets[at + 3] = 0x10;
+/// A file of PACKETS packets of one PID.
+const std::string& samplePath() {
+    static const TestSupport::TemporaryFolder folder;
+    static const std::string path = [] {
+        const TestSupport::Bytes packet = TestSupport::TestPacket{.pid = PID}.bytes();
+        TestSupport::Bytes packets;
+        for (std::size_t i = 0; i < PACKETS; ++i) {
+            packets.insert(packets.end(), packet.begin(), packet.end());
         }
-        if (::write(fd, packets.data(), packets.size()) != static_cast<ssize_t>(packets.size())) {
-            std::abort();
-        }
-        ::close(fd);
-    }
-    ~SampleFile() { ::unlink(m_Path.c_str()); }
-    SampleFile(const SampleFile&) = delete;
-    SampleFile& operator=(const SampleFile&) = delete;
-    const std::string& path() const { return m_Path; }
-
-private:
-    std::string m_Path;
-};
-
-const SampleFile& sample() {
-    static const SampleFile file;
-    return file;
+        TestSupport::writeFile(folder / "sample.ts", packets);
+        return folder / "sample.ts";
+    }();
+    return path;
 }
 
 constexpr const char* NOWHERE = "/dev/null";
 constexpr const char* MEMORY = "/dev/shm/zeptfem-bench-records";
 
-/// The work that no stream can avoid: reads in blocks, and per packet one mutex lock and one write of a
-/// record, in one thread per stream.
+/// The work that no stream can avoid, in one thread per stream: reads in blocks, and for each packet locks
+/// one mutex and writes one record.
 /// @return processor seconds
 double bareLoops(std::size_t streams, const char* device) {
+    const std::string& path = samplePath();
     std::mutex mutex;
     const double begin = processSeconds();
     const int out = ::open(device, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    std::vector<std::thread> loops;
+    std::vector<std::jthread> loops;
     for (std::size_t i = 0; i < streams; ++i) {
         loops.emplace_back([&] {
             std::vector<std::uint8_t> block(std::size_t{348} * Ts::TS_PACKET_SIZE);
             std::uint8_t record[Ts::RECORD_SIZE] = {};
-            const int in = ::open(sample().path().c_str(), O_RDONLY);
+            const int in = ::open(path.c_str(), O_RDONLY);
             for (ssize_t got = 0; (got = ::read(in, block.data(), block.size())) > 0;) {
                 for (ssize_t at = 0; at < got; at += Ts::TS_PACKET_SIZE) {
                     std::copy_n(block.data() + at, Ts::TS_PACKET_SIZE, record + Ts::RECORD_HEADER_SIZE);
@@ -94,47 +77,26 @@ double bareLoops(std::size_t streams, const char* device) {
             ::close(in);
         });
     }
-    for (std::thread& loop : loops) {
-        loop.join();
-    }
+    loops.clear();  // joins them
     ::close(out);
     return processSeconds() - begin;
 }
 
-/// Releases every packet at once, and counts the stream as done at the last one.
-class CountingAdapter final : public Utils::IRateAdapter {
-public:
-    explicit CountingAdapter(std::atomic<std::size_t>& playing) : m_Playing(playing) {}
-    std::int32_t bufferPacket(const Ts::TSPacket& packet, bool last) override {
-        if (last) {
-            --m_Playing;
-            m_Playing.notify_one();
-        }
-        return m_Adapter.bufferPacket(packet, last);
-    }
-    std::uint32_t getMaxBufferedPackets() const override { return 1; }
-    void delayPacket() override {}
-
-private:
-    Utils::MaxRateAdapter m_Adapter;
-    std::atomic<std::size_t>& m_Playing;
-};
-
-/// @return processor seconds of so many streams that play the sample at once
+/// @return processor seconds of `streams` streams that play the sample at the same time
 double playStreams(std::size_t streams, const char* device, std::uint32_t routedPid) {
-    std::atomic<std::size_t> playing = streams;
+    using Adapter = Bench::MeteredAdapter<Utils::MaxRateAdapter>;
+    const std::string& path = samplePath();
     const double begin = processSeconds();
     {
+        Bench::Meter meter(streams);
         Utils::PacketDispatcher dispatcher(device);
         std::vector<std::unique_ptr<Utils::PktioStreamIn>> all;
         for (std::uint32_t i = 0; i < streams; ++i) {
             all.push_back(std::make_unique<Utils::PktioStreamIn>(
-                sample().path(), i, std::make_unique<CountingAdapter>(playing), dispatcher));
+                path, i, std::make_unique<Adapter>(meter, PACKETS), dispatcher));
             all.back()->changeRoutes(std::array{Utils::PktioStreamIn::RouteChange{routedPid, true}});
         }
-        for (std::size_t some = playing; some > 0; some = playing) {
-            playing.wait(some);
-        }
+        meter.playing.wait();
     }
     return processSeconds() - begin;
 }
@@ -170,7 +132,7 @@ BENCHMARK_CAPTURE(fullRateAgainstBareLoop, sixteen, 16, NOWHERE)
     ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
 
-/// Packets per second of so many streams at once.
+/// Packets per second of all streams together.
 void fullRateInputs(benchmark::State& state) {
     const auto inputs = static_cast<std::size_t>(state.range());
     while (state.KeepRunning()) {
@@ -199,7 +161,7 @@ void notRoutedPacket(benchmark::State& state) {
 }
 BENCHMARK(notRoutedPacket)->UseManualTime()->Iterations(40)->Unit(benchmark::kMillisecond);
 
-/// Memory of the packets that a paced stream holds, as a multiple of the bytes of their records.
+/// Memory used by the packets that a paced stream holds, as a multiple of the size of their records.
 void heldPackets(benchmark::State& state) {
     constexpr std::size_t HELD = 10'000;
     double bytes = 0;
