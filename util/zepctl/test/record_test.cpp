@@ -29,7 +29,8 @@ constexpr double PACKET_BITS = 188 * 8;
 ///   q PID 0x101 and z null packet instead of PID 0x100,   f other bytes,
 ///   n no payload,   s scrambled,   e transport error,
 ///   d discontinuity indicator and D the same in an adaptation field that does not fit,
-/// and at last p and a PCR in milliseconds.
+///   u an adaptation field that is too short for a PCR,
+/// and finally p and a PCR in milliseconds.
 std::string recordsOf(const std::string& notation) {
     std::string stream;
     std::istringstream words(notation);
@@ -45,7 +46,9 @@ std::string recordsOf(const std::string& notation) {
             .discontinuity = has('d') || has('D'),
             .transportError = has('e'),
             .scrambled = has('s'),
-            .adaptationLength = static_cast<std::uint8_t>(has('D') ? 184 : 7),
+            .adaptationLength = static_cast<std::uint8_t>(has('D')   ? 184
+                                                          : has('u') ? 6
+                                                                     : 7),
         };
         if (has('p')) {
             packet.pcr = std::stoull(word.substr(word.find('p') + 1)) * MS;
@@ -70,12 +73,13 @@ TEST(RecordCheck, JudgesContinuityByTheStandard) {
         {"a gap is one error", "1 3 4", 1},
         {"not incremented without payload", "1 1n 1n 2", 0},
         {"an increment without payload", "1 2n", 1},
-        {"one repeat", "1 1 2 2", 0},
-        {"two repeats", "1 1 1", 1},
-        {"a repeat after a packet without payload", "1 1n 1", 1},
-        {"a repeat with other bytes", "1 1f", 1},
-        {"a repeat with its own PCR", "1p5 1p6", 0},
-        {"a repeat with other bytes beside its own PCR", "1p5 1fp6", 1},
+        {"one duplicate", "1 1 2 2", 0},
+        {"every further duplicate is an error", "1 1 1 1", 2},
+        {"a duplicate after a packet without payload", "1 1n 1", 1},
+        {"a duplicate with other bytes", "1 1f", 1},
+        {"a duplicate with its own PCR", "1p5 1p6", 0},
+        {"a duplicate with other bytes beside its own PCR", "1p5 1fp6", 1},
+        {"payload that a PCR flag without room claims", "1up5 1up6", 1},
         {"an announced restart", "1 9d 10", 0},
         {"a gap after a restart", "1 9d 2", 1},
         {"a restart in an adaptation field that does not fit", "1 9D", 1},
@@ -112,7 +116,7 @@ TEST(RecordInput, RatesAreByTheFirstClockAndLeaveOutIntervalsWithANewTimeBase) {
                           "0nd 0z 0z 0z 0np25 "  // announced before the PCR it is about
                           "0z 0z 0np35 "
                           "0z 0z 0z 0ndp45 "
-                          "0z 0z 0np55 0z")));  // the last one is not followed by a PCR
+                          "0z 0z 0np55 0unp57 0z")));  // the last ones are not followed by a PCR
     const RecordInput& input = check.getInputs().at(3);
     EXPECT_EQ(input.getPids().at(Ts::NULL_PID).counts.timedPackets, 8U);
     EXPECT_EQ(input.getTotal().timedPackets, 8U + 1 + 4);

@@ -7,20 +7,17 @@ namespace Vel::Zepctl {
 
 std::optional<std::uint32_t> RecordContinuity::check(const RecordView& packet) {
     constexpr std::uint32_t COUNTER_MASK = 0x0F;
-    PacketBytes bytes;
-    std::copy_n(packet.getDataPtr(), bytes.size(), bytes.begin());
-    if (Ts::readPcr(packet)) {  // a duplicate carries the PCR of its own time
-        std::fill_n(bytes.begin() + Ts::PCR_OFFSET, Ts::PCR_SIZE, std::uint8_t{0});
-    }
+    const bool isDuplicate = m_Counter && Ts::isDuplicate(packet, m_Last);
+    const bool isFirstDuplicate = isDuplicate && !m_WasDuplicate;
     const bool payload = packet.hasPayload();
     const std::uint32_t counter = packet.getContinuityCounter();
     const std::uint32_t expected = (m_Counter.value_or(counter) + (payload ? 1U : 0U)) & COUNTER_MASK;
-    const bool repeat = m_Counter && !m_WasRepeat && bytes == m_Last;
-    const bool right = !m_Counter || repeat || counter == expected || packet.hasDiscontinuityIndicator();
+    const bool isRight =
+        !m_Counter || isFirstDuplicate || counter == expected || packet.hasDiscontinuityIndicator();
     m_Counter = counter;
-    m_WasRepeat = repeat;
-    m_Last = bytes;
-    return right ? std::nullopt : std::optional(expected);
+    m_WasDuplicate = isDuplicate;
+    std::copy_n(packet.getDataPtr(), m_Last.size(), m_Last.begin());
+    return isRight ? std::nullopt : std::optional(expected);
 }
 
 bool PcrClock::add(Ts::PcrTicks pcr, bool newTimeBase) {

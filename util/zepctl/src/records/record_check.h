@@ -16,22 +16,20 @@ namespace Vel::Zepctl {
 inline constexpr double BITS_PER_PACKET = Ts::TS_PACKET_SIZE * 8.0;
 
 /// Follows the continuity counter of one PID (ISO/IEC 13818-1, 2.4.3.3): it is incremented with each packet
-/// that has a payload, and only then. A packet with payload may be sent twice in a row. With the
-/// discontinuity indicator any value is right. Reentrant.
+/// that has a payload, and only then. A packet with a payload may be sent twice in a row, but not three
+/// times. With the discontinuity indicator any value is correct. Reentrant.
 class RecordContinuity {
 public:
     /// Takes the next packet of the PID.
     /// @return the counter (0..15) that it should have had, if it has a wrong one
-    std::optional<std::uint32_t> check(const RecordView& packet);
+    [[nodiscard]] std::optional<std::uint32_t> check(const RecordView& packet);
     /// Accepts any counter next.
     void restart() { m_Counter.reset(); }
 
 private:
-    using PacketBytes = std::array<std::uint8_t, Ts::TS_PACKET_SIZE>;
-
-    std::optional<std::uint32_t> m_Counter;  // of the packet before
-    PacketBytes m_Last{};                    // the packet before, without its PCR
-    bool m_WasRepeat = false;                // the packet before repeated the one before it
+    std::optional<std::uint32_t> m_Counter;                 // of the previous packet
+    std::array<std::uint8_t, Ts::TS_PACKET_SIZE> m_Last{};  // the previous packet
+    bool m_WasDuplicate = false;                            // it repeated the one before it
 };
 
 /// The time by the PCRs of one PID: the sum of the steps from each to the next, across their wrap. The step

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <ratio>
+#include <span>
 
 #include "vel/ts_basics/tspacket.h"
 
@@ -16,10 +16,6 @@ using PcrTicks = std::chrono::duration<std::uint64_t, std::ratio<1, 27'000'000>>
 inline constexpr std::uint64_t PCR_TICKS_PER_BASE = 300;
 /// The clock returns to 0 after this time, a little over 26 hours.
 inline constexpr PcrTicks PCR_WRAP{(std::uint64_t{1} << 33) * PCR_TICKS_PER_BASE};
-
-/// Bytes of a packet that hold its PCR (ISO/IEC 13818-1, 2.4.3.4).
-inline constexpr std::size_t PCR_OFFSET = 6;
-inline constexpr std::size_t PCR_SIZE = 6;
 
 /// A PCR and the packet that carries it.
 struct PcrRecord {
@@ -36,6 +32,10 @@ constexpr PcrTicks pcrDistance(PcrTicks from, PcrTicks to) {
 /// The packet's PCR, below PCR_WRAP. None where the PCR flag is set in an adaptation field without room for
 /// it.
 std::optional<PcrTicks> readPcr(const TSPacket& packet);
+
+/// Whether the packet has the bytes of `original`, except for its PCR: a duplicate carries that of its own
+/// time (ISO/IEC 13818-1, 2.4.3.3).
+bool isDuplicate(const TSPacket& packet, std::span<const std::uint8_t, TS_PACKET_SIZE> original);
 
 /// Reads the PCRs of one PID: that of the first packet with a PCR. Reentrant.
 class PcrReader {
