@@ -1,7 +1,4 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <algorithm>
+#include <filesystem>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -133,41 +130,45 @@ std::string readOnce(RecordReader& reader) {
     return result;
 }
 
-TEST(RecordReader, JoinsRecordsOfAFifoThatComeInPieces) {
-    const TemporaryFolder folder;
-    const std::string fifo = folder / "fifo";
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    RecordReader reader(fifo);
-    EXPECT_FALSE(reader.waitForData(std::chrono::milliseconds(1))) << "waits for the first writer";
-    CppUtil::FileDescriptor writer(::open(fifo.c_str(), O_WRONLY));
-    const std::string stream = recordsOf("0 1 2 3");
-    std::string read;
-    for (std::size_t at = 0; at < 767; at += 59) {
-        ASSERT_EQ(::write(writer.get(), &stream[at], 59), 59);
-        read += readOnce(reader);
-    }
-    read += readOnce(reader);
-    EXPECT_FALSE(reader.isAtEnd()) << "nothing is there for now";
-    writer.close();
-    EXPECT_EQ(read + readOnce(reader), "012");
-    EXPECT_TRUE(reader.isAtEnd());
-    EXPECT_EQ(reader.getTornBytes(), 191U);
-}
-
-TEST(RecordReader, FollowsAFileThatGrowsAndRestartsWhenItIsTruncated) {
+TEST(RecordReader, FollowsAFileThatGrowsAndRestartsWhenItIsRewritten) {
     const TemporaryFolder folder;
     const std::string path = folder / "file";
-    const std::string stream = recordsOf("0 1 2");
-    writeFile(path, stream.substr(0, 300));
-    RecordReader reader(path);
-    EXPECT_EQ(readOnce(reader), "0");
-    writeFile(path, stream + "torn");
-    EXPECT_FALSE(reader.restartIfTruncated());
-    EXPECT_EQ(readOnce(reader), "12");
-    writeFile(path, recordsOf("9") + "torn");
-    EXPECT_TRUE(reader.restartIfTruncated());
-    EXPECT_EQ(readOnce(reader), "9");
-    EXPECT_EQ(reader.getTornBytes(), 4U);
+    const std::string old = recordsOf("0 1 2");
+    int seconds = 0;
+    const auto write = [&](const std::string& content) {
+        writeFile(path, content);
+        std::filesystem::last_write_time(path,
+                                         std::filesystem::file_time_type(std::chrono::seconds(++seconds)));
+    };
+    const struct {
+        const char* now;
+        std::string content;
+        bool restarts;
+        std::string read;
+    } cases[] = {
+        {"touched", old, false, ""},
+        {"longer", old + recordsOf("3"), false, "3"},
+        {"shorter", recordsOf("9") + "torn", true, "9"},
+        {"empty", "", true, ""},
+        {"rewritten to the same size", recordsOf("0 4 2"), true, "042"},
+        {"rewritten to a larger size", recordsOf("0 4 2 3"), true, "0423"},
+    };
+    for (const auto& [now, content, restarts, expected] : cases) {
+        SCOPED_TRACE(now);
+        write(old.substr(0, 300));
+        RecordReader reader(path);
+        EXPECT_FALSE(reader.restartIfRewritten());
+        EXPECT_EQ(readOnce(reader), "0");
+        write(old);
+        EXPECT_FALSE(reader.restartIfRewritten());
+        EXPECT_EQ(readOnce(reader), "12");
+        EXPECT_FALSE(reader.restartIfRewritten());
+        EXPECT_EQ(readOnce(reader), "");
+        write(content);
+        EXPECT_EQ(reader.restartIfRewritten(), restarts);
+        EXPECT_EQ(readOnce(reader), expected);
+        EXPECT_EQ(reader.getTornBytes(), content.size() % Ts::RECORD_SIZE);
+    }
 }
 
 TEST(ArrivalRate, IsThatOfWholeBursts) {
@@ -214,29 +215,29 @@ TEST(ArrivalDrift, IsHowFarArrivalMovesAwayFromThePcr) {
         EXPECT_FALSE(stream.drift.get()) << "two windows are not complete";
         stream.play(271, ppm);
         EXPECT_NEAR(stream.drift.get()->ppm, ppm, 1);
-        EXPECT_NEAR(stream.drift.get()->milliseconds, ppm * 0.028, 1) << "28 s between the windows' ends";
+        EXPECT_NEAR(stream.drift.get()->lateness.count(), ppm * 0.028, 1) << "28 s between the windows' ends";
     }
     PacedStream stream;
     stream.play(50, 0);
     stream.now += milliseconds(300);
     stream.play(50, 0);
-    EXPECT_NEAR(stream.drift.get()->milliseconds, 300, 0.1) << "a pause";
+    EXPECT_NEAR(stream.drift.get()->lateness.count(), 300, 0.1) << "a pause";
     stream.pcr += milliseconds(10'000);
     stream.play(30, 0);
     EXPECT_FALSE(stream.drift.get()) << "restarts with a new time base";
     stream.play(30, 0);
-    EXPECT_NEAR(stream.drift.get()->milliseconds, 0, 0.1);
+    EXPECT_NEAR(stream.drift.get()->lateness.count(), 0, 0.1);
 }
 
 TEST(RecordWatch, HasOneRowPerInputAndDoesNotTimeWhatWasThereBefore) {
     RecordWatch watch;
-    EXPECT_THAT(watch.formatRows(1.4, START), testing::ElementsAre("      1  no records yet"));
+    EXPECT_THAT(watch.formatRows(Seconds(1.4), START), testing::ElementsAre("      1  no records yet"));
     watch.add(bytesOf(recordsOf("0t 1 3")), std::nullopt);
     for (int i = 0; i <= 6; ++i) {
         const std::string record = recordsOf(std::to_string(4 + i) + "p" + std::to_string(999 * i));
         watch.add(bytesOf(record), START + milliseconds(1000) * i);
     }
-    EXPECT_THAT(watch.formatRows(3725.4, START + milliseconds(6000)),
+    EXPECT_THAT(watch.formatRows(Seconds(3725.4), START + milliseconds(6000)),
                 testing::ElementsAre(
                     "   3725       3        1.5        1.5           9           1      +4.0    +1001",
                     "   3725     255          -          -           1           0         -        -"));

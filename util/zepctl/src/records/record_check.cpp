@@ -38,7 +38,7 @@ void RecordInput::add(const RecordView& packet, FaultLog& faults) {
     ++pid.packetsSincePcr;
     count(pid, &PacketCounts::packets);
     if (packet.hasTransportError()) {
-        // Any bit of the packet may be wrong, so nothing else in it is checked, nor is the counter after it.
+        // Any bit of the packet may be wrong, so nothing else in it is checked, nor is the next counter.
         count(pid, &PacketCounts::transportErrors);
         faults.add(FaultKind::TransportError, packet, 0, 1);
         pid.continuity.restart();

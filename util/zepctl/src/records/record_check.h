@@ -8,12 +8,15 @@
 #include <span>
 
 #include "records/record_fault.h"
+#include "records/record_view.h"
 #include "vel/ts_basics/pcr.h"
 
 namespace Vel::Zepctl {
 
 /// Rates count the 188 bytes of a packet, not the record's header.
 inline constexpr double BITS_PER_PACKET = Ts::TS_PACKET_SIZE * 8.0;
+
+using Seconds = std::chrono::duration<double>;
 
 /// Follows the continuity counter of one PID (ISO/IEC 13818-1, 2.4.3.3): it is incremented with each packet
 /// that has a payload, and only then. A packet with a payload may be sent twice in a row, but not three
@@ -32,8 +35,8 @@ private:
     bool m_WasDuplicate = false;                            // it repeated the one before it
 };
 
-/// The time by the PCRs of one PID: the sum of the steps from each to the next, across their wrap. The step
-/// to a new time base is left out. Reentrant.
+/// The time that the PCRs of one PID measure: the sum of the steps from each to the next, across their wrap.
+/// The step to a new time base is left out. Reentrant.
 class PcrClock {
 public:
     /// Longest step within one time base: ten times the interval that ISO/IEC 13818-1, 2.7.2, allows. A step
@@ -42,11 +45,11 @@ public:
 
     /// Takes the next PCR.
     /// @param newTimeBase whether the stream says that a time base begins with this PCR
-    /// @return whether it continues the time base of the one before
+    /// @return whether it continues the time base of the previous one
     bool add(Ts::PcrTicks pcr, bool newTimeBase);
 
     /// Sum of all steps.
-    std::chrono::duration<double> getElapsed() const { return m_Elapsed; }
+    Seconds getElapsed() const { return m_Elapsed; }
     /// How many time bases there were; 0 before the first PCR.
     std::uint64_t getTimeBases() const { return m_TimeBases; }
 
@@ -66,17 +69,17 @@ struct PacketCounts {
     std::uint64_t timedPackets = 0;  // those between PCRs of the input's clock, see RecordInput
 };
 
-/// Checks the packets of one input. Its clock comes from the PCRs of the PID that had the first one, and a
-/// bit rate is that of the recorded packets by this clock: those from the first PCR to the last, without the
-/// intervals in which a new time base began. PIDs that are not routed are not in the records, so this is not
-/// the rate of the input's whole stream. Reentrant.
+/// Checks the packets of one input. Its clock is that of the first PID with a PCR. Bit rates are those of the
+/// recorded packets by this clock, from the first PCR to the last, without the intervals in which a new time
+/// base began. PIDs that are not routed are not recorded, so this is not the rate of the input's whole
+/// stream. Reentrant.
 class RecordInput {
 public:
     struct Pid {
         PacketCounts counts;
         std::uint64_t packetsSincePcr = 0;  // of the input's clock
         RecordContinuity continuity;
-        bool newTimeBase = false;  // announced, and begins with the next PCR
+        bool newTimeBase = false;  // announced; it begins with the next PCR
     };
 
     /// Checks the next packet, which is the latest record of the log, and logs its faults.
@@ -85,10 +88,10 @@ public:
     const PacketCounts& getTotal() const { return m_Total; }
     /// By PID.
     const std::map<std::uint32_t, Pid>& getPids() const { return m_Pids; }
-    /// None without PCR.
+    /// None without a PCR.
     std::optional<std::uint32_t> getPcrPid() const { return m_PcrReader.getPid(); }
     const PcrClock& getClock() const { return m_Clock; }
-    /// The rate of so many timed packets in bit/s, counting the 188 bytes of each; none if no time is known.
+    /// The rate in bit/s of the given number of timed packets, 188 bytes each; none if no time is known.
     std::optional<double> getBitRate(std::uint64_t timedPackets) const;
 
 private:

@@ -7,9 +7,8 @@
 
 namespace Vel::Zepctl {
 
-/// The commands that look at records: `records check`, `records split` and `records watch`. Parsing the
-/// command line runs the one that was asked for, which throws CommandError. Must outlive the parsing.
-/// Thread-bound.
+/// The commands that inspect records: `records check`, `records split` and `records watch`. Parsing the
+/// command line runs the requested one, which throws CommandError. Must outlive the parsing. Thread-bound.
 class RecordCommands {
 public:
     explicit RecordCommands(CLI::App& app);

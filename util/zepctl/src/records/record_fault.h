@@ -5,33 +5,11 @@
 #include <cstdint>
 #include <string>
 
-#include "vel/ts_basics/ts_error.h"
-#include "vel/ts_basics/zep_record.h"
+#include "records/record_view.h"
 
 namespace Vel::Zepctl {
 
-/// One record in a block of them: the TSIIDX of its header, and its packet for reading. Reentrant; the block
-/// must outlive it.
-class RecordView final : public Ts::TSPacket {
-public:
-    /// @param record first of Ts::RECORD_SIZE bytes
-    explicit RecordView(const std::uint8_t* record) : m_Record(record) {}
-
-    /// As it stands in the record, so it may be above 255.
-    std::uint32_t getTsiidx() const { return Ts::readRecordHeader(m_Record); }
-
-    const std::uint8_t* getDataPtr() const override { return m_Record + Ts::RECORD_HEADER_SIZE; }
-    /// @throws TsPacketError always: records are not changed
-    std::uint8_t* getDataPtr() override {
-        throw Ts::TsPacketError("Cannot get data pointer. Packet is read-only.");
-    }
-
-private:
-    const std::uint8_t* m_Record;
-};
-
-/// What makes a stream of records faulty. The last three are faults of the records, whatever their packets
-/// hold.
+/// What makes a stream of records faulty. The last three concern the record itself, not the packet in it.
 enum class FaultKind { Continuity, TransportError, BadSync, UnknownTsiidx, TornRecord };
 inline constexpr std::size_t FAULT_KINDS = 5;
 
@@ -59,10 +37,10 @@ public:
     };
 
     /// Counts the next record. Returns false, and adds the fault, if it cannot be attributed to an input.
-    bool addRecord(const RecordView& record);
+    [[nodiscard]] bool addRecord(const RecordView& record);
     /// Adds a fault of the latest record.
     void add(FaultKind kind, const RecordView& record, std::uint32_t expected, std::uint32_t found);
-    /// Adds the bytes that remain of a record at the end of the stream; 0 bytes are no fault.
+    /// Adds the bytes that remain of a record at the end of the stream; 0 bytes are not a fault.
     void addTornRecord(std::size_t bytes);
 
     /// Whole records, faulty ones included.

@@ -2,45 +2,43 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <thread>
+#include <utility>
 
+#include "command_error.h"
 #include "vel/ts_basics/zep_record.h"
 
 namespace Vel::Zepctl {
 
 namespace {
 
-/// 192 KiB: few system calls, and the block is still in the cache when its records are looked at.
+/// 192 KiB: few system calls, and the block is still in the cache when its records are checked.
 constexpr std::size_t BLOCK_RECORDS = 1024;
 
-constexpr std::chrono::milliseconds PAUSE_AT_END(20);
+bool isSameTime(const timespec& left, const timespec& right) {
+    return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
+}
 
 }  // namespace
 
 RecordReader::RecordReader(const std::string& path)
     // Non-blocking, since opening a FIFO would wait for its writer otherwise.
-    : m_File(path == "-" ? ::dup(STDIN_FILENO) : ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)),
+    : m_File(path == "-" ? ::dup(STDIN_FILENO)
+                         : ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)),
       m_Name(path == "-" ? "standard input" : path),
       m_Block(BLOCK_RECORDS * Ts::RECORD_SIZE) {
-    struct stat status {};
-    if (!m_File.isOpen() || ::fstat(m_File.get(), &status) == -1) {
-        throw systemError("Cannot open " + m_Name);
+    if (!m_File.isOpen() || ::fstat(m_File.get(), &m_Status) == -1) {
+        throw systemError("Cannot open " + getName());
     }
-    m_PlainFile = S_ISREG(status.st_mode);
 }
 
-bool RecordReader::waitForData(std::chrono::milliseconds limit) const {
-    if (m_PlainFile) {
-        std::this_thread::sleep_for(m_AtEnd ? PAUSE_AT_END : std::chrono::milliseconds(0));
-        return true;
-    }
-    // A FIFO without a writer reads as ended, so a read cannot wait for the first one. It hangs up only once
-    // one has left.
+void RecordReader::waitForData() const {
+    // read() would report the end of a FIFO that has had no writer yet; poll() waits for the first one.
     pollfd file{m_File.get(), POLLIN, 0};
-    return ::poll(&file, 1, static_cast<int>(limit.count())) > 0;
+    while (::poll(&file, 1, -1) == -1) {
+        CppUtil::FileDescriptor::pauseBeforeRetry();
+    }
 }
 
 std::span<const std::uint8_t> RecordReader::read() {
@@ -51,7 +49,7 @@ std::span<const std::uint8_t> RecordReader::read() {
     if (got < 0 && errno == EAGAIN) {
         CppUtil::FileDescriptor::pauseBeforeRetry();
     } else if (got < 0 && errno != EINTR) {
-        throw systemError("Cannot read " + m_Name);
+        throw systemError("Cannot read " + getName());
     }
     m_AtEnd = got == 0;
     const std::size_t held = m_Torn + static_cast<std::size_t>(std::max<ssize_t>(got, 0));
@@ -60,20 +58,32 @@ std::span<const std::uint8_t> RecordReader::read() {
     return {m_Block.data(), m_Given};
 }
 
-bool RecordReader::restartIfTruncated() {
-    if (!m_PlainFile || ::lseek(m_File.get(), 0, SEEK_CUR) <= static_cast<off_t>(getSize())) {
+bool RecordReader::restartIfRewritten() {
+    const struct stat before = m_Status;
+    if (!isPlainFile() || ::fstat(m_File.get(), &m_Status) == -1) {
         return false;
     }
-    ::lseek(m_File.get(), 0, SEEK_SET);
-    m_Given = 0;
-    m_Torn = 0;
-    return true;
+    const off_t position = ::lseek(m_File.get(), 0, SEEK_CUR);
+    // A file that has grown also has a new time, so only its bytes tell whether it was appended to.
+    if (m_Status.st_size < position ||
+        (!isSameTime(m_Status.st_mtim, before.st_mtim) && !holds(m_Known, m_KnownOffset))) {
+        ::lseek(m_File.get(), 0, SEEK_SET);
+        m_Given = 0;
+        m_Torn = 0;
+        m_Known.clear();
+        return true;
+    }
+    if (m_Given != 0) {
+        m_Known.assign(m_Block.begin(), m_Block.begin() + static_cast<std::ptrdiff_t>(m_Given + m_Torn));
+        m_KnownOffset = position - static_cast<off_t>(m_Known.size());
+    }
+    return false;
 }
 
-std::uint64_t RecordReader::getSize() const {
-    struct stat status {};
-    ::fstat(m_File.get(), &status);
-    return static_cast<std::uint64_t>(status.st_size);
+bool RecordReader::holds(const std::vector<std::uint8_t>& bytes, off_t offset) const {
+    std::vector<std::uint8_t> found(bytes.size());
+    const ssize_t got = ::pread(m_File.get(), found.data(), found.size(), offset);
+    return got == static_cast<ssize_t>(found.size()) && found == bytes;
 }
 
 }  // namespace Vel::Zepctl

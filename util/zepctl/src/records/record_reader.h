@@ -1,55 +1,63 @@
 #pragma once
 
-#include <chrono>
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
 #include <vector>
 
-#include "command_error.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
+#include "vel/cpp_utils/text.h"
 
 namespace Vel::Zepctl {
 
 /// Reads records in blocks from a file, a device, a FIFO or standard input. Thread-bound.
 class RecordReader {
 public:
-    /// @param path "-" for standard input. A FIFO needs no writer yet; waitForData() waits for one
+    /// @param path "-" for standard input. A FIFO does not need a writer yet; waitForData() waits for one
     /// @throws CommandError when it cannot be opened
     explicit RecordReader(const std::string& path);
 
-    /// Waits, until a signal comes or the limit is over, for data or the end of the stream. A plain file
-    /// cannot report that it has grown, so at its end this call just pauses.
-    /// @param limit below 0 for none
-    /// @return whether read() will not have to wait
-    bool waitForData(std::chrono::milliseconds limit = std::chrono::milliseconds(-1)) const;
-    /// Reads once and returns the whole records that there are, valid until the next call. There may be none
-    /// although the stream goes on; isAtEnd() shows the difference.
+    /// Waits until poll() reports data or the end of the stream.
+    void waitForData() const;
+    /// Reads once and returns the complete records, valid until the next call. An empty result does not mean
+    /// the end of the stream; see isAtEnd().
     /// @throws CommandError when reading fails
-    std::span<const std::uint8_t> read();
-    /// Whether the latest read() found the end. A plain file may grow, and be read on.
+    [[nodiscard]] std::span<const std::uint8_t> read();
+    /// Whether the latest read() found the end. A plain file may grow, and reading then continues.
     bool isAtEnd() const { return m_AtEnd; }
-    /// What has been read of a record that is not complete, in bytes.
+    /// Size of the incomplete record that has been read, in bytes.
     std::size_t getTornBytes() const { return m_Torn; }
 
-    /// Goes back to the start of a plain file that has become shorter than what was read of it.
-    /// @return whether that was so
-    bool restartIfTruncated();
+    /// Goes back to the start of a plain file that no longer holds what was read of it: it was truncated, or
+    /// truncated and rewritten. To be called before each read().
+    /// @return whether it did
+    [[nodiscard]] bool restartIfRewritten();
 
-    const std::string& getName() const { return m_Name; }
+    /// The path, or "standard input".
+    const std::string& getRawName() const { return m_Name; }
+    /// The same for messages.
+    std::string getName() const { return CppUtil::escapeControls(m_Name); }
     int getDescriptor() const { return m_File.get(); }
-    bool isPlainFile() const { return m_PlainFile; }
-    /// Of a plain file, in bytes; 0 for a FIFO or device.
-    std::uint64_t getSize() const;
+    bool isPlainFile() const { return S_ISREG(m_Status.st_mode); }
+    /// From when the file was opened, or from the latest restartIfRewritten().
+    const struct stat& getStatus() const { return m_Status; }
 
 private:
+    bool holds(const std::vector<std::uint8_t>& bytes, off_t offset) const;
+
     CppUtil::FileDescriptor m_File;
-    std::string m_Name;  // for messages
-    bool m_PlainFile = false;
+    std::string m_Name;
+    struct stat m_Status {};
     bool m_AtEnd = false;
     std::vector<std::uint8_t> m_Block;
     std::size_t m_Given = 0;  // bytes of the block that the latest read() returned
     std::size_t m_Torn = 0;   // bytes of the block after them
+    // For restartIfRewritten(): what was read before its latest call, and where
+    std::vector<std::uint8_t> m_Known;
+    off_t m_KnownOffset = 0;
 };
 
 }  // namespace Vel::Zepctl

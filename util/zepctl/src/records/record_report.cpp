@@ -77,10 +77,9 @@ std::string formatReport(const std::string& name, const RecordCheck& check) {
         return text + faults.toLines();
     }
     if (faults.getRecords() == 0) {
-        return text + fmt::format("{} is empty: no record, no fault\n", name);
+        return name + " is empty: no records\n";
     }
-    return text +
-           fmt::format("{} is right: {}, no fault\n", name, formatCount(faults.getRecords(), "record"));
+    return text + fmt::format("{}: {}, no faults\n", name, formatCount(faults.getRecords(), "record"));
 }
 
 std::string formatJsonReport(const std::string& name, const RecordCheck& check) {
@@ -99,7 +98,7 @@ std::string formatJsonReport(const std::string& name, const RecordCheck& check) 
                            {"unknown_tsiidx", jsonOf(faults.get(FaultKind::UnknownTsiidx))},
                            {"torn_record", jsonOf(faults.get(FaultKind::TornRecord))}}},
                          {"inputs", std::move(inputs)}};
-    // A file name may hold bytes that are no UTF-8.
+    // A file name may not be valid UTF-8.
     return report.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 

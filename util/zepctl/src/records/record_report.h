@@ -7,11 +7,12 @@
 
 namespace Vel::Zepctl {
 
-/// The result of a check for people: a table with a line for each input and PID, then a line for each kind of
-/// fault, or one that says that there is none.
+/// The result of a check as text: a table with a line for each input and PID, then a line for each kind of
+/// fault, or a line that says that there are no faults.
+/// @param name without control characters
 std::string formatReport(const std::string& name, const RecordCheck& check);
 
-/// The same as a JSON object. zepctl(1) describes its keys.
+/// The same as a JSON object, which may have any name. zepctl(1) describes its keys.
 std::string formatJsonReport(const std::string& name, const RecordCheck& check);
 
 /// A rate in bit/s as kbit/s, "-" if it is not known.

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
+#include <cstdio>
 #include <map>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -12,23 +15,28 @@
 namespace Vel::Zepctl {
 
 /// Writes the packets of each input to a plain transport stream file: those of TSIIDX 3 to tsiidx-003.ts and
-/// so on, in their order. Records that have no input are logged and left out; what the packets hold is not
-/// looked at. Thread-bound.
+/// so on, in their order. Records that cannot be attributed to an input are logged and skipped; the packets
+/// are not checked. Thread-bound.
 class RecordSplit {
 public:
+    struct CloseFile {
+        void operator()(std::FILE* file) const { std::fclose(file); }
+    };
     struct Output {
-        std::string path;
-        std::ofstream file;
+        std::string name;  // for messages
+        std::unique_ptr<std::FILE, CloseFile> file;
         std::uint64_t packets = 0;
     };
 
-    /// @param directory created if it is missing; files of those names in it are overwritten, others stay
-    /// @param source descriptor that the records are read from; its file is not overwritten
-    /// @throws CommandError when the directory cannot be created
-    RecordSplit(const std::string& directory, int source);
+    /// Changes nothing yet.
+    /// @param directory created for the first packet if it is missing; existing files with those names are
+    /// overwritten
+    /// @param input status of the file that the records are read from; it is not overwritten
+    RecordSplit(std::string directory, const struct stat& input);
 
     /// Takes the next records, whole ones.
-    /// @throws CommandError when a file cannot be written
+    /// @throws CommandError when a file cannot be written. Before anything is changed, if one of the names is
+    /// taken by the input, a link, or anything but a plain file
     void add(std::span<const std::uint8_t> records);
     /// Takes the number of bytes that remain of a record at the end of the stream, and closes the files.
     /// @throws CommandError when a file cannot be written
@@ -39,10 +47,13 @@ public:
     const std::map<std::uint32_t, Output>& getOutputs() const { return m_Outputs; }
 
 private:
-    void open(Output& output) const;
+    std::string getPath(std::uint32_t tsiidx) const;
+    void prepareDirectory() const;
+    void checkOverwritable(const std::string& path, const struct stat& status) const;
+    Output open(const std::string& path) const;
 
     std::string m_Directory;
-    std::string m_Source;  // path of the descriptor
+    struct stat m_Input;
     FaultLog m_Faults;
     std::map<std::uint32_t, Output> m_Outputs;
 };

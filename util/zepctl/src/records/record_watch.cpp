@@ -1,8 +1,11 @@
 #include "records/record_watch.h"
 
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/signalfd.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <string_view>
@@ -18,30 +21,35 @@ namespace Vel::Zepctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Seconds = std::chrono::duration<double>;
 using std::chrono::milliseconds;
 
-/// What arrives within this time is one burst: longer than a paced stream takes for one, and the step in
-/// which streams that never pause are measured.
+/// Packets that arrive within this time form one burst. It is longer than a burst of a paced stream; unpaced
+/// streams are sampled at this interval.
 constexpr milliseconds BURST_LENGTH(20);
-/// Holds a good many bursts of any stream above 0.5 Mbit/s.
+/// Holds several bursts of any stream above 0.5 Mbit/s.
 constexpr milliseconds WINDOW(2000);
 
 constexpr milliseconds TERMINAL_INTERVAL(200);
 constexpr milliseconds LINE_INTERVAL(1000);
-/// A signal that comes just before the wait for records is noticed after it.
-constexpr milliseconds MAX_WAIT(100);
+/// poll() always reports a plain file as ready, so its end is checked at this interval.
+constexpr milliseconds GROWTH_INTERVAL(20);
 
-volatile std::sig_atomic_t s_EndRequested = 0;
-
-/// Lets SIGINT, SIGTERM and SIGHUP end the watch instead of the program, unless they are ignored, as by
-/// nohup.
-void catchEndingSignals() {
+/// Blocks SIGINT, SIGTERM and SIGHUP, and returns a descriptor that is readable once one of them has arrived.
+/// Those that are ignored, for example by nohup, stay ignored.
+CppUtil::FileDescriptor blockEndingSignals() {
+    sigset_t signals;
+    ::sigemptyset(&signals);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        if (std::signal(signal, [](int) { s_EndRequested = 1; }) == SIG_IGN) {
-            std::signal(signal, SIG_IGN);
+        struct sigaction action {};
+        if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+            ::sigaddset(&signals, signal);
         }
     }
+    CppUtil::FileDescriptor descriptor(::signalfd(-1, &signals, SFD_CLOEXEC));
+    if (!descriptor.isOpen() || ::sigprocmask(SIG_BLOCK, &signals, nullptr) == -1) {
+        throw systemError("Cannot wait for signals");
+    }
+    return descriptor;
 }
 
 /// Whether standard output takes control sequences.
@@ -56,12 +64,12 @@ std::size_t terminalRows() {
     return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 2 ? size.ws_row : USUAL_ROWS;
 }
 
-/// The table of a watch on standard output: redrawn in place on a terminal, with its rows appended elsewhere.
+/// The table on standard output: redrawn in place on a terminal; elsewhere, rows are appended.
 class WatchTable {
 public:
     bool isOnTerminal() const { return m_OnTerminal; }
 
-    /// Prints one row per input; on a terminal no more than it has room for, unless they are the last ones.
+    /// Prints one row per input; on a terminal no more than fit, except for the final table.
     void print(std::vector<std::string> rows, bool isLast) {
         std::string text;
         if (m_OnTerminal && m_Lines != 0) {
@@ -70,21 +78,21 @@ public:
         if (m_OnTerminal || m_Lines == 0) {
             text += fmt::format("{}\n", RecordWatch::HEADER);
         }
-        // The header and the line of the cursor take room as well.
+        // The header and the line with the cursor need space as well.
         if (const std::size_t room = terminalRows() - 2; m_OnTerminal && !isLast && rows.size() > room) {
             const std::size_t hidden = rows.size() - room + 1;
             rows.resize(room);
             rows.back() = fmt::format("{} more inputs", hidden);
         }
         text += fmt::format("{}\n", fmt::join(rows, "\n"));
-        // A line that is too long for the terminal is cut, since one that wraps would shift the table.
+        // Without automatic wrapping, since a wrapped line would shift the table.
         printOutput(m_OnTerminal ? "\x1b[?7l" + text + "\x1b[?7h" : text);
         m_Lines = rows.size() + 1;
     }
 
 private:
     bool m_OnTerminal = isTerminal();
-    std::size_t m_Lines = 0;  // of the table printed last
+    std::size_t m_Lines = 0;  // of the previous table
 };
 
 }  // namespace
@@ -122,12 +130,12 @@ void ArrivalDrift::add(ArrivalTime at, const PcrClock& clock) {
         *this = {};
         m_TimeBase = clock.getTimeBases();
     }
-    const double pcr = clock.getElapsed().count();
+    const Seconds pcr = clock.getElapsed();
     if (m_TimeBase == 0 || pcr == m_LastPcr) {
         return;
     }
     m_LastPcr = pcr;
-    const Sample sample{pcr, Seconds(at.time_since_epoch()).count() - pcr};
+    const Sample sample{pcr, at.time_since_epoch() - pcr};
     if (m_WindowStart && at - *m_WindowStart >= WINDOW) {
         m_Latest = m_Earliest;
         m_First = m_First.value_or(m_Earliest);
@@ -143,8 +151,8 @@ std::optional<Drift> ArrivalDrift::get() const {
     if (!m_First || m_Latest->pcr <= m_First->pcr) {
         return std::nullopt;
     }
-    const double drift = m_Latest->lateness - m_First->lateness;
-    return Drift{drift * 1e3, drift / (m_Latest->pcr - m_First->pcr) * 1e6};
+    const Seconds drift = m_Latest->lateness - m_First->lateness;
+    return Drift{drift, drift / (m_Latest->pcr - m_First->pcr) * 1e6};
 }
 
 void RecordWatch::add(std::span<const std::uint8_t> records, std::optional<ArrivalTime> arrival) {
@@ -160,64 +168,73 @@ void RecordWatch::add(std::span<const std::uint8_t> records, std::optional<Arriv
     }
 }
 
-std::vector<std::string> RecordWatch::formatRows(double seconds, ArrivalTime now) const {
+std::vector<std::string> RecordWatch::formatRows(Seconds watched, ArrivalTime now) const {
     std::vector<std::string> rows;
     for (const auto& [tsiidx, input] : m_Check.getInputs()) {
         const Arrival& arrival = m_Arrivals.at(tsiidx);
         const auto drift = arrival.drift.get();
-        rows.push_back(fmt::format("{:7.0f}  {:6}  {:>9}  {:>9}  {:10}  {:10}  {:>8}  {:>7}", seconds, tsiidx,
-                                   formatBitRate(arrival.rate.getLatest(now)),
+        rows.push_back(fmt::format("{:7.0f}  {:6}  {:>9}  {:>9}  {:10}  {:10}  {:>8}  {:>7}", watched.count(),
+                                   tsiidx, formatBitRate(arrival.rate.getLatest(now)),
                                    formatBitRate(arrival.rate.getOverall()), arrival.packets,
                                    input.getTotal().continuityErrors,
-                                   drift ? fmt::format("{:+.1f}", drift->milliseconds) : "-",
+                                   drift ? fmt::format("{:+.1f}", drift->lateness.count()) : "-",
                                    drift ? fmt::format("{:+.0f}", drift->ppm) : "-"));
     }
     if (rows.empty()) {
-        rows.push_back(fmt::format("{:7.0f}  no records yet", seconds));
+        rows.push_back(fmt::format("{:7.0f}  no records yet", watched.count()));
     }
     return rows;
 }
 
-void watchRecords(const std::string& path, std::optional<double> seconds) {
-    catchEndingSignals();
+void watchRecords(const std::string& path, std::optional<Seconds> limit) {
+    const CppUtil::FileDescriptor signals = blockEndingSignals();
     RecordReader reader(path);
     RecordWatch watch;
     WatchTable table;
     const auto start = Clock::now();
-    const auto end = seconds ? start + std::chrono::duration_cast<Clock::duration>(Seconds(*seconds))
-                             : Clock::time_point::max();
+    const auto end =
+        limit ? start + std::chrono::duration_cast<Clock::duration>(*limit) : Clock::time_point::max();
     const auto interval = table.isOnTerminal() ? TERMINAL_INTERVAL : LINE_INTERVAL;
     auto nextPrint = start + interval;
     auto now = start;
-    // What a plain file holds at the start did not arrive now, only what comes after its end.
-    bool isLive = !reader.isPlainFile();
-    bool isOver = false;
-    for (; s_EndRequested == 0 && !isOver && now < end; now = Clock::now()) {
+    const bool isPlain = reader.isPlainFile();
+    std::array<pollfd, 2> ready{
+        {{signals.get(), POLLIN, 0}, {isPlain ? -1 : reader.getDescriptor(), POLLIN, 0}}};
+    // Records that a plain file already holds did not arrive now.
+    bool isLive = !isPlain;
+    bool isStopped = false;
+    bool isClosed = false;
+    for (; !isStopped && !isClosed && now < end; now = Clock::now()) {
         if (now >= nextPrint) {
-            table.print(watch.formatRows(Seconds(now - start).count(), now), false);
+            table.print(watch.formatRows(now - start, now), false);
             nextPrint = std::max(nextPrint + interval, now);
         }
-        const auto untilNext = std::chrono::ceil<milliseconds>(std::min(nextPrint, end) - now);
-        if (!reader.waitForData(std::clamp(untilNext, milliseconds(0), MAX_WAIT))) {
+        auto wait = std::chrono::ceil<milliseconds>(std::min(nextPrint, end) - now);
+        if (isPlain) {
+            wait = std::min(wait, reader.isAtEnd() ? GROWTH_INTERVAL : milliseconds(0));
+        }
+        const bool isReady = ::poll(ready.data(), ready.size(), static_cast<int>(wait.count())) > 0;
+        isStopped = isReady && ready[0].revents != 0;
+        if (!isPlain && !(isReady && ready[1].revents != 0)) {
             continue;
         }
-        if (reader.restartIfTruncated()) {
+        if (reader.restartIfRewritten()) {
             watch = {};
         }
         const auto records = reader.read();
         watch.add(records, isLive ? std::optional(Clock::now()) : std::nullopt);
         isLive |= reader.isAtEnd();
-        isOver = reader.isAtEnd() && !reader.isPlainFile();
+        isClosed = reader.isAtEnd() && !isPlain;
     }
-    if (isOver) {
+    if (isClosed) {
         watch.end(reader.getTornBytes());
     }
-    const double watched = Seconds(now - start).count();
+    const Seconds watched = now - start;
     table.print(watch.formatRows(watched, now), true);
     const FaultLog& faults = watch.getFaults();
-    printOutput(fmt::format("{} watched for {:.1f} s: {}{}", reader.getName(), watched,
+    printOutput(fmt::format("{} watched for {:.1f} s: {}{}", reader.getName(), watched.count(),
                             formatCount(faults.getRecords(), "record"),
-                            faults.isEmpty() ? ", no fault\n" : "\n" + faults.toLines()));
+                            faults.isEmpty() ? ", no faults\n" : "\n" + faults.toLines()));
 }
 
 }  // namespace Vel::Zepctl
