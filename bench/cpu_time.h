@@ -5,7 +5,7 @@
 namespace Vel::Bench {
 
 /// Time of a clock in seconds: processor time of one thread (CLOCK_THREAD_CPUTIME_ID) or the process
-/// (CLOCK_PROCESS_CPUTIME_ID), which other programs on the machine do not change, or CLOCK_MONOTONIC.
+/// (CLOCK_PROCESS_CPUTIME_ID), which other programs do not affect, or CLOCK_MONOTONIC.
 inline double secondsOf(clockid_t clock) {
     timespec now{};
     ::clock_gettime(clock, &now);

@@ -8,7 +8,7 @@ if(ZEPTFEM_ARCH STREQUAL armhf)
   # QEMU passes the host address of a fault to the guest's signal handler. With this guest base, the low 32 bits equal
   # the guest address.
   set(qemu qemu-arm-static -B 0x200000000)
-  # ARMv7-A with VFPv3 and without NEON, which not every such processor has.
+  # ARMv7-A with VFPv3 but without NEON, which is optional.
   set(CMAKE_CXX_FLAGS_INIT "-march=armv7-a -mfpu=vfpv3-d16 -mfloat-abi=hard")
 else()
   set(CMAKE_SYSTEM_PROCESSOR aarch64)

@@ -38,6 +38,6 @@ set(CPACK_PACKAGE_DESCRIPTION
   "zeptfem emulates the path from an FPGA that moves MPEG-2 transport streams to
 the CPU of its board. It watches the tables of the FPGA, plays a file for each
 input and writes the packets that are routed to the CPU.
-zepctl makes stand-in devices, shows and changes the tables, and checks the
+zepctl creates stand-in devices, shows and changes the tables, and checks the
 records.")
 include(CPack)
