@@ -5,13 +5,9 @@
 
 namespace Vel::Ts {
 
-namespace {
-
 /// Bytes of a packet that hold its PCR (ISO/IEC 13818-1, 2.4.3.4).
 constexpr std::size_t PCR_OFFSET = 6;
 constexpr std::size_t PCR_SIZE = 6;
-
-}  // namespace
 
 std::optional<PcrTicks> readPcr(const TSPacket& packet) {
     constexpr std::size_t LENGTH_OFFSET = 4;

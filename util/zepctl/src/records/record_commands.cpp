@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <iostream>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -35,9 +36,8 @@ void readToEnd(RecordReader& reader, Consumer& consumer) {
         const auto records = reader.read();
         consumer.add(records);
         done += records.size();
-        if (const std::uint64_t percent = size == 0 ? 0 : std::min(done, size) * 100 / size;
-            percent != shown) {
-            shown = percent;
+        const std::uint64_t percent = size == 0 ? 0 : std::min(done, size) * 100 / size;
+        if (std::exchange(shown, percent) != percent) {
             std::cerr << fmt::format("{:3} %\r", percent);
         }
     }
@@ -68,12 +68,11 @@ RecordCommands::RecordCommands(CLI::App& app) {
                    "records, or - for standard input");
     check->add_flag("--json", m_Json, "print the result as JSON");
     check->footer(
-        R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte
-other than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are not faults,
-nor is a file without records. The bit rate is that of the recorded packets, 188 bytes each,
-from the first to the last PCR of the input's first PID with a PCR. It does not include PIDs
-that are not routed, nor intervals in which the PCR restarts. The man page lists the keys of
-the JSON object.
+        R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte other
+than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are not faults, nor is
+a file without records. The bit rate is that of the recorded packets, 188 bytes each, from the
+first to the last PCR of the input's first PID with a PCR, without intervals in which the PCR
+restarts. The man page lists the keys of the JSON object.
 
 Example: zepctl records check out.rec
          some-receiver | zepctl records check --json - > result.json)");
@@ -84,10 +83,9 @@ Example: zepctl records check out.rec
                    "records, or - for standard input");
     split->add_option("DIR", m_Directory, "directory for the files, created if it is missing")->required();
     split->footer(
-        R"(The packets of TSIIDX 3 are written to DIR/tsiidx-003.ts, in their order, and so on. Existing
-files with these names are overwritten; other files are kept. Nothing is changed if one of
-these names is a link, the input, or not a plain file. Records with a bad sync byte or a
-TSIIDX above 255 and a torn last record are skipped; the exit status is then 1.
+        R"(The packets of TSIIDX 3 are written to DIR/tsiidx-003.ts, and so on. Existing files with these
+names are overwritten, but nothing is changed if one of them is the input, a link, or not a
+plain file. Faulty records are skipped; the exit status is then 1.
 
 Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)");
     split->callback([this] { this->split(); });
@@ -98,8 +96,8 @@ Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)"
         ->type_name("SECONDS")
         ->check([](const std::string& text) {
             double seconds = 0;
-            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-            const bool isNumber = error == std::errc() && end == text.data() + text.size();
+            const char* end = text.data() + text.size();
+            const bool isNumber = std::from_chars(text.data(), end, seconds).ptr == end;
             return isNumber && seconds > 0 && seconds <= MAX_WATCH_SECONDS
                        ? std::string()
                        : fmt::format(
@@ -111,11 +109,11 @@ Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)"
 earlier (-) packets arrive than their PCRs indicate, relative to the first two seconds of the
 time base, in ms and in ppm of PCR time. Records already in a file are counted but not timed.
 If a file is truncated or rewritten, watching restarts at its beginning. A terminal shows one
-table; elsewhere, one line per input is printed every second. Waits for the first writer of a
-FIFO; ends on Ctrl-C, or when the last writer closes the FIFO.
+table; elsewhere, one line per input is printed every second. Ends on Ctrl-C, or when the last
+writer closes a FIFO.
 
 Example: zepctl records watch pktio --for 60)");
-    watch->callback([this] { this->watch(); });
+    watch->callback([this] { watchRecords(m_File, m_Seconds); });
 }
 
 CLI::App* RecordCommands::addCommand(CLI::App& records, const std::string& name,
@@ -147,10 +145,6 @@ void RecordCommands::split() const {
         lines += reader.getName() + " is empty: nothing written\n";
     }
     finish(lines + faults.toLines(), reader.getName(), faults);
-}
-
-void RecordCommands::watch() const {
-    watchRecords(m_File, m_Seconds ? std::optional<Seconds>(*m_Seconds) : std::nullopt);
 }
 
 }  // namespace Vel::Zepctl

@@ -20,12 +20,11 @@ private:
                          const std::string& file);
     void check() const;
     void split() const;
-    void watch() const;
 
     std::string m_File;
     std::string m_Directory;
     bool m_Json = false;
-    std::optional<double> m_Seconds;
+    std::optional<double> m_Seconds;  // of a watch
 };
 
 }  // namespace Vel::Zepctl

@@ -6,31 +6,10 @@
 
 namespace Vel::Zepctl {
 
-namespace {
-
-/// One fault of each kind, in the order of FaultKind.
-constexpr std::array<const char*, FAULT_KINDS> KIND_NAMES = {
-    "continuity error", "transport error", "bad sync byte", "unknown TSIIDX value", "torn record"};
-
-}  // namespace
-
 std::string Fault::toString() const {
-    std::string place = fmt::format("record {} (byte {}): ", record, getByteOffset());
-    const std::string packet = fmt::format("TSIIDX {}, PID 0x{:04x}: ", tsiidx, pid);
-    switch (kind) {
-        case FaultKind::Continuity:
-            return place + packet + fmt::format("continuity counter {}, expected {}", found, expected);
-        case FaultKind::TransportError:
-            return place + packet + "transport_error_indicator is set";
-        case FaultKind::BadSync:
-            return place +
-                   fmt::format("TSIIDX {}: sync byte 0x{:02x}, expected 0x{:02x}", tsiidx, found, expected);
-        case FaultKind::UnknownTsiidx:
-            return place + fmt::format("TSIIDX {}, allowed 0..{}", found, expected);
-        case FaultKind::TornRecord:
-            return place + fmt::format("ends after {} of {} bytes", found, expected);
-    }
-    return place;
+    const std::string format = "record {0} (byte {1}): ";
+    return fmt::format(fmt::runtime(format + FAULT_TEXTS[static_cast<std::size_t>(kind)].found), record,
+                       getByteOffset(), tsiidx, pid, expected, found);
 }
 
 bool FaultLog::addRecord(const RecordView& record) {
@@ -72,7 +51,7 @@ std::string FaultLog::toLines() const {
     std::string lines;
     for (const Entry& entry : m_Entries) {
         if (entry.count != 0) {
-            const char* name = KIND_NAMES[static_cast<std::size_t>(entry.first.kind)];
+            const char* name = FAULT_TEXTS[static_cast<std::size_t>(entry.first.kind)].name;
             lines += formatCount(entry.count, name) + "; the first at " + entry.first.toString() + '\n';
         }
     }

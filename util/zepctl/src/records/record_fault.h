@@ -11,7 +11,22 @@ namespace Vel::Zepctl {
 
 /// What makes a stream of records faulty. The last three concern the record itself, not the packet in it.
 enum class FaultKind { Continuity, TransportError, BadSync, UnknownTsiidx, TornRecord };
-inline constexpr std::size_t FAULT_KINDS = 5;
+
+/// Of each kind: its key in JSON, its name, and what was found, with {2} to {5} for the fields of a Fault
+/// from its TSIIDX on.
+struct FaultText {
+    const char* key;
+    const char* name;
+    const char* found;
+};
+inline constexpr std::array FAULT_TEXTS = std::to_array<FaultText>({
+    {"continuity_errors", "continuity error",
+     "TSIIDX {2}, PID 0x{3:04x}: continuity counter {5}, expected {4}"},
+    {"transport_errors", "transport error", "TSIIDX {2}, PID 0x{3:04x}: transport_error_indicator is set"},
+    {"bad_sync", "bad sync byte", "TSIIDX {2}: sync byte 0x{5:02x}, expected 0x{4:02x}"},
+    {"unknown_tsiidx", "unknown TSIIDX value", "TSIIDX {5}, allowed 0..{4}"},
+    {"torn_record", "torn record", "ends after {5} of {4} bytes"},
+});
 
 /// Where a fault is, and what was found there.
 struct Fault {
@@ -55,7 +70,7 @@ private:
     void add(const Fault& fault);
 
     std::uint64_t m_Records = 0;
-    std::array<Entry, FAULT_KINDS> m_Entries{};
+    std::array<Entry, FAULT_TEXTS.size()> m_Entries{};
 };
 
 /// "0 records", "1 record", "2 records"

@@ -16,10 +16,6 @@ namespace {
 /// 192 KiB: few system calls, and the block is still in the cache when its records are checked.
 constexpr std::size_t BLOCK_RECORDS = 1024;
 
-bool isSameTime(const timespec& left, const timespec& right) {
-    return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
-}
-
 }  // namespace
 
 RecordReader::RecordReader(const std::string& path)
@@ -59,14 +55,20 @@ std::span<const std::uint8_t> RecordReader::read() {
 }
 
 bool RecordReader::restartIfRewritten() {
-    const struct stat before = m_Status;
+    const timespec before = m_Status.st_mtim;
     if (!isPlainFile() || ::fstat(m_File.get(), &m_Status) == -1) {
         return false;
     }
     const off_t position = ::lseek(m_File.get(), 0, SEEK_CUR);
     // A file that has grown also has a new time, so only its bytes tell whether it was appended to.
-    if (m_Status.st_size < position ||
-        (!isSameTime(m_Status.st_mtim, before.st_mtim) && !holds(m_Known, m_KnownOffset))) {
+    const timespec& now = m_Status.st_mtim;
+    bool isRewritten = m_Status.st_size < position;
+    if (!isRewritten && (now.tv_sec != before.tv_sec || now.tv_nsec != before.tv_nsec)) {
+        std::vector<std::uint8_t> bytes(m_Known.size());
+        isRewritten =
+            ::pread(m_File.get(), bytes.data(), bytes.size(), m_KnownOffset) < 0 || bytes != m_Known;
+    }
+    if (isRewritten) {
         ::lseek(m_File.get(), 0, SEEK_SET);
         m_Given = 0;
         m_Torn = 0;
@@ -78,12 +80,6 @@ bool RecordReader::restartIfRewritten() {
         m_KnownOffset = position - static_cast<off_t>(m_Known.size());
     }
     return false;
-}
-
-bool RecordReader::holds(const std::vector<std::uint8_t>& bytes, off_t offset) const {
-    std::vector<std::uint8_t> found(bytes.size());
-    const ssize_t got = ::pread(m_File.get(), found.data(), found.size(), offset);
-    return got == static_cast<ssize_t>(found.size()) && found == bytes;
 }
 
 }  // namespace Vel::Zepctl

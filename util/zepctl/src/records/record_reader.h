@@ -46,8 +46,6 @@ public:
     const struct stat& getStatus() const { return m_Status; }
 
 private:
-    bool holds(const std::vector<std::uint8_t>& bytes, off_t offset) const;
-
     CppUtil::FileDescriptor m_File;
     std::string m_Name;
     struct stat m_Status {};

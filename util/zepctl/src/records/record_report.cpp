@@ -88,15 +88,14 @@ std::string formatJsonReport(const std::string& name, const RecordCheck& check) 
     for (const auto& [tsiidx, input] : check.getInputs()) {
         inputs.push_back(jsonOf(tsiidx, input));
     }
+    Json kinds;
+    for (std::size_t kind = 0; kind < FAULT_TEXTS.size(); ++kind) {
+        kinds[FAULT_TEXTS[kind].key] = jsonOf(faults.get(static_cast<FaultKind>(kind)));
+    }
     const Json report = {{"file", name},
                          {"records", faults.getRecords()},
                          {"ok", faults.isEmpty()},
-                         {"faults",
-                          {{"continuity_errors", jsonOf(faults.get(FaultKind::Continuity))},
-                           {"transport_errors", jsonOf(faults.get(FaultKind::TransportError))},
-                           {"bad_sync", jsonOf(faults.get(FaultKind::BadSync))},
-                           {"unknown_tsiidx", jsonOf(faults.get(FaultKind::UnknownTsiidx))},
-                           {"torn_record", jsonOf(faults.get(FaultKind::TornRecord))}}},
+                         {"faults", std::move(kinds)},
                          {"inputs", std::move(inputs)}};
     // A file name may not be valid UTF-8.
     return report.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';

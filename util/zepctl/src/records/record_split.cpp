@@ -30,7 +30,7 @@ void RecordSplit::add(std::span<const std::uint8_t> records) {
         }
         Output& output = m_Outputs[record.getTsiidx()];
         if (!output.file) {
-            output = open(getPath(record.getTsiidx()));
+            open(output, getPath(record.getTsiidx()));
         }
         if (std::fwrite(record.getDataPtr(), Ts::TS_PACKET_SIZE, 1, output.file.get()) != 1) {
             throw systemError("Cannot write " + output.name);
@@ -57,9 +57,8 @@ void RecordSplit::prepareDirectory() const {
     std::error_code error;
     std::filesystem::create_directories(m_Directory, error);
     if (error) {
-        throw CommandError(
-            DEVICE_UNUSABLE,
-            "Cannot create directory " + CppUtil::escapeControls(m_Directory) + ": " + error.message());
+        errno = error.value();
+        throw systemError("Cannot create directory " + CppUtil::escapeControls(m_Directory));
     }
     for (std::uint32_t tsiidx = 0; tsiidx <= MAX_TSIIDX; ++tsiidx) {
         const std::string path = getPath(tsiidx);
@@ -71,23 +70,20 @@ void RecordSplit::prepareDirectory() const {
 }
 
 void RecordSplit::checkOverwritable(const std::string& path, const struct stat& status) const {
-    const std::string name = CppUtil::escapeControls(path);
-    if (status.st_dev == m_Input.st_dev && status.st_ino == m_Input.st_ino) {
-        throw CommandError(DEVICE_UNUSABLE, "Cannot create " + name + ": it is the input file");
-    }
-    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) {
-        throw CommandError(DEVICE_UNUSABLE, "Cannot create " + name +
-                                                ": it exists and is not a plain file with a single link");
+    const bool isInput = status.st_dev == m_Input.st_dev && status.st_ino == m_Input.st_ino;
+    if (isInput || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
+        const char* reason = isInput ? "the input file" : "not a plain file with a single link";
+        throw CommandError(DEVICE_UNUSABLE,
+                           fmt::format("Cannot create {}: it is {}", CppUtil::escapeControls(path), reason));
     }
 }
 
 /// The name may have been replaced since it was checked. So this follows no link, waits for no FIFO, and
 /// truncates the file only after a look at what was opened.
-RecordSplit::Output RecordSplit::open(const std::string& path) const {
+void RecordSplit::open(Output& output, const std::string& path) const {
     constexpr int FLAGS = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    constexpr mode_t MODE = 0666;
-    Output output{CppUtil::escapeControls(path), {}};
-    const int fd = ::open(path.c_str(), FLAGS, MODE);
+    output.name = CppUtil::escapeControls(path);
+    const int fd = ::open(path.c_str(), FLAGS, 0666);
     output.file.reset(fd == -1 ? nullptr : ::fdopen(fd, "wb"));
     struct stat status {};
     if (!output.file || ::fstat(fd, &status) == -1) {
@@ -95,9 +91,8 @@ RecordSplit::Output RecordSplit::open(const std::string& path) const {
     }
     checkOverwritable(path, status);
     if (::ftruncate(fd, 0) == -1) {
-        throw systemError("Cannot create " + output.name);
+        throw systemError("Cannot truncate " + output.name);
     }
-    return output;
 }
 
 }  // namespace Vel::Zepctl

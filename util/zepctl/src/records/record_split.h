@@ -19,12 +19,9 @@ namespace Vel::Zepctl {
 /// are not checked. Thread-bound.
 class RecordSplit {
 public:
-    struct CloseFile {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
     struct Output {
         std::string name;  // for messages
-        std::unique_ptr<std::FILE, CloseFile> file;
+        std::unique_ptr<std::FILE, int (*)(std::FILE*)> file{nullptr, &std::fclose};
         std::uint64_t packets = 0;
     };
 
@@ -50,7 +47,7 @@ private:
     std::string getPath(std::uint32_t tsiidx) const;
     void prepareDirectory() const;
     void checkOverwritable(const std::string& path, const struct stat& status) const;
-    Output open(const std::string& path) const;
+    void open(Output& output, const std::string& path) const;
 
     std::string m_Directory;
     struct stat m_Input;

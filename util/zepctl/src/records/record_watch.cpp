@@ -45,8 +45,9 @@ CppUtil::FileDescriptor blockEndingSignals() {
             ::sigaddset(&signals, signal);
         }
     }
+    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
     CppUtil::FileDescriptor descriptor(::signalfd(-1, &signals, SFD_CLOEXEC));
-    if (!descriptor.isOpen() || ::sigprocmask(SIG_BLOCK, &signals, nullptr) == -1) {
+    if (!descriptor.isOpen()) {
         throw systemError("Cannot wait for signals");
     }
     return descriptor;
@@ -186,14 +187,14 @@ std::vector<std::string> RecordWatch::formatRows(Seconds watched, ArrivalTime no
     return rows;
 }
 
-void watchRecords(const std::string& path, std::optional<Seconds> limit) {
+void watchRecords(const std::string& path, std::optional<double> seconds) {
     const CppUtil::FileDescriptor signals = blockEndingSignals();
     RecordReader reader(path);
     RecordWatch watch;
     WatchTable table;
     const auto start = Clock::now();
-    const auto end =
-        limit ? start + std::chrono::duration_cast<Clock::duration>(*limit) : Clock::time_point::max();
+    const auto end = seconds ? start + std::chrono::duration_cast<Clock::duration>(Seconds(*seconds))
+                             : Clock::time_point::max();
     const auto interval = table.isOnTerminal() ? TERMINAL_INTERVAL : LINE_INTERVAL;
     auto nextPrint = start + interval;
     auto now = start;
@@ -226,9 +227,7 @@ void watchRecords(const std::string& path, std::optional<Seconds> limit) {
         isLive |= reader.isAtEnd();
         isClosed = reader.isAtEnd() && !isPlain;
     }
-    if (isClosed) {
-        watch.end(reader.getTornBytes());
-    }
+    watch.end(isClosed ? reader.getTornBytes() : 0);
     const Seconds watched = now - start;
     table.print(watch.formatRows(watched, now), true);
     const FaultLog& faults = watch.getFaults();

@@ -106,8 +106,8 @@ private:
 /// redraws one table in place; elsewhere it prints one line per input every second. Finally it prints a
 /// summary. Blocks those signals for the rest of the program. Main thread.
 /// @param path "-" for standard input; a FIFO does not need a writer yet
-/// @param limit none for no time limit
+/// @param seconds time limit, none for no limit
 /// @throws CommandError when reading or printing fails
-void watchRecords(const std::string& path, std::optional<Seconds> limit);
+void watchRecords(const std::string& path, std::optional<double> seconds);
 
 }  // namespace Vel::Zepctl
