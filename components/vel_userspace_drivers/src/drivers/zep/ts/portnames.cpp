@@ -43,6 +43,14 @@ const Ports& outputs() {
 
 }  // namespace
 
+const std::map<std::uint32_t, std::string>& getPhysInNames() {
+    return inputs().names;
+}
+
+const std::map<std::uint32_t, std::string>& getPhysOutNames() {
+    return outputs().names;
+}
+
 std::uint32_t getPhysInIdxByName(const std::string& name) {
     return inputs().indices.at(name);
 }

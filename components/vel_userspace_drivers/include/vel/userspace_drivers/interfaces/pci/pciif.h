@@ -37,6 +37,8 @@ public:
 
     bool isOpen() const { return m_File.isOpen(); }
     bool isMapped() const { return m_MapBase != nullptr; }
+    /// Of the open device, -1 if it is not open. A lock on it is released once the device is closed.
+    int getDescriptor() const { return m_File.get(); }
     /// Releases mapping and descriptor; every later access fails.
     void closeDevice();
 

@@ -1,12 +1,17 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 /// Names of the board's physical ports: "tuner0" to "tuner21" and "cam0" to "cam7" among the inputs,
 /// "modulator0" to "modulator15" and "cam0" to "cam7" among the outputs. Every look-up throws
-/// std::out_of_range for a port that there is not. Thread-safe.
+/// std::out_of_range for a port that does not exist. Thread-safe.
 namespace Vel::Drivers::Zep {
+
+/// All names of one side, by index.
+const std::map<std::uint32_t, std::string>& getPhysInNames();
+const std::map<std::uint32_t, std::string>& getPhysOutNames();
 
 std::uint32_t getPhysInIdxByName(const std::string& name);
 const std::string& getPhysInName(std::uint32_t phyiIdx);
