@@ -1,20 +1,18 @@
 #pragma once
 
 #include <cerrno>
-#include <iostream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 
 #include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::Zepctl {
 
-/// What the program ends with when a command could not do its work.
+/// Exit status of the program when a command could not do its work.
 enum ExitStatus { DONE = 0, STREAM_FAULTY = 1, WRONG_USE = 2, DEVICE_UNUSABLE = 3 };
 
 /// Ends a command before its work is done. main() turns it into its exit status and one line on standard
-/// error, so the text holds the value that was refused and its limits, and no line end.
+/// error, so the text names the value that was refused and its limits, and has no line end.
 class CommandError : public std::runtime_error {
 public:
     CommandError(ExitStatus status, const std::string& text) : std::runtime_error(text), m_Status(status) {}
@@ -26,17 +24,8 @@ private:
 };
 
 /// The failure of the last system call by its errno, as in "Cannot read FILE: Is a directory".
-inline CommandError systemError(const std::string& action) {
+[[nodiscard]] inline CommandError systemError(const std::string& action) {
     return {DEVICE_UNUSABLE, action + ": " + CppUtil::errnoText(errno)};
-}
-
-/// Writes to standard output, through to the file, so that output that gets lost is reported with its reason.
-/// Throws CommandError.
-inline void printOutput(std::string_view text) {
-    errno = 0;
-    if (!(std::cout << text << std::flush)) {
-        throw systemError("Cannot write to standard output");
-    }
 }
 
 }  // namespace Vel::Zepctl

@@ -10,10 +10,10 @@
 
 #include "fake_memory.h"
 #include "fpga_monitoring/iplut_monitor.h"
-#include "tables/device.h"
 #include "tables/input_table.h"
 #include "tables/route_table.h"
 #include "tables/row_text.h"
+#include "tables/stand_ins.h"
 
 namespace Vel::Zepctl {
 

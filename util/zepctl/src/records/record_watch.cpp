@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include "command_error.h"
+#include "print_output.h"
 #include "records/record_reader.h"
 #include "records/record_report.h"
 

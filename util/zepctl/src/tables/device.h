@@ -1,48 +1,30 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 
-#include "vel/cpp_utils/posix/file_descriptor.h"
+#include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
 namespace Vel::Zepctl {
 
-/// A device with tables, or the file that stands in for it.
-struct Device {
-    std::string path;
-    std::uint32_t size;  ///< bytes that hold the tables
-};
+enum class Access { Read, Change };
 
-/// The memory of a device, and from construction to destruction the advisory lock (flock) on it: of two
-/// commands that read a table, change it and write it back, neither may lose what the other one wrote. A
-/// device that cannot be locked is not used. Nothing slow should happen while one exists. Thread-bound.
+/// The mapped memory of a device, or of the file that stands in for it, and an advisory lock (flock) on it
+/// for the lifetime of the object: shared for reading, exclusive for changing. So no command loses what
+/// another one writes. A command that needs both devices locks the tsio device first. Nothing slow, such as
+/// output, may happen while one exists. Thread-bound.
 class LockedDevice {
 public:
-    /// Waits for the lock. Throws PciError or CommandError.
-    explicit LockedDevice(const Device& device);
+    /// Waits for the lock. Before a change, allocates all blocks of a plain file, since a store into a hole
+    /// fails on a full file system.
+    /// @param file descriptor of the file that this must be; by default, it must be what `path` still names
+    /// @throws PciError and CommandError; the former also for a file that was truncated in the meantime
+    LockedDevice(const std::string& path, const Drivers::Zep::DeviceInfo& info, Access access, int file = -1);
 
     Drivers::IMemIf& memory() { return m_Memory; }
 
 private:
     Pci::PciIf m_Memory;
-    CppUtil::FileDescriptor m_Lock;
 };
-
-/// Sets so many words of a device to 0, the last one first: the bits that put a row in use are in its last
-/// word, so no row in use ever loses its address.
-void clearWords(Drivers::IMemIf& memory, std::uint32_t count);
-
-/// Creates files in `directory` that stand in for the devices: `tsio` and `router`, all zero, and `pktio`, a
-/// FIFO, if asked for. Creates the directory if it is missing.
-///
-/// Without `force`, files that exist are refused. With it, an existing table file is emptied in place and
-/// never gets shorter, since a running program may have it mapped, and an existing FIFO is kept. Anything
-/// else by one of these names is refused. All files are looked at before the first one is created, and all
-/// are created before the first one is emptied. Throws CommandError or PciError.
-void createStandIns(const std::string& directory, bool withFifo, bool force);
-
-/// The zeptfem command that uses them, not quoted for any shell.
-std::string standInCommandLine(const std::string& directory);
 
 }  // namespace Vel::Zepctl

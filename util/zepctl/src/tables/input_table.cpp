@@ -12,19 +12,12 @@ namespace Vel::Zepctl {
 
 using Drivers::Zep::IpInEntry;
 
-namespace {
-
-/// Same address and port.
-bool isSameInput(const IpInEntry& left, const IpInEntry& right) {
-    return !(left < right) && !(right < left);
-}
-
-}  // namespace
-
 InputTable::InputTable(Drivers::IMemIf& memory)
     : m_Memory(memory),
       m_Base(Drivers::Zep::getIpLutBase(memory, 0)),
-      m_Rows(Drivers::Zep::readIpLut(memory, 0, Drivers::Zep::getIpLutSize(), true)) {}
+      m_Rows(Drivers::Zep::readIpLut(memory, 0, Drivers::Zep::getIpLutSize(), true)) {
+    m_Memory.verifyMemory();
+}
 
 std::vector<IpInEntry> InputTable::list() const {
     std::vector<IpInEntry> inputs;
@@ -35,9 +28,9 @@ std::vector<IpInEntry> InputTable::list() const {
 void InputTable::add(const IpInEntry& input) {
     checkOrder();
     for (const IpInEntry& row : list()) {
-        if (isSameInput(row, input)) {
-            throw CommandError(WRONG_USE, fmt::format("{} is there already, with TSIIDX {}",
-                                                      buildInputUri(row), row.getTSIIDX()));
+        if ((row <=> input) == 0) {
+            throw CommandError(WRONG_USE, fmt::format("{} already exists, with TSIIDX {}", buildInputUri(row),
+                                                      row.getTSIIDX()));
         }
         if (row.getTSIIDX() == input.getTSIIDX()) {
             throw CommandError(WRONG_USE,
@@ -55,85 +48,75 @@ void InputTable::add(const IpInEntry& input) {
 void InputTable::remove(const IpInEntry& input) {
     checkOrder();
     bool isFound = false;
-    for (std::size_t i = 0; i < m_Rows.size(); ++i) {
-        if (m_Rows[i].isEnabled() && isSameInput(m_Rows[i], input)) {
-            writeRow(i, m_Cleared);
+    for (IpInEntry& row : m_Rows) {
+        if (row.isEnabled() && (row <=> input) == 0) {
+            writeRow(row, m_Cleared);
             isFound = true;
         }
     }
     if (!isFound) {
         throw CommandError(WRONG_USE, "There is no input " + buildInputUri(input));
     }
+    m_Memory.verifyMemory();
 }
 
 void InputTable::clear() {
-    for (std::size_t i = 0; i < m_Rows.size(); ++i) {
-        writeRow(i, m_Cleared);
+    for (IpInEntry& row : m_Rows) {
+        writeRow(row, m_Cleared);
     }
+    m_Memory.verifyMemory();
 }
 
 void InputTable::checkOrder() const {
     const IpInEntry* previous = nullptr;
-    for (std::size_t i = 0; i < m_Rows.size(); ++i) {
-        if (!m_Rows[i].isEnabled()) {
+    for (const IpInEntry& row : m_Rows) {
+        if (!row.isEnabled()) {
             continue;
         }
-        if (previous != nullptr && m_Rows[i] < *previous) {
-            throw CommandError(DEVICE_UNUSABLE,
-                               fmt::format("Row {} of the IP LUT is out of order: {} comes after {}; "
-                                           "\"zepctl clear inputs\" clears the table",
-                                           i, buildInputUri(m_Rows[i]), buildInputUri(*previous)));
+        if (previous != nullptr && row < *previous) {
+            throw CommandError(
+                DEVICE_UNUSABLE,
+                fmt::format("Row {} of the IP LUT is out of order: {} comes after {}; "
+                            "\"zepctl clear inputs\" clears the table",
+                            &row - m_Rows.data(), buildInputUri(row), buildInputUri(*previous)));
         }
-        previous = &m_Rows[i];
+        previous = &row;
     }
 }
 
-/// A command that was killed while it moved a row leaves two of it in succession.
+/// A command killed while moving a row leaves two adjacent copies of it.
 void InputTable::clearCopies() {
     for (std::size_t i = 1; i < m_Rows.size(); ++i) {
         if (m_Rows[i - 1].isEnabled() && m_Rows[i].isEnabled() && m_Rows[i - 1] == m_Rows[i]) {
-            writeRow(i, m_Cleared);
+            writeRow(m_Rows[i], m_Cleared);
         }
     }
 }
 
 void InputTable::insert(const IpInEntry& input) {
-    std::size_t place = m_Rows.size();  // the row after the last one that is less
-    while (place > 0 && !(m_Rows[place - 1].isEnabled() && m_Rows[place - 1] < input)) {
+    const auto isFree = [](const IpInEntry& row) { return !row.isEnabled(); };
+    const auto lastLess = std::find_if(m_Rows.rbegin(), m_Rows.rend(),
+                                       [&](const IpInEntry& row) { return row.isEnabled() && row < input; });
+    auto place = lastLess.base();
+    auto free = std::find_if(place, m_Rows.end(), isFree);
+    if (free == m_Rows.end()) {
+        free = std::prev(std::find_if(lastLess, m_Rows.rend(), isFree).base());
         --place;
     }
-    std::size_t free = place;
-    while (free < m_Rows.size() && m_Rows[free].isEnabled()) {
-        ++free;
+    const int step = free < place ? 1 : -1;
+    for (; free != place; free += step) {
+        writeRow(*free, free[step]);
+        writeRow(free[step], m_Cleared);
     }
-    if (free < m_Rows.size()) {
-        for (; free > place; --free) {
-            moveRow(free - 1, free);
-        }
-    } else {
-        --place;
-        free = place;
-        while (m_Rows[free].isEnabled()) {
-            --free;
-        }
-        for (; free < place; ++free) {
-            moveRow(free + 1, free);
-        }
-    }
-    writeRow(place, input);
+    writeRow(*place, input);
+    m_Memory.verifyMemory();
 }
 
-void InputTable::moveRow(std::size_t from, std::size_t to) {
-    writeRow(to, m_Rows[from]);
-    writeRow(from, m_Cleared);
-}
-
-void InputTable::writeRow(std::size_t index, const IpInEntry& row) {
+void InputTable::writeRow(IpInEntry& target, const IpInEntry& row) {
     static_assert(IpInEntry::WORDS == 2 && Drivers::Zep::IpLut::ENABLED.word == 1);
-    IpInEntry& target = m_Rows[index];
     target = row;
     target.toWords();
-    const auto word = m_Base + static_cast<std::uint32_t>(index) * IpInEntry::WORDS;
+    const auto word = m_Base + static_cast<std::uint32_t>(&target - m_Rows.data()) * IpInEntry::WORDS;
     const std::uint32_t first = target.isEnabled() ? 0 : 1;
     for (const std::uint32_t i : {first, 1 - first}) {
         m_Memory.write32(word + i, target.getWords()[i]);

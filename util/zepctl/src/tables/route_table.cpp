@@ -16,7 +16,9 @@ namespace PidLut = Drivers::Zep::PidLut;
 static_assert(PidLut::TABLE.rows < Drivers::Zep::PIDIDX_RANGE.max);
 
 RouteTable::RouteTable(Drivers::IMemIf& memory)
-    : m_Memory(memory), m_Routes(Drivers::Zep::readPidLut(memory, 0, Drivers::Zep::getPidLutSize(), false)) {}
+    : m_Memory(memory), m_Routes(Drivers::Zep::readPidLut(memory, 0, Drivers::Zep::getPidLutSize(), false)) {
+    m_Memory.verifyMemory();
+}
 
 std::uint32_t RouteTable::findFreePididx() const {
     std::uint32_t pididx = Drivers::Zep::PIDIDX_RANGE.min;
@@ -31,8 +33,8 @@ void RouteTable::add(const PidLutEntry& route) {
         throw CommandError(WRONG_USE, "A route needs the CPU route, the out route or both");
     }
     for (const PidLutEntry& other : m_Routes) {
-        if (!(other < route) && !(route < other)) {
-            throw CommandError(WRONG_USE, "There is a route for it already: " + formatRoute(other));
+        if ((other <=> route) == 0) {
+            throw CommandError(WRONG_USE, "The PID already has a route: " + formatRoute(other));
         }
     }
     if (m_Routes.size() >= PidLut::TABLE.rows) {
@@ -72,6 +74,7 @@ void RouteTable::write() {
 
     const std::uint32_t select = PidLut::BANK_SELECT.place(1);
     m_Memory.write32(PidLut::BANK_SELECT.word, m_Memory.read32(PidLut::BANK_SELECT.word) ^ select);
+    m_Memory.verifyMemory();
 }
 
 }  // namespace Vel::Zepctl

@@ -1,15 +1,18 @@
 #include "tables/table_commands.h"
 
-#include <map>
-#include <stdexcept>
-#include <utility>
+#include <optional>
 
 #include <fmt/format.h>
 
 #include "command_error.h"
+#include "command_line.h"
+#include "print_output.h"
+#include "tables/device.h"
 #include "tables/input_table.h"
 #include "tables/route_table.h"
 #include "tables/row_text.h"
+#include "tables/stand_ins.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/userspace_drivers/drivers/zep/ts/portnames.h"
 #include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 
@@ -19,21 +22,11 @@ namespace Zep = Drivers::Zep;
 
 namespace {
 
-/// `Number` is std::uint32_t or an optional one.
-template <typename Number>
-CLI::Option* addNumber(CLI::App& command, const std::string& name, Number& number, const Zep::Range& range,
-                       const std::string& help) {
-    const auto parse = [&number, name, range](const std::string& text) {
-        number = parseNumber(name, text, range);
-    };
-    return command
-        .add_option_function<std::string>(name, parse,
-                                          fmt::format("{} to {}: {}", range.min, range.max, help))
-        ->type_name("N");
-}
-
-template <typename Row>
-void printRows(const std::vector<Row>& rows, std::string (*format)(const Row&)) {
+/// Prints the rows of a table after the lock is released: the reader of the output may be slow, or need the
+/// lock itself.
+template <typename Table, typename Row>
+void printRows(const std::string& path, const Zep::DeviceInfo& info, std::string (*format)(const Row&)) {
+    const auto rows = Table(LockedDevice(path, info, Access::Read).memory()).list();
     std::string lines;
     for (const Row& row : rows) {
         lines += format(row) + '\n';
@@ -41,48 +34,48 @@ void printRows(const std::vector<Row>& rows, std::string (*format)(const Row&)) 
     printOutput(lines);
 }
 
+void printPorts() {
+    std::string lines;
+    for (const auto& [index, name] : Zep::getPhysInNames()) {
+        lines += fmt::format("input {} {}\n", index, name);
+    }
+    for (const auto& [index, name] : Zep::getPhysOutNames()) {
+        lines += fmt::format("output {} {}\n", index, name);
+    }
+    printOutput(lines);
+}
+
 }  // namespace
 
-TableCommands::TableCommands(CLI::App& app)
-    : m_Tsio{Zep::TSIO_DEVICE.path, Zep::TSIO_DEVICE.size},
-      m_Router{Zep::ROUTER_DEVICE.path, Zep::ROUTER_DEVICE.size},
-      m_FiltTabIDX(Zep::FILTTABIDX_RANGE.max) {
-    app.add_option("-t,--tsio_dev", m_Tsio.path, "device or file that holds the IP LUT")
+TableCommands::TableCommands(CLI::App& app) {
+    app.add_option("-t,--tsio_dev", m_TsioPath, "device or file that holds the IP LUT")
         ->type_name("PATH")
         ->capture_default_str();
-    app.add_option("-r,--router_dev", m_Router.path, "device or file that holds the PID LUT")
+    app.add_option("-r,--router_dev", m_RouterPath, "device or file that holds the PID LUT")
         ->type_name("PATH")
         ->capture_default_str();
     declareCreate(app);
     declareInput(app);
     declareRoute(app);
-    declareClear(app);
+    CLI::App& clear = declareCommand(app, "clear", "Remove all inputs, all routes, or both",
+                                     "Example: zepctl clear routes", [this] { clearTables(); });
+    clear.add_option("TABLE", m_Table, "what to clear (default: both)")
+        ->check(CLI::IsMember({"inputs", "routes"}));
     declareDump(app);
-    declare(app, "ports", "Print side, index and name of the physical ports",
-            "Prints lines like\n  input 0 tuner0\n\nExample: zepctl ports", &TableCommands::listPorts);
-}
-
-CLI::App& TableCommands::declare(CLI::App& parent, const std::string& name, const std::string& help,
-                                 const std::string& footer, void (TableCommands::*run)()) {
-    CLI::App& command = *parent.add_subcommand(name, help);
-    command.footer(footer);
-    command.callback([this, run] { (this->*run)(); });
-    return command;
+    declareCommand(app, "ports", "Print direction, index and name of each physical port",
+                   "Prints lines like\n  input 0 tuner0\n\nExample: zepctl ports", printPorts);
 }
 
 void TableCommands::declareCreate(CLI::App& app) {
-    CLI::App& create =
-        declare(app, "create", "Create files that stand in for the devices, with empty tables",
-                "Prints the zeptfem command that uses the files.\n\nExample: zepctl create /tmp/zep",
-                &TableCommands::create);
-    create.add_option("DIR", m_Directory, "directory of the files, created if it is missing")->required();
-    create.add_flag("--fifo", m_WithFifo, "create the FIFO pktio as well");
-    create.add_flag("--force", m_Force, "empty files that exist, in place");
-}
-
-void TableCommands::create() {
-    createStandIns(m_Directory, m_WithFifo, m_Force);
-    printOutput(standInCommandLine(m_Directory) + '\n');
+    CLI::App& create = declareCommand(
+        app, "create", "Create files that stand in for the devices, with empty tables",
+        "Prints the zeptfem command line that uses the files.\n\nExample: zepctl create /tmp/zep", [this] {
+            createStandIns(m_Directory, m_WithFifo, m_Force);
+            printOutput(standInCommandLine(m_Directory) + '\n');
+        });
+    create.add_option("DIR", m_Directory, "directory for the files; created if missing")->required();
+    create.add_flag("--fifo", m_WithFifo, "also create the FIFO pktio");
+    create.add_flag("--force", m_Force, "zero existing files in place");
 }
 
 void TableCommands::declareInput(CLI::App& app) {
@@ -90,35 +83,29 @@ void TableCommands::declareInput(CLI::App& app) {
         *app.add_subcommand("input", "Change or list the inputs, which are the rows of the IP LUT");
     input.require_subcommand(1);
     input.footer("Example: zepctl input add udp://239.1.2.3:5000 3");
-    CLI::App& add = declare(input, "add", "Add an input", "Example: zepctl input add udp://239.1.2.3:5000 3",
-                            &TableCommands::addInput);
+
+    CLI::App& add = declareCommand(input, "add", "Add an input",
+                                   "Example: zepctl input add udp://239.1.2.3:5000 3", [this] {
+                                       Zep::IpInEntry row = parseInputUri(m_Uri);
+                                       row.setTSIIDX(*m_TSIIDX);
+                                       LockedDevice device(m_TsioPath, Zep::TSIO_DEVICE, Access::Change);
+                                       InputTable(device.memory()).add(row);
+                                   });
     add.add_option("URI", m_Uri, "address and port: udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0")
         ->required();
-    addNumber(add, "TSIIDX", m_TSIIDX, Zep::TSIIDX_RANGE, "index of the input")->required();
-    declare(input, "remove", "Remove an input", "Example: zepctl input remove udp://239.1.2.3:5000",
-            &TableCommands::removeInput)
-        .add_option("URI", m_Uri, "as it was added")
-        ->required();
-    declare(input, "list", "Print the inputs, each as input add takes it",
-            "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list",
-            &TableCommands::listInputs);
-}
+    addNumber(add, "TSIIDX", m_TSIIDX, Zep::TSIIDX_RANGE, "index of the input").required();
 
-void TableCommands::addInput() {
-    Zep::IpInEntry row = parseInputUri(m_Uri);
-    row.setTSIIDX(m_TSIIDX);
-    LockedDevice device(m_Tsio);
-    InputTable(device.memory()).add(row);
-}
+    CLI::App& remove = declareCommand(input, "remove", "Remove an input",
+                                      "Example: zepctl input remove udp://239.1.2.3:5000", [this] {
+                                          const Zep::IpInEntry row = parseInputUri(m_Uri);
+                                          LockedDevice device(m_TsioPath, Zep::TSIO_DEVICE, Access::Change);
+                                          InputTable(device.memory()).remove(row);
+                                      });
+    remove.add_option("URI", m_Uri, "as it was added")->required();
 
-void TableCommands::removeInput() {
-    const Zep::IpInEntry row = parseInputUri(m_Uri);
-    LockedDevice device(m_Tsio);
-    InputTable(device.memory()).remove(row);
-}
-
-void TableCommands::listInputs() {
-    printRows(InputTable(LockedDevice(m_Tsio).memory()).list(), formatInput);
+    declareCommand(input, "list", "Print the inputs in the form that input add accepts",
+                   "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list",
+                   [this] { printRows<InputTable>(m_TsioPath, Zep::TSIO_DEVICE, formatInput); });
 }
 
 void TableCommands::declareRoute(CLI::App& app) {
@@ -126,109 +113,80 @@ void TableCommands::declareRoute(CLI::App& app) {
         *app.add_subcommand("route", "Change or list the routes, which are the rows of the PID LUT");
     route.require_subcommand(1);
     route.footer("Example: zepctl route add 3 0x100");
-    CLI::App& add = declare(
+
+    CLI::App& add = declareCommand(
         route, "add", "Route a PID of an input, by default to the CPU",
         "Example: zepctl route add 3 0x100\n         zepctl route add 3 256 --out --no-cpu --pididx 7",
-        &TableCommands::addRoute);
+        [this] { addRoute(); });
     declareRouteKey(add);
-    add.add_flag("--out", m_OutRoute, "set the out route as well");
-    add.add_flag("--no-cpu", m_NoCpuRoute, "leave the CPU route out; needs --out");
-    addNumber(add, "--pididx", m_PIDIDX, Zep::PIDIDX_RANGE,
-              "PIDIDX, by default the lowest that no route has");
-    addNumber(add, "--filter", m_FiltTabIDX, Zep::FILTTABIDX_RANGE, "FiltTabIDX, by default 255");
-    declareRouteKey(declare(route, "remove", "Remove the routes of a PID of an input",
-                            "Example: zepctl route remove 3 0x100", &TableCommands::removeRoute));
-    declare(route, "list", "Print the routes, each as route add takes it",
-            "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list",
-            &TableCommands::listRoutes);
+    add.add_flag("--out", m_OutRoute, "also set the out route");
+    add.add_flag("--no-cpu", m_NoCpuRoute, "do not set the CPU route; requires --out");
+    addNumber(add, "--pididx", m_PIDIDX, Zep::PIDIDX_RANGE, "PIDIDX (default: lowest unused)");
+    addNumber(add, "--filter", m_FiltTabIDX, Zep::FILTTABIDX_RANGE, "FiltTabIDX (default: 255)");
+
+    declareRouteKey(declareCommand(route, "remove", "Remove the routes of a PID of an input",
+                                   "Example: zepctl route remove 3 0x100", [this] {
+                                       LockedDevice device(m_RouterPath, Zep::ROUTER_DEVICE, Access::Change);
+                                       RouteTable(device.memory()).remove(*m_TSIIDX, *m_PID);
+                                   }));
+
+    declareCommand(route, "list", "Print the routes in the form that route add accepts",
+                   "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list",
+                   [this] { printRows<RouteTable>(m_RouterPath, Zep::ROUTER_DEVICE, formatRoute); });
 }
 
 void TableCommands::declareRouteKey(CLI::App& command) {
-    addNumber(command, "TSIIDX", m_TSIIDX, Zep::TSIIDX_RANGE, "index of the input")->required();
-    addNumber(command, "PID", m_PID, Zep::PID_RANGE, "packet identifier")->required();
+    addNumber(command, "TSIIDX", m_TSIIDX, Zep::TSIIDX_RANGE, "index of the input").required();
+    addNumber(command, "PID", m_PID, Zep::PID_RANGE, "packet identifier").required();
 }
 
 void TableCommands::addRoute() {
     if (m_NoCpuRoute && !m_OutRoute) {
         throw CommandError(WRONG_USE,
-                           "--no-cpu needs --out: a route needs the CPU route, the out route or both");
+                           "--no-cpu requires --out: a route needs the CPU route, the out route or both");
     }
-    LockedDevice device(m_Router);
+    LockedDevice device(m_RouterPath, Zep::ROUTER_DEVICE, Access::Change);
     RouteTable table(device.memory());
-    table.add(Zep::PidLutEntry(m_TSIIDX, m_PID, m_PIDIDX ? *m_PIDIDX : table.findFreePididx(), m_FiltTabIDX,
-                               m_OutRoute, !m_NoCpuRoute));
+    table.add(Zep::PidLutEntry(*m_TSIIDX, *m_PID, m_PIDIDX ? *m_PIDIDX : table.findFreePididx(),
+                               m_FiltTabIDX.value_or(Zep::FILTTABIDX_RANGE.max), m_OutRoute, !m_NoCpuRoute));
 }
 
-void TableCommands::removeRoute() {
-    LockedDevice device(m_Router);
-    RouteTable(device.memory()).remove(m_TSIIDX, m_PID);
-}
-
-void TableCommands::listRoutes() {
-    printRows(RouteTable(LockedDevice(m_Router).memory()).list(), formatRoute);
-}
-
-void TableCommands::declareClear(CLI::App& app) {
-    declare(app, "clear", "Remove all inputs, all routes, or both", "Example: zepctl clear routes",
-            &TableCommands::clear)
-        .add_option("TABLE", m_Table, "what to clear, by default both")
-        ->check(CLI::IsMember({"inputs", "routes"}));
-}
-
-void TableCommands::clear() {
-    if (m_Table != "inputs") {
-        LockedDevice device(m_Router);
-        RouteTable(device.memory()).clear();
+/// Both devices are locked before either is changed.
+void TableCommands::clearTables() {
+    if (m_Table.empty() && CppUtil::isSameFile(m_TsioPath, m_RouterPath)) {
+        throw CommandError(WRONG_USE,
+                           "Both devices are the same file: " + m_TsioPath + " and " + m_RouterPath);
     }
+    std::optional<LockedDevice> tsio;
+    std::optional<LockedDevice> router;
     if (m_Table != "routes") {
-        LockedDevice device(m_Tsio);
-        InputTable(device.memory()).clear();
+        tsio.emplace(m_TsioPath, Zep::TSIO_DEVICE, Access::Change);
+    }
+    if (m_Table != "inputs") {
+        router.emplace(m_RouterPath, Zep::ROUTER_DEVICE, Access::Change);
+    }
+    if (tsio) {
+        InputTable(tsio->memory()).clear();
+    }
+    if (router) {
+        RouteTable(router->memory()).clear();
     }
 }
 
 void TableCommands::declareDump(CLI::App& app) {
     constexpr Zep::Range ROWS{0, Zep::OPidMap::TABLE.rows};  // of the longest table
-    CLI::App& dump =
-        declare(app, "dump", "Print the rows of a table that are in use",
-                "Of pidlut and physinmap, rows that are not cleared count as in use; a row of zeros is not "
-                "cleared.\n\n"
-                "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1",
-                &TableCommands::dump);
+    CLI::App& dump = declareCommand(
+        app, "dump", "Print the rows of a table that are in use",
+        "In pidlut and physinmap, every row that has not been cleared counts as in use; an all-zero row is "
+        "not a cleared one.\n\n"
+        "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1",
+        [this] { printOutput(dumpTable(m_Table, m_DumpOptions, m_TsioPath, m_RouterPath)); });
     dump.add_option("TABLE", m_Table, "the table")->required()->check(CLI::IsMember(dumpTableNames()));
-    addNumber(dump, "--first", m_Range.first, ROWS, "first row, by default that of the table");
-    addNumber(dump, "--count", m_Range.count, ROWS, "number of rows, by default all that follow");
-    addNumber(dump, "--bank", m_Range.bank, {0, 1},
-              "the bank in use (0) or the other (1), by default the one in use");
-    dump.add_flag("--all", m_Range.includeAll, "print the other rows as well");
-}
-
-void TableCommands::dump() {
-    printOutput(dumpTable(m_Table, m_Range, m_Tsio, m_Router));
-}
-
-void TableCommands::listPorts() {
-    const struct {
-        const char* side;
-        const char* name;
-        std::uint32_t (*indexOf)(std::uint32_t number);
-    } KINDS[] = {{"input", "tuner", Zep::getTunerPhysInIdx},
-                 {"input", "cam", Zep::getCamPhysInIdx},
-                 {"output", "modulator", Zep::getModulatorPhysOutIdx},
-                 {"output", "cam", Zep::getCamPhysOutIdx}};
-    std::map<std::pair<std::string, std::uint32_t>, std::string> names;  // by side and index
-    for (const auto& kind : KINDS) {
-        try {
-            for (std::uint32_t number = 0;; ++number) {
-                names[{kind.side, kind.indexOf(number)}] = kind.name + std::to_string(number);
-            }
-        } catch (const std::out_of_range&) {  // That was the last one: numbers have no gaps.
-        }
-    }
-    std::string lines;
-    for (const auto& [port, name] : names) {
-        lines += fmt::format("{} {} {}\n", port.first, port.second, name);
-    }
-    printOutput(lines);
+    addNumber(dump, "--first", m_DumpOptions.first, ROWS, "first row (default: first row of the table)");
+    addNumber(dump, "--count", m_DumpOptions.count, ROWS, "number of rows (default: all that follow)");
+    addNumber(dump, "--bank", m_DumpOptions.bank, {0, 1},
+              "bank of pidlut: 0 is the one in use (default), 1 the other one");
+    dump.add_flag("--all", m_DumpOptions.includeAll, "also print rows that are not in use");
 }
 
 }  // namespace Vel::Zepctl

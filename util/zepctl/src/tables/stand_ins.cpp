@@ -1,0 +1,130 @@
+#include "tables/stand_ins.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include "command_error.h"
+#include "tables/device.h"
+#include "vel/cpp_utils/text.h"
+
+namespace Vel::Zepctl {
+
+using namespace Drivers::Zep;
+
+namespace {
+
+constexpr mode_t STAND_IN_MODE = 0666;  // less the umask
+
+std::string pathIn(const std::string& directory, const char* name) {
+    return (std::filesystem::path(directory) / name).string();
+}
+
+/// @param kind S_IFREG or S_IFIFO
+void checkExisting(const std::string& path, const struct stat& file, mode_t kind, bool force) {
+    const bool isFifo = kind == S_IFIFO;
+    const auto refuse = [&](ExitStatus status, const std::string& reason) {
+        throw CommandError(status, path + " already exists" + reason);
+    };
+    if ((file.st_mode & S_IFMT) != kind) {
+        refuse(DEVICE_UNUSABLE,
+               fmt::format(" and is not a {}; remove it first", isFifo ? "FIFO" : "plain file"));
+    }
+    if (file.st_nlink > 1) {
+        refuse(DEVICE_UNUSABLE, fmt::format(" with {} hard links; remove it first", file.st_nlink));
+    }
+    if (!force) {
+        refuse(WRONG_USE, fmt::format("; use --force to {} it", isFifo ? "keep" : "zero"));
+    }
+}
+
+void checkName(const std::string& path, mode_t kind, bool force) {
+    struct stat file {};
+    if (::lstat(path.c_str(), &file) == 0) {
+        checkExisting(path, file, kind, force);
+    }
+}
+
+/// Creates the file, or extends it to its size, and keeps what is in it.
+CppUtil::FileDescriptor openStandIn(const std::string& path, std::uint32_t size, bool force) {
+    constexpr int FLAGS = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    CppUtil::FileDescriptor file(::open(path.c_str(), FLAGS | O_CREAT | O_EXCL, STAND_IN_MODE));
+    if (!file.isOpen() && errno == EEXIST && force) {
+        file = CppUtil::FileDescriptor(::open(path.c_str(), FLAGS));
+    }
+    struct stat status {};
+    const bool isOpen = file.isOpen() && ::fstat(file.get(), &status) == 0;
+    if (isOpen) {
+        checkExisting(path, status, S_IFREG, true);
+    }
+    if (!isOpen || (status.st_size < size && ::ftruncate(file.get(), size) != 0)) {
+        throw systemError("Cannot create " + path);
+    }
+    return file;
+}
+
+/// In single quotes, or in $'...' so that no control character gets to the terminal.
+std::string quoteForShell(const std::string& word) {
+    if (word.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+                               "%+,-./:=@_") == std::string::npos) {
+        return word;
+    }
+    const bool hasControls = CppUtil::escapeControls(word) != word;
+    std::string quoted;
+    for (const char c : word) {
+        if (c == '\'' || (c == '\\' && hasControls)) {
+            quoted += hasControls ? "\\" : "'\\'";
+        }
+        quoted += c;
+    }
+    return (hasControls ? "$'" + CppUtil::escapeControls(quoted) : "'" + quoted) + "'";
+}
+
+}  // namespace
+
+void clearWords(Drivers::IMemIf& memory, std::uint32_t count) {
+    while (count-- > 0) {
+        memory.write32(count, 0);
+    }
+}
+
+void createStandIns(const std::string& directory, bool withFifo, bool force) {
+    const std::string tsio = pathIn(directory, "tsio");
+    const std::string router = pathIn(directory, "router");
+    const std::string fifo = pathIn(directory, "pktio");
+    checkName(tsio, S_IFREG, force);
+    checkName(router, S_IFREG, force);
+    if (withFifo) {
+        checkName(fifo, S_IFIFO, force);
+    }
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error) {
+        throw CommandError(DEVICE_UNUSABLE,
+                           "Cannot create directory \"" + directory + "\": " + error.message());
+    }
+    if (withFifo && ::mkfifo(fifo.c_str(), STAND_IN_MODE) != 0) {
+        if (errno != EEXIST) {
+            throw systemError("Cannot create " + fifo);
+        }
+        checkName(fifo, S_IFIFO, force);
+    }
+    const auto tsioFile = openStandIn(tsio, TSIO_DEVICE.size, force);
+    const auto routerFile = openStandIn(router, ROUTER_DEVICE.size, force);
+    LockedDevice tsioDevice(tsio, TSIO_DEVICE, Access::Change, tsioFile.get());
+    LockedDevice routerDevice(router, ROUTER_DEVICE, Access::Change, routerFile.get());
+    clearWords(tsioDevice.memory(), TSIO_DEVICE.size / sizeof(std::uint32_t));
+    clearWords(routerDevice.memory(), ROUTER_DEVICE.size / sizeof(std::uint32_t));
+}
+
+std::string standInCommandLine(const std::string& directory) {
+    const auto path = [&](const char* name) { return quoteForShell(pathIn(directory, name)); };
+    return fmt::format("zeptfem -t {} -r {} -P {} -f \"udp://239.1.2.3:5000 FILE.ts\"", path("tsio"),
+                       path("router"), path("pktio"));
+}
+
+}  // namespace Vel::Zepctl

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "vel/userspace_drivers/interfaces/memif.h"
+
+namespace Vel::Zepctl {
+
+/// Zeroes the first `count` words, last word first: the enable bits are in a row's last word, so a row is
+/// disabled before its address is cleared.
+void clearWords(Drivers::IMemIf& memory, std::uint32_t count);
+
+/// Creates files in `directory` that stand in for the devices: `tsio` and `router`, all zero, and, if asked
+/// for, the FIFO `pktio`. Creates the directory if it is missing.
+///
+/// Existing files are refused without `force`. With it, an existing table file is zeroed in place and never
+/// truncated, since a running program may have it mapped, and an existing FIFO is kept. Links, files with
+/// more than one hard link and everything else are refused. All names are checked before anything is changed,
+/// and checked again when the files are open. Throws CommandError or PciError.
+void createStandIns(const std::string& directory, bool withFifo, bool force);
+
+/// The zeptfem command line that uses them, quoted for a shell where necessary.
+[[nodiscard]] std::string standInCommandLine(const std::string& directory);
+
+}  // namespace Vel::Zepctl
