@@ -42,6 +42,9 @@ public:
                 continue;
             }
             if (m_HasAccepted && m_FirstRead == m_SecondRead && m_FirstRead == m_Accepted) {
+                if (++m_UnchangedReads % READS_PER_CHECK == 0) {
+                    memory.verifyMemory();  // a file truncated after its last used row reads the same
+                }
                 return std::nullopt;
             }
             auto rows = decode(m_FirstRead);
@@ -67,6 +70,9 @@ private:
     }
 
     static constexpr std::size_t WORDS = std::size_t{Table::LAYOUT.rows} * Table::LAYOUT.wordsPerRow;
+    /// At one read per millisecond, a lost memory is noticed within a second even if nothing seems to change.
+    static constexpr std::uint32_t READS_PER_CHECK = 256;
+    std::uint32_t m_UnchangedReads = 0;
     Words m_FirstRead = Words(WORDS);
     Words m_SecondRead = Words(WORDS);
     Words m_Accepted = Words(WORDS);

@@ -15,8 +15,8 @@ namespace Vel::Pci {
 
 namespace {
 
-/// What the signal handler knows of a guarded region. It runs in the middle of whatever its thread was doing,
-/// so it takes no lock and uses lock-free atomics only.
+/// A guarded region as the signal handler sees it. The handler interrupts its thread anywhere, so it takes no
+/// lock and uses lock-free atomics only.
 struct Region {
     std::atomic<std::uintptr_t> begin{0};
     std::atomic<std::size_t> size{0};  ///< bytes; 0 while it guards nothing
@@ -29,7 +29,7 @@ std::mutex g_ClaimLock;
 std::once_flag g_HandlerInstalled;
 struct sigaction g_PreviousAction {};
 
-/// Puts a zero page under `address` and marks its region lost. False when it lies in no guarded region.
+/// Maps a zero page at `address` and marks its region as lost. False when no guarded region contains it.
 bool replaceLostPage(void* address) {
     const auto fault = reinterpret_cast<std::uintptr_t>(address);
     const auto pageSize = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
@@ -37,8 +37,7 @@ bool replaceLostPage(void* address) {
     constexpr int FLAGS = MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS;
     bool isReplaced = false;
     for (Region& region : g_Regions) {
-        // mmap is not among the functions that POSIX calls async-signal-safe, but on Linux it is the bare
-        // system call.
+        // POSIX does not list mmap as async-signal-safe, but on Linux it is a plain system call.
         if (fault - region.begin < region.size &&
             ::mmap(page, pageSize, PROT_READ | PROT_WRITE, FLAGS, -1, 0) != MAP_FAILED) {
             region.isLost = true;
@@ -51,12 +50,11 @@ bool replaceLostPage(void* address) {
 void onBusError(int signal, siginfo_t* info, void* /*context*/) {
     const int savedErrno = errno;
     if (info->si_code != BUS_ADRERR || !replaceLostPage(info->si_addr)) {
-        // Not ours. On return a faulting access is made again, fails again, and meets the former action with
-        // all its details. A signal that was sent does not come from an access; it is sent once more, to
-        // arrive after the return.
+        // Not ours: restore the previous action. A real fault recurs when the access is retried; a SIGBUS
+        // sent by kill() does not, so raise it again.
         ::sigaction(SIGBUS, &g_PreviousAction, nullptr);
-        const bool sent = info->si_code <= 0;
-        if (sent) {
+        const bool isSent = info->si_code <= 0;
+        if (isSent) {
             ::raise(signal);
         }
     }
@@ -64,7 +62,7 @@ void onBusError(int signal, siginfo_t* info, void* /*context*/) {
 }
 
 void installHandler() {
-    // Read the former action first: once the handler is in place, it may run on any thread and needs it.
+    // Read the previous action first: once the handler is installed, it may run on any thread and needs it.
     ::sigaction(SIGBUS, nullptr, &g_PreviousAction);
     struct sigaction action {};
     action.sa_sigaction = &onBusError;
@@ -84,8 +82,8 @@ std::size_t claimRegion(void* base, std::size_t size) {
             return i;
         }
     }
-    throw PciError("Cannot map another device: " + std::to_string(MappingGuard::MAX_REGIONS) +
-                   " are mapped, which is the limit.");
+    throw PciError("Cannot map another device: the limit of " + std::to_string(MappingGuard::MAX_REGIONS) +
+                   " mappings is reached.");
 }
 
 }  // namespace
@@ -100,8 +98,8 @@ bool MappingGuard::isLost() const noexcept {
     return g_Regions[m_Region].isLost;
 }
 
-void MappingGuard::markRestored() noexcept {
-    g_Regions[m_Region].isLost = false;
+void MappingGuard::setLost(bool isLost) noexcept {
+    g_Regions[m_Region].isLost = isLost;
 }
 
 }  // namespace Vel::Pci

@@ -4,18 +4,19 @@
 
 namespace Vel::Pci {
 
-/// Keeps the process alive when a mapped file loses pages. Touching a page beyond the end of a truncated file
-/// raises SIGBUS, which by default ends the process. While a guard exists for the region, a page of zeros is
-/// put in the place of the missing one, the access completes on it, and isLost() returns true from then on.
+/// Keeps the process alive when a mapped file loses pages. Touching a page after the end of a truncated file,
+/// or one that the file system cannot supply, raises SIGBUS, which by default ends the process. While a guard
+/// exists for the region, a page of zeros replaces the missing one, the access completes on it, and isLost()
+/// returns true from then on.
 ///
-/// The first guard installs a process-wide handler for SIGBUS. A SIGBUS that no guarded region accounts for
-/// brings back the action that was in force before and lets it happen.
+/// The first guard installs a process-wide handler for SIGBUS. A SIGBUS from anywhere else restores the
+/// action that was installed before, which then handles it.
 ///
-/// Created after the region is mapped, destroyed before it is unmapped. Construction, destruction and
-/// isLost() are thread-safe. Neither copied nor moved.
+/// Created after the region is mapped, destroyed before it is unmapped. Thread-safe. Neither copied nor
+/// moved.
 class MappingGuard {
 public:
-    /// At most this many regions of a process are guarded at a time.
+    /// Limit of regions that a process can guard at a time.
     static constexpr std::size_t MAX_REGIONS = 8;
 
     /// Throws PciError when MAX_REGIONS are guarded already.
@@ -25,12 +26,13 @@ public:
     MappingGuard(const MappingGuard&) = delete;
     MappingGuard& operator=(const MappingGuard&) = delete;
 
-    bool isLost() const noexcept;
-    /// The region has been mapped again, while nobody accessed it.
-    void markRestored() noexcept;
+    [[nodiscard]] bool isLost() const noexcept;
+    /// True for a file that no longer covers the region; false once the region has been mapped again, while
+    /// nobody accessed it.
+    void setLost(bool isLost) noexcept;
 
 private:
-    const std::size_t m_Region;  ///< its place among all regions
+    const std::size_t m_Region;  ///< index among all regions
 };
 
 }  // namespace Vel::Pci

@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "mapping_guard.h"
+#include "vel/cpp_utils/text.h"
 
 namespace Vel::Pci {
 
@@ -30,16 +31,24 @@ PciIf::~PciIf() {
     closeDevice();
 }
 
+std::string PciIf::displayName() const {
+    return CppUtil::escapeControls(m_Path);
+}
+
 void PciIf::openDevice() {
-    m_File = CppUtil::FileDescriptor(::open(m_Path.c_str(), O_RDWR | O_CLOEXEC));
+    m_File = CppUtil::FileDescriptor(::open(m_Path.c_str(), O_RDWR | O_CLOEXEC | O_NOCTTY));
     if (!m_File.isOpen()) {
         const std::string reason = CppUtil::errnoText(errno);
-        throw PciError("Could not open device at path: " + m_Path + ". Error: \"" + reason + "\"");
+        throw PciError("Could not open device at path: " + displayName() + ". Error: \"" + reason + "\"");
     }
 }
 
 void PciIf::mapMemory() {
-    checkFileSize();
+    if (const std::int64_t missing = getMissingBytes(); missing > 0) {
+        const std::int64_t needed = std::int64_t{m_MapOffset} + m_MapSize;
+        throw PciError("File " + displayName() + " is too short: it has " + std::to_string(needed - missing) +
+                       " bytes, but " + std::to_string(needed) + " are needed.");
+    }
     // A size of 2 GiB and more is stored as a negative number. With 32-bit addresses it could be mapped by
     // chance.
     const auto length = static_cast<std::size_t>(m_MapSize);
@@ -47,8 +56,8 @@ void PciIf::mapMemory() {
                                : ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, m_File.get(),
                                         static_cast<off_t>(m_MapOffset));
     if (base == MAP_FAILED || base == nullptr) {
-        throw PciError("Failed mmap of " + std::to_string(m_MapSize) +
-                       " bytes (offset: " + std::to_string(m_MapOffset) + ") from device: " + m_Path + ". ");
+        throw PciError("Failed mmap of " + std::to_string(m_MapSize) + " bytes (offset: " +
+                       std::to_string(m_MapOffset) + ") from device: " + displayName() + ". ");
     }
     m_MapBase = base;
     m_Guard = std::make_unique<MappingGuard>(base, length);
@@ -62,25 +71,15 @@ std::int64_t PciIf::getMissingBytes() const {
     return std::max<std::int64_t>(std::int64_t{m_MapOffset} + m_MapSize - status.st_size, 0);
 }
 
-void PciIf::checkFileSize() const {
-    if (const std::int64_t missing = getMissingBytes(); missing > 0) {
-        const std::int64_t needed = std::int64_t{m_MapOffset} + m_MapSize;
-        throw PciError("File " + m_Path + " is too short: it has " + std::to_string(needed - missing) +
-                       " bytes, but " + std::to_string(needed) + " are needed.");
-    }
-}
-
-bool PciIf::restoreMemory() {
+void PciIf::restoreMemory() {
     if (!isMapped() || !m_Guard->isLost() || getMissingBytes() > 0) {
-        return false;
+        return;
     }
-    // Where this fails, nothing may be mapped there any more; the mark that stays keeps every access away.
+    // If this fails, the range may be unmapped; the region stays marked as lost, so nothing accesses it.
     if (::mmap(m_MapBase, static_cast<std::size_t>(m_MapSize), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
-               m_File.get(), static_cast<off_t>(m_MapOffset)) == MAP_FAILED) {
-        return false;
+               m_File.get(), static_cast<off_t>(m_MapOffset)) != MAP_FAILED) {
+        m_Guard->setLost(false);
     }
-    m_Guard->markRestored();
-    return true;
 }
 
 void PciIf::closeDevice() {
@@ -104,16 +103,21 @@ void PciIf::checkAccessible() const {
     } else if (!isMapped()) {
         reason = " has no memory mapped into user space.";
     } else if (m_Guard->isLost()) {
-        reason = " has lost its mapped memory (the file was truncated).";
+        // A file that still has its size loses a page when a hole in it cannot be filled or a read fails.
+        reason = getMissingBytes() > 0
+                     ? " has lost its mapped memory (the file was truncated)."
+                     : " has lost its mapped memory (its file system is full or had an I/O error).";
     } else {
         return;
     }
-    throw PciError("Cannot access device memory. Device " + m_Path + reason);
+    throw PciError("Cannot access device memory. Device " + displayName() + reason);
 }
 
 void PciIf::verifyMemory() const {
+    if (isMapped() && getMissingBytes() > 0) {
+        m_Guard->setLost(true);
+    }
     checkAccessible();
-    checkFileSize();
 }
 
 }  // namespace Vel::Pci

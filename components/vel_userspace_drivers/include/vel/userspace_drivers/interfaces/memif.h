@@ -33,19 +33,18 @@ public:
 
     virtual ~IMemIf() = default;
 
-    /// As readBlock32(), into the caller's buffer: who polls a table a thousand times a second keeps one
-    /// buffer for it.
+    /// As readBlock32(), into the caller's buffer: a caller that polls a table can reuse one buffer.
     virtual void readBlock32Into(std::uint32_t index, std::span<std::uint32_t> words) {
         std::ranges::copy(readBlock32(index, static_cast<std::uint32_t>(words.size())), words.begin());
     }
 
-    /// Throws when what has been read may not be the device's memory any more. It may make a system call, so
-    /// it is not part of every access: who finds a change asks it before acting on it.
+    /// Throws when the words read so far may not come from the device any more. It may make a system call, so
+    /// it is not part of every access: call it before acting on a change.
     virtual void verifyMemory() const {}
 
-    /// Makes a memory that was lost accessible again, if that is possible by now; returns whether it did.
-    /// Makes no system call while nothing is lost.
-    virtual bool restoreMemory() { return false; }
+    /// Makes memory that was lost accessible again, if that is possible by now. Makes no system call while
+    /// nothing is lost.
+    virtual void restoreMemory() {}
 };
 
 }  // namespace Vel::Drivers

@@ -43,23 +43,24 @@ public:
     void closeDevice();
 
     Drivers::MemSegment getMemSegment() const override;
-    /// Throws PciError when the device is not open, not mapped, or has lost its memory: a file that is
-    /// truncated while it is mapped. What was read from such a file since the last successful call may be
-    /// zeros.
+    /// Throws PciError when the device is not open, not mapped, or has lost its memory: a file that was
+    /// truncated while it was mapped, or whose file system failed or is full. What was read from such a file
+    /// since the last successful call may be zeros.
     void checkAccessible() const override;
-    /// Throws PciError as checkAccessible() does, and for a file that ends within the region by now: the rest
-    /// of its last page reads as zeros, without any fault.
+    /// Throws PciError as checkAccessible() does, and from then on for a file that now ends within the region:
+    /// the rest of its last page reads as zeros, without any fault.
     void verifyMemory() const override;
-    /// Maps a truncated file again at the same addresses once it has its size back.
-    bool restoreMemory() override;
+    /// Maps a lost file again at the same addresses once it has its full size.
+    void restoreMemory() override;
 
 private:
+    /// The path, for messages.
+    std::string displayName() const;
     void openDevice();
     void mapMemory();
     /// Bytes of the region that a plain file lacks, 0 if it has them all. A device has no size to
     /// compare with; its driver checks the region when it is mapped.
     std::int64_t getMissingBytes() const;
-    void checkFileSize() const;
 
     std::string m_Path;
     CppUtil::FileDescriptor m_File;
