@@ -1,5 +1,5 @@
-// Texts of URIs, IPv4 and MAC addresses: each is refused with a ParsingError, or its value survives the way
-// to a text and back.
+// Texts of URIs, IPv4 and MAC addresses: each is refused with a ParsingError, or its value survives the
+// conversion to text and back.
 
 #include <cstdint>
 #include <string>
@@ -18,7 +18,7 @@ template <typename Check>
 void unlessRefused(Check check) {
     try {
         check();
-    } catch (const ParsingError&) {  // a text that is none of this kind
+    } catch (const ParsingError&) {  // not a text of this kind
     }
 }
 

@@ -2,17 +2,11 @@
 
 #include <cstdlib>
 #include <iostream>
-#include <mutex>
 
 namespace Vel::CppUtil {
 
 AssertionHandler& AssertionHandler::instance() {
-    static std::mutex creation;
-    static AssertionHandler* handler = nullptr;
-    const std::lock_guard lock(creation);
-    if (handler == nullptr) {
-        handler = new AssertionHandler;
-    }
+    static auto* const handler = new AssertionHandler;
     return *handler;
 }
 

@@ -22,7 +22,7 @@ constexpr const char* LINE_PATTERN = "[%T.%e] [%l] %v";
 std::mutex logsystemMutex;
 std::shared_ptr<ILogsystem> processLogsystem;  // guarded by logsystemMutex
 
-/// Bytes that a pipe's reader has not taken yet. For a file it is 0; for a terminal it says nothing of use.
+/// Bytes in a pipe that its reader has not read yet. 0 for a file; meaningless for a terminal.
 int unreadBytes() {
     int bytes = 0;
     return ::ioctl(STDOUT_FILENO, FIONREAD, &bytes) == 0 ? bytes : 0;
@@ -48,9 +48,7 @@ bool waitForEmptyQueue(spdlog::details::thread_pool& pool, std::chrono::millisec
 StdoutLogger::StdoutLogger(spdlog::level::level_enum defaultLevel) : m_DefaultLevel(defaultLevel) {
     spdlog::init_thread_pool(QUEUE_ENTRIES, WORKER_THREADS);
     m_Sinks.push_back(std::make_shared<spdlog::sinks::stdout_sink_mt>());
-    for (const auto& sink : m_Sinks) {
-        sink->set_pattern(LINE_PATTERN);
-    }
+    m_Sinks.back()->set_pattern(LINE_PATTERN);
 }
 
 std::shared_ptr<spdlog::logger> StdoutLogger::getLogger(const std::string& name) {
@@ -70,13 +68,13 @@ std::shared_ptr<spdlog::logger> StdoutLogger::getLogger(const std::string& name,
     return logger;
 }
 
+void StdoutLogger::shutdown() {
+    spdlog::shutdown();
+}
+
 void StdoutLogger::setLevel(spdlog::level::level_enum level) {
     m_DefaultLevel = level;
     spdlog::set_level(level);
-}
-
-void StdoutLogger::shutdown() {
-    spdlog::shutdown();
 }
 
 bool drain(std::chrono::milliseconds patience) {
@@ -87,7 +85,7 @@ bool drain(std::chrono::milliseconds patience) {
     if (!waitForEmptyQueue(*pool, patience)) {
         return false;
     }
-    // The worker may still be writing the last line. It takes this request after that.
+    // The worker may still be writing the last line. It handles this request after that.
     getLogsystem()->getLogger("Logsystem")->flush();
     return waitForEmptyQueue(*pool, patience);
 }

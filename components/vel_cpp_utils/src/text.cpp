@@ -7,7 +7,7 @@ namespace Vel::CppUtil {
 namespace {
 
 constexpr unsigned char DELETE = 0x7F;
-/// In UTF-8, the C1 controls U+0080 to U+009F are this byte and one from 0x80 to 0x9F.
+/// In UTF-8, the C1 controls U+0080 to U+009F are this byte followed by 0x80 to 0x9F.
 constexpr unsigned char C1_LEAD = 0xC2;
 
 bool isC1(std::string_view text) {

@@ -82,6 +82,13 @@ TEST(UriParser, PortIsReadAsAStreamReadsIt) {
         EXPECT_EQ(Uri::parse(text).getAuthority().getPort(), port) << text;
         EXPECT_EQ(Uri::parse(text).getAuthority().getHost(), "h") << text;
     }
+    // A negative number wraps at 32 bits; one that does not fit is not a port.
+    for (const auto& [number, port] :
+         {std::pair("-4294967295", 1), std::pair(" -4294967216x", 80), std::pair("-4294967296", -1),
+          std::pair("4294967297", -1), std::pair("18446744073709551617", -1), std::pair("+-1", 0),
+          std::pair("-18446744073709551615", -1)}) {
+        EXPECT_EQ(Uri::parse(std::string("udp://h:") + number).getAuthority().getPort(), port) << number;
+    }
 }
 
 TEST(UriParser, ParsedTextIsWrittenInCanonicalForm) {
@@ -96,8 +103,8 @@ TEST(UriParser, ParsedTextIsWrittenInCanonicalForm) {
           "udp://h?a&b=1&& udp://h?b=1", "udp://h?a=b=c&d=&=x udp://h?=x&a=b=c&d=", "udp://h? udp://h",
           "UDP://H UDP://H",
           "udp:// udp:", "udp://me:pass:word@h:1/a?y=2&x=1#f udp://me:pass:word@h:1/a?x=1&y=2#f"}) {
-        const std::size_t blank = both.find(' ');
-        EXPECT_EQ(Uri::parse(both.substr(0, blank)).toString(), both.substr(blank + 1));
+        const std::size_t space = both.find(' ');
+        EXPECT_EQ(Uri::parse(both.substr(0, space)).toString(), both.substr(space + 1));
     }
     EXPECT_EQ(Uri::parse("file:///x").getPath(), "x");
     EXPECT_EQ(Uri::parse("udp://h/p#f#g").getPath(), "p#f");

@@ -5,6 +5,7 @@
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/network/ipadrcontainer.h"
 #include "vel/cpp_utils/network/macadrcontainer.h"
+#include "vel/cpp_utils/text.h"
 
 namespace Vel::CppUtil {
 namespace {
@@ -22,6 +23,22 @@ TEST(Error, TextIsCategoryDetailAndPlace) {
     const Error& error = IOError("detail", "reason", "f.cpp", 1);
     EXPECT_STREQ(error.what(), "IOErrorr: detail(f.cpp:1)");
     EXPECT_EQ(error.getMessage(), "IOErrorr: detail");
+}
+
+TEST(Text, ControlCharactersAreEscapedAndNothingElse) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"a\nb", "a\\x0ab"},
+        {"\x1b[31m\x7f", "\\x1b[31m\\x7f"},
+        {std::string("\0\x1f ~", 4), "\\x00\\x1f ~"},
+        {"\xc2\x80\xc2\x9b\xc2\x9f", "\\xc2\\x80\\xc2\\x9b\\xc2\\x9f"},
+        {"\xc2\xa0 \xc3\x9b \xe2\x82\xac \xf0\x9f\x9b\xb0",
+         "\xc2\xa0 \xc3\x9b \xe2\x82\xac \xf0\x9f\x9b\xb0"},
+        {"cut\xc2", "cut\xc2"},
+        {"", ""},
+    };
+    for (const auto& [name, escaped] : cases) {
+        EXPECT_EQ(escapeControls(name), escaped);
+    }
 }
 
 TEST(IpAdrContainer, TextAndOctetsAreViewsOfTheValue) {

@@ -1,7 +1,6 @@
 #include "vel/cpp_utils/network/ipadrcontainer.h"
 
-#include <algorithm>
-#include <sstream>
+#include <charconv>
 
 #include "vel/cpp_utils/error.h"
 
@@ -10,7 +9,6 @@ namespace Vel::CppUtil {
 namespace {
 
 constexpr unsigned BITS_PER_OCTET = 8;
-constexpr std::uint32_t OCTET_MAX = 0xFF;
 constexpr std::size_t TEXT_LENGTH_MIN = 7;
 constexpr std::size_t TEXT_LENGTH_MAX = 15;
 constexpr unsigned GROUP_DIGITS_MAX = 3;
@@ -54,17 +52,18 @@ bool IpAdrContainer::isValidString(const std::string& text) {
 }
 
 std::uint32_t IpAdrContainer::fromString(const std::string& text) {
-    bool valid =
-        isValidString(text) && std::count(text.begin(), text.end(), '.') == DOTS && text.back() != '.';
+    bool isValid = isValidString(text);
     std::uint32_t value = 0;
-    std::istringstream groups(text);
-    groups.exceptions(std::ios::badbit);  // otherwise a lack of memory would pass as the end of the text
-    for (std::string group; valid && std::getline(groups, group, '.');) {
-        const auto number = static_cast<std::uint32_t>(std::stoul(group));  // at most three digits
-        valid = number <= OCTET_MAX;
-        value = value << BITS_PER_OCTET | number;
+    const char* next = text.data();
+    const char* const end = next + text.size();
+    for (unsigned group = 0; isValid && group < OCTETS; ++group) {
+        std::uint8_t octet = 0;
+        const auto [stop, error] = std::from_chars(next, end, octet);
+        isValid = error == std::errc() && (stop == end) == (group == OCTETS - 1);
+        value = value << BITS_PER_OCTET | octet;
+        next = stop == end ? end : stop + 1;
     }
-    if (!valid) {
+    if (!isValid) {
         throw ParsingError("Unable to parse string representation of IPv4 address: \"" + text + "\"");
     }
     return value;

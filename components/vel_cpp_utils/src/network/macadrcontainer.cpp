@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 
 #include <fmt/format.h>
 
@@ -13,7 +14,7 @@ namespace {
 
 constexpr int HEXADECIMAL = 16;
 constexpr std::size_t PAIR_DIGITS = 2;
-constexpr std::size_t PAIR_DISTANCE = PAIR_DIGITS + 1;  // a pair and the colon after it
+constexpr std::size_t PAIR_DISTANCE = PAIR_DIGITS + 1;  // a pair and its colon
 constexpr std::size_t TEXT_LENGTH = MacAdrContainer::OCTETS * PAIR_DISTANCE - 1;
 
 }  // namespace
@@ -48,8 +49,8 @@ bool MacAdrContainer::isValidString(const std::string& text) {
         return false;
     }
     for (std::size_t i = 0; i < TEXT_LENGTH; ++i) {
-        const bool colonPlace = i % PAIR_DISTANCE == PAIR_DIGITS;
-        if (colonPlace ? text[i] != ':' : std::isxdigit(static_cast<unsigned char>(text[i])) == 0) {
+        const bool isColonPlace = i % PAIR_DISTANCE == PAIR_DIGITS;
+        if (isColonPlace ? text[i] != ':' : std::isxdigit(static_cast<unsigned char>(text[i])) == 0) {
             return false;
         }
     }
@@ -62,8 +63,8 @@ MacAdrContainer::Octets MacAdrContainer::fromString(const std::string& text) {
     }
     Octets octets{};
     for (std::size_t i = 0; i < OCTETS; ++i) {
-        const std::string pair = text.substr((OCTETS - 1 - i) * PAIR_DISTANCE, PAIR_DIGITS);
-        octets[i] = static_cast<std::uint8_t>(std::stoul(pair, nullptr, HEXADECIMAL));
+        const char* pair = &text[(OCTETS - 1 - i) * PAIR_DISTANCE];
+        std::from_chars(pair, pair + PAIR_DIGITS, octets[i], HEXADECIMAL);
     }
     return octets;
 }

@@ -1,8 +1,8 @@
 #include "vel/cpp_utils/uri/uri.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
-#include <sstream>
 #include <stdexcept>
 
 #include "vel/cpp_utils/error.h"
@@ -13,35 +13,36 @@ namespace {
 
 constexpr std::size_t NOT_FOUND = std::string_view::npos;
 
-/// Shortens `text` to the part before the first `delimiter` and returns the part after it; without a
+/// Shortens `text` to the part before the first `delimiter` and returns the part after it. Without a
 /// delimiter `text` stays and the result is empty.
-std::string cutTail(std::string_view& text, char delimiter) {
-    const std::size_t position = text.find(delimiter);
-    if (position == NOT_FOUND) {
-        return {};
-    }
-    std::string tail(text.substr(position + 1));
+std::string_view cutTail(std::string_view& text, char delimiter) {
+    const std::size_t position = std::min(text.find(delimiter), text.size());
+    const std::string_view tail = text.substr(std::min(position + 1, text.size()));
     text = text.substr(0, position);
     return tail;
 }
 
-Uri::Query parseQuery(const std::string& text) {
+Uri::Query parseQuery(std::string_view text) {
     Uri::Query query;
-    std::istringstream segments(text);
-    segments.exceptions(std::ios::badbit);  // otherwise a lack of memory would pass as the end of the text
-    for (std::string segment; std::getline(segments, segment, '&');) {
-        if (const std::size_t equals = segment.find('='); equals != NOT_FOUND) {
-            query[segment.substr(0, equals)] = segment.substr(equals + 1);
+    while (!text.empty()) {
+        std::string_view key = text;
+        text = cutTail(key, '&');
+        if (key.find('=') != NOT_FOUND) {
+            const std::string_view value = cutTail(key, '=');
+            query[std::string(key)] = value;
         }
     }
     return query;
 }
 
-/// Leading blanks and a sign are taken, trailing text is left, no digits are 0. What does not fit a port
-/// leaves it unset.
+/// Reads an unsigned number of 32 bits: leading white space and a sign are accepted, a negative number wraps
+/// around, the text after the digits is ignored, and no digits are 0. A number that is not a port leaves the
+/// port unset.
 void parsePort(UriAuthority& authority, const std::string& text) {
-    const unsigned long long port = std::strtoull(text.c_str(), nullptr, 10);
-    if (port <= std::numeric_limits<std::uint16_t>::max()) {
+    constexpr long long LIMIT = std::numeric_limits<std::uint32_t>::max();
+    const long long number = std::strtoll(text.c_str(), nullptr, 10);
+    const auto port = static_cast<std::uint32_t>(number);
+    if (-LIMIT <= number && number <= LIMIT && port <= std::numeric_limits<std::uint16_t>::max()) {
         authority.setPort(static_cast<std::uint16_t>(port));
     }
 }
@@ -50,28 +51,18 @@ UriAuthority parseAuthority(std::string_view text) {
     UriAuthority authority;
     if (const std::size_t at = text.find('@'); at != NOT_FOUND && at > 0) {
         std::string_view user = text.substr(0, at);
-        authority.setPassword(cutTail(user, ':'));
+        authority.setPassword(std::string(cutTail(user, ':')));
         authority.setUser(std::string(user));
         text = text.substr(at + 1);
     }
     if (text.find(':') != NOT_FOUND) {
-        parsePort(authority, cutTail(text, ':'));
+        parsePort(authority, std::string(cutTail(text, ':')));
     }
     authority.setHost(std::string(text));
     return authority;
 }
 
 }  // namespace
-
-void UriAuthority::setUser(const std::string& user) {
-    m_User = user;
-    m_UserSet = true;
-}
-
-void UriAuthority::setPassword(const std::string& password) {
-    m_Password = password;
-    m_PasswordSet = true;
-}
 
 std::string Uri::toString() const {
     std::string text = m_Scheme + ":";
@@ -127,7 +118,7 @@ std::size_t UriParser::parseScheme(Uri& uri) const {
     if (uri.getScheme().empty()) {
         throw ParsingError("Failed parsing of given URI: \"" + m_Text + "\". Missing mandatory scheme");
     }
-    // A text that ends within the delimiter is distinguished from a wrong one by the error of at().
+    // at() throws if the string ends inside "://"; that case has its own message.
     if (colon == NOT_FOUND || m_Text.at(colon + 1) != '/' || m_Text.at(colon + 2) != '/') {
         throw ParsingError("Failed parsing of given URI: \"" + m_Text +
                            "\". Missing mandatory \"://\" delimiter");
@@ -135,7 +126,7 @@ std::size_t UriParser::parseScheme(Uri& uri) const {
     return colon + 3;
 }
 
-/// Takes components off the end, so that a delimiter counts only where no later component has claimed it.
+/// Splits components off the end, so that a delimiter inside a later component does not count.
 Uri UriParser::parse() const {
     Uri uri;
     const std::size_t begin = parseScheme(uri);
@@ -147,7 +138,7 @@ Uri UriParser::parse() const {
         }
     }
     uri.setQuery(parseQuery(cutTail(rest, '?')));
-    uri.setPath(cutTail(rest, '/'));
+    uri.setPath(std::string(cutTail(rest, '/')));
     uri.setAuthority(parseAuthority(rest));
     return uri;
 }

@@ -6,9 +6,9 @@
 
 namespace Vel::CppUtil {
 
-/// Process-wide guard of invariants: reports an expression that does not hold and aborts the process. For
-/// bugs of this program only; bad input is an exception. Configured once at start-up, before other threads
-/// exist; check() may then be called on any thread.
+/// Process-wide check of invariants: reports an expression that does not hold and aborts the process. For
+/// bugs of this program only; bad input causes an exception. Configured once at start-up, before other
+/// threads exist; check() may then be called on any thread.
 class AssertionHandler {
 public:
     using OutputHandler = std::function<void(const std::string&)>;
@@ -20,14 +20,13 @@ public:
     /// The one handler, created by the first call and never destroyed. Thread-safe.
     static AssertionHandler& instance();
 
-    /// Receives the two texts of a report; without one they go to standard error, each followed by a line
-    /// end.
+    /// Receives the two texts of a report. Without a handler they go to standard error, each followed by a
+    /// newline.
     void setOutputHandler(OutputHandler handler) { m_OutputHandler = std::move(handler); }
     void setStacktraceProvider(StacktraceProvider provider) { m_StacktraceProvider = std::move(provider); }
     void setAbortOnFailure(bool abortOnFailure) { m_AbortOnFailure = abortOnFailure; }
 
-    /// Returns at once when `condition` holds; otherwise writes the report and, unless that is switched off,
-    /// aborts.
+    /// If `condition` does not hold, writes the report and, unless that is turned off, aborts.
     /// @param expression source text of the tested expression
     void check(bool condition, const char* expression, const char* file, unsigned line) const;
 
@@ -42,8 +41,8 @@ private:
 
 }  // namespace Vel::CppUtil
 
-/// Checks an invariant. A holding one costs its test alone, so this may stand on a per-packet path: the
-/// handler and its lock are only reached by a failing one.
+/// Checks an invariant. If it holds, only the test itself is executed, so this may be used per packet; the
+/// handler is reached only if it fails.
 #define VEL_ASSERT(expression)  \
     ((expression)               \
          ? static_cast<void>(0) \

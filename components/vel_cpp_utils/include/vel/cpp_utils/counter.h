@@ -5,8 +5,8 @@
 
 namespace Vel::CppUtil {
 
-/// A count that one thread at a time increments and any thread reads. It costs no more than a plain one
-/// on 64 bits, and no lock on 32.
+/// A counter with one writer at a time and any number of readers. As cheap as a plain integer on 64-bit
+/// targets, lock-free on 32-bit ones.
 class Counter {
 public:
     void increment() {

@@ -7,19 +7,18 @@
 
 namespace Vel {
 
-/// Root of every failure that a caller may handle. The complete text, the message and the place of the throw
-/// statement, is built once here; what() only returns it. The classes of the family add a category prefix and
-/// nothing else.
+/// Root of every failure that a caller may handle. The complete text is built once, in the constructor: the
+/// message and the location of the throw statement. Most derived classes only add a category prefix.
 ///
-/// The detail text is the first argument of every class; file and line default to those of the throw
-/// statement. Immutable after construction, so it may be read on any thread.
+/// Every class takes the detail text first; file and line default to those of the throw statement. Immutable
+/// after construction, so any thread may read it.
 class Error : public std::exception {
 public:
     Error(const std::string& message, const char* file = __builtin_FILE(), int line = __builtin_LINE())
         : m_Text(message + "(" + file + ":" + std::to_string(line) + ")"), m_MessageLength(message.size()) {}
 
     const char* what() const noexcept override { return m_Text.c_str(); }
-    /// The text without the place of the throw statement.
+    /// The text without the location of the throw statement.
     std::string getMessage() const { return m_Text.substr(0, m_MessageLength); }
 
 private:
@@ -29,7 +28,7 @@ private:
 
 namespace CppUtil {
 
-/// The program cannot start with the configuration it was given.
+/// The program cannot start with the given configuration.
 class InitializationError : public Error {
 public:
     InitializationError(const std::string& detail, const char* file = __builtin_FILE(),
@@ -60,7 +59,7 @@ public:
         : Error("Invalid Argument Error: " + detail, file, line) {}
 };
 
-/// A call that the object does not offer in its present state.
+/// The object does not support this call in its current state.
 class NotImplementedError : public Error {
 public:
     NotImplementedError(const std::string& detail, const char* file = __builtin_FILE(),
@@ -71,7 +70,7 @@ public:
 /// Reading from or writing to a file or device failed.
 class IOError : public Error {
 public:
-    /// @param reason what the system says of the failure, for example errnoText(errno); not part of what()
+    /// @param reason the system's message, for example errnoText(errno); not part of what()
     IOError(const std::string& detail, std::string reason = {}, const char* file = __builtin_FILE(),
             int line = __builtin_LINE())
         : Error("IOErrorr: " + detail, file, line), m_Reason(std::move(reason)) {}

@@ -13,25 +13,25 @@
 
 namespace Vel::Log {
 
-/// A log system hands out named loggers. Components ask for theirs once, when they are constructed, and keep
-/// it.
+/// A log system hands out named loggers. A component gets its logger once, in its constructor, and keeps it.
 class ILogsystem {
 public:
     virtual ~ILogsystem() = default;
-    /// The logger of that name, created with the log system's default level if there is none yet.
+    /// The logger of that name, created with the log system's default level if it does not exist yet.
     virtual std::shared_ptr<spdlog::logger> getLogger(const std::string& name) = 0;
-    /// The logger of that name, created with `level` if there is none yet; an existing one keeps its level.
+    /// The logger of that name, created with `level` if it does not exist yet; an existing one keeps its
+    /// level.
     virtual std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
                                                       spdlog::level::level_enum level) = 0;
-    /// Gives this level to all loggers, those that exist and those to come.
-    virtual void setLevel(spdlog::level::level_enum level) = 0;
     /// Drops all loggers, writes out what is queued and joins the worker.
     virtual void shutdown() = 0;
+    /// Sets the level of all existing and future loggers.
+    virtual void setLevel(spdlog::level::level_enum level) = 0;
 };
 
 /// Writes every line to standard output through one background worker, "[time] [level] message". A full queue
-/// drops its oldest line; no caller ever waits. Thread-safe, except for construction and shutdown(); of two
-/// threads that ask first for one name at the same time, one may get spdlog's exception.
+/// drops its oldest line; no caller ever waits. Thread-safe, except for construction and shutdown(). If two
+/// threads create the same logger at the same time, one of them may get spdlog's exception.
 class StdoutLogger : public ILogsystem {
 public:
     explicit StdoutLogger(spdlog::level::level_enum defaultLevel);
@@ -39,30 +39,30 @@ public:
     std::shared_ptr<spdlog::logger> getLogger(const std::string& name) override;
     std::shared_ptr<spdlog::logger> getLogger(const std::string& name,
                                               spdlog::level::level_enum level) override;
-    void setLevel(spdlog::level::level_enum level) override;
     void shutdown() override;
+    void setLevel(spdlog::level::level_enum level) override;
 
 private:
     spdlog::level::level_enum m_DefaultLevel;
     std::vector<spdlog::sink_ptr> m_Sinks;
 };
 
-/// Waits until the worker has written every queued line. False as soon as nobody has taken anything from
-/// standard output for `patience`, for example because it is a full pipe that nobody reads. For the end of
-/// the program: no other thread may log meanwhile.
-bool drain(std::chrono::milliseconds patience);
+/// Waits until the worker has written every queued line. False once `patience` has passed without progress,
+/// for example because standard output is a full pipe that nobody reads. For shutdown: no other thread may
+/// log meanwhile.
+[[nodiscard]] bool drain(std::chrono::milliseconds patience);
 
 /// Replaces the process-wide log system. Thread-safe.
 void setLogsystem(std::unique_ptr<ILogsystem> logsystem);
 
-/// The process-wide log system; the first call without one installs a StdoutLogger and says so. Thread-safe.
+/// The process-wide log system. If there is none, it installs a StdoutLogger and logs a warning. Thread-safe.
 std::shared_ptr<ILogsystem> getLogsystem();
 
 /// Registry key of a class's logger: the header's file name without its folders, "::" and the qualified class
 /// name, which is `signature` up to "::<lambda()>".
 std::string makeLoggerName(std::string_view headerFile, std::string_view signature);
 
-/// A format text together with the place of the statement that uses it.
+/// A format text and the source location of the statement that uses it.
 template <typename... Args>
 struct LocatedFormat {
     template <typename Text>
@@ -75,15 +75,15 @@ struct LocatedFormat {
     spdlog::source_loc where;
 };
 
-/// Formats and hands over one line. Never throws: a line that cannot be formed because memory is short is
-/// dropped, so that logging is safe in thread bodies, event handlers and destructors.
+/// Formats and queues one line. Never throws: if memory is short, the line is dropped. So logging is safe in
+/// thread bodies, event handlers and destructors.
 template <typename... Args>
 void write(spdlog::logger& logger, spdlog::level::level_enum level,
            LocatedFormat<std::type_identity_t<Args>...> format, Args&&... args) noexcept {
     try {
-        // The backend reports its own failures on standard error for formatted lines only, hence the "{}".
+        // "{}" selects spdlog's formatting overload, the only one that reports its own failures.
         logger.log(format.where, level, "{}", fmt::format(format.text, std::forward<Args>(args)...));
-    } catch (...) {  // it cannot be reported either
+    } catch (...) {  // no memory to report it either
     }
 }
 

@@ -2,8 +2,8 @@
 
 #include <mutex>
 
-/// Says which lock guards what. Clang checks it with -Wthread-safety, which knows no mutex of this standard
-/// library by itself; other compilers see nothing.
+/// Declares which lock guards what. Clang checks it with -Wthread-safety, which does not know the mutexes of
+/// this standard library; other compilers ignore it.
 #ifdef __clang__
 #define VEL_THREAD_SAFETY(annotation) __attribute__((annotation))
 #else
@@ -14,7 +14,7 @@
 
 namespace Vel::CppUtil {
 
-/// A std::mutex whose use can be checked.
+/// A std::mutex whose use Clang can check.
 class VEL_THREAD_SAFETY(capability("mutex")) Mutex {
 public:
     void lock() VEL_THREAD_SAFETY(acquire_capability()) { m_Mutex.lock(); }
@@ -24,8 +24,8 @@ private:
     std::mutex m_Mutex;
 };
 
-/// Holds a Mutex for as long as it lives.
-class VEL_THREAD_SAFETY(scoped_lockable) Lock {
+/// Holds a Mutex for its own lifetime.
+class [[nodiscard]] VEL_THREAD_SAFETY(scoped_lockable) Lock {
 public:
     explicit Lock(Mutex& mutex) VEL_THREAD_SAFETY(acquire_capability(mutex)) : m_Mutex(mutex) {
         mutex.lock();

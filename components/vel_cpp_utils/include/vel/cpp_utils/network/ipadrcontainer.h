@@ -35,8 +35,8 @@ public:
     /// Whether the address lies in 224.0.0.0/4 (RFC 1112, 4).
     bool isMulticast() const { return m_Value >> 28 == 0xE; }
 
-    /// Whether `text` looks like an address: length, characters, length of the groups, no group missing
-    /// before a dot. That there are four groups, and their values, only fromString() tests.
+    /// Whether `text` looks like an address: length, characters, length of the groups, a group before each
+    /// dot. Only fromString() checks that there are four groups, and their values.
     static bool isValidString(const std::string& text);
     /// Value of four decimal groups 0..255; leading zeros are allowed and do not make a group octal.
     /// @throws ParsingError for any other text

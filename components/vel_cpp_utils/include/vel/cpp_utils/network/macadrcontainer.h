@@ -23,12 +23,12 @@ public:
     explicit MacAdrContainer(const std::string& text) : m_Octets(fromString(text)) {}
     /// Throws as fromOctets() does.
     explicit MacAdrContainer(const std::vector<std::uint8_t>& octets) : m_Octets(fromOctets(octets)) {}
-    /// The address that frames to an IPv4 multicast group carry: the group's low 23 bits behind 01:00:5E (RFC
-    /// 1112, 6.4).
-    /// @throws InvalidArgumentError if `group` is no multicast address
+    /// The destination address of frames to an IPv4 multicast group: 01:00:5E followed by the low 23 bits of
+    /// the group (RFC 1112, 6.4).
+    /// @throws InvalidArgumentError if `group` is not a multicast address
     explicit MacAdrContainer(const IpAdrContainer& group);
 
-    /// Throws as fromString() does and then keeps the old address.
+    /// Throws as fromString() does, and then keeps the old address.
     MacAdrContainer& operator=(const std::string& text);
 
     /// @param index 0..5

@@ -7,8 +7,8 @@
 
 namespace Vel::CppUtil {
 
-/// Who and where of a URI: `user:password@host:port`. A plain value: nothing is validated, encoded or
-/// decoded. Reentrant.
+/// The part `user:password@host:port` of a URI. A plain value: nothing is validated, encoded or decoded.
+/// Reentrant.
 class UriAuthority {
 public:
     static constexpr std::int32_t NO_PORT = -1;
@@ -17,13 +17,19 @@ public:
     void setHost(const std::string& host) { m_Host = host; }
 
     const std::string& getUser() const { return m_User; }
-    void setUser(const std::string& user);
-    /// Whether a user was assigned, be it an empty one.
+    void setUser(const std::string& user) {
+        m_User = user;
+        m_UserSet = true;
+    }
+    /// Whether a user was assigned, even an empty one.
     bool isUserSet() const { return m_UserSet; }
 
     const std::string& getPassword() const { return m_Password; }
-    void setPassword(const std::string& password);
-    /// Whether a password was assigned, be it an empty one.
+    void setPassword(const std::string& password) {
+        m_Password = password;
+        m_PasswordSet = true;
+    }
+    /// Whether a password was assigned, even an empty one.
     bool isPasswordSet() const { return m_PasswordSet; }
 
     /// 0..65535 or NO_PORT
@@ -41,11 +47,11 @@ private:
     bool m_UserSet = false;
 };
 
-/// A URI split into its components. A plain value: no component is validated, normalised, percent-encoded or
-/// decoded, neither when set nor when parsed nor when written. Reentrant.
+/// A URI split into its components. A plain value: components are never validated, normalised,
+/// percent-encoded or decoded. Reentrant.
 class Uri {
 public:
-    /// One value for a key, in byte-wise order of the keys.
+    /// One value per key, in byte-wise order of the keys.
     using Query = std::map<std::string, std::string>;
 
     const std::string& getScheme() const { return m_Scheme; }
@@ -74,9 +80,9 @@ public:
     /// Path, query and fragment of the text form.
     std::string toRelativeString() const;
 
-    /// Takes a text apart. Of several values for a key the last counts; a bad port is no error and reads as
-    /// NO_PORT or 0.
-    /// @throws ParsingError for a text without scheme or without the "://" after it
+    /// Splits a text into components. If a key has several values, the last one counts. A bad port is not an
+    /// error and reads as NO_PORT or 0.
+    /// @throws ParsingError for a text without a scheme or without the "://" after it
     static Uri parse(const std::string& text);
 
 private:
@@ -87,7 +93,7 @@ private:
     UriAuthority m_Authority;
 };
 
-/// One parse of one text, done by the constructor; what Uri::parse() throws, it throws. Reentrant.
+/// Parses one text in its constructor, which throws what Uri::parse() throws. Reentrant.
 class UriParser {
 public:
     explicit UriParser(const std::string& text);
