@@ -8,13 +8,13 @@
 
 namespace Vel::Ts::Misc {
 
-/// Which of the 8192 PIDs pass. PIDs beyond are ignored by the changing calls and never pass. Reentrant; an
-/// object that threads share is guarded by its owner.
+/// Which of the 8192 PIDs pass. Larger numbers never pass, and calls that change the filter ignore them.
+/// Reentrant; an object that threads share is guarded by its owner.
 class PidFilter {
 public:
     /// Everything passes.
     PidFilter() : PidFilter(false, false) {}
-    /// Blocks everything, or nothing but, on request, the null packets.
+    /// Blocks everything, or only the null packets on request.
     PidFilter(bool blockEverything, bool blockNullPid) {
         if (blockEverything) {
             blockAll();
@@ -22,7 +22,7 @@ public:
             passAll(blockNullPid);
         }
     }
-    /// Passes the listed PIDs alone.
+    /// Passes only the listed PIDs.
     explicit PidFilter(const std::vector<std::uint32_t>& pids) {
         blockAll();
         addPid(pids);

@@ -6,14 +6,14 @@
 
 namespace Vel::Ts {
 
-/// Groups the failures of transport stream handling for callers; never thrown itself.
+/// Base of all transport stream errors, so that a caller can catch them together; never thrown itself.
 class TsError : public Error {
 public:
     TsError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
         : Error(detail, file, line) {}
 };
 
-/// A packet cannot give what was asked of it.
+/// The packet does not have the requested data.
 class TsPacketError : public TsError {
 public:
     TsPacketError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())

@@ -9,9 +9,9 @@ namespace Vel::Ts {
 /// Length of a transport packet in bytes and its first byte (ISO/IEC 13818-1, 2.4.3.2).
 inline constexpr std::uint32_t TS_PACKET_SIZE = 188;
 inline constexpr std::uint8_t SYNC_BYTE = 0x47;
-/// The highest PID marks null packets.
+/// The highest PID is that of null packets.
 inline constexpr std::uint32_t NULL_PID = MAX_PID;
-/// An adaptation field that fits into the packet, without its length byte (ISO/IEC 13818-1, 2.4.3.4).
+/// Length of the largest adaptation field that fits, without its length byte (ISO/IEC 13818-1, 2.4.3.4).
 inline constexpr std::uint8_t MAX_ADAPTATION_FIELD_LENGTH = 183;
 
 /// transport_scrambling_control (ISO/IEC 13818-1, table 2-4).
@@ -22,8 +22,8 @@ enum class ScramblingControl : std::uint8_t {
     UserDefined3 = 3,
 };
 
-/// View of the 188 bytes of one transport packet: the fields of its 4-byte header and its PCR. No accessor
-/// looks at the sync byte. Every one goes through getDataPtr() and fails as that does. Reentrant.
+/// View of the 188 bytes of one transport packet: the fields of its 4-byte header and its PCR. No other
+/// accessor checks the sync byte. All use getDataPtr() and fail as it does. Reentrant.
 class TSPacket {
 public:
     /// First of the 188 bytes.
@@ -43,14 +43,14 @@ public:
     virtual ScramblingControl getScramblingControl() const;
     virtual bool isScrambled() const;
     virtual bool hasPcr() const;
-    /// discontinuity_indicator (ISO/IEC 13818-1, 2.4.3.5): counter or time base restart here on purpose. An
-    /// adaptation field that does not fit into the packet has none.
+    /// discontinuity_indicator (ISO/IEC 13818-1, 2.4.3.5): the counter or the time base restarts here on
+    /// purpose. False if the adaptation field does not fit into the packet.
     bool hasDiscontinuityIndicator() const;
     virtual bool isPayloadUnitStart() const;
-    /// The PCR in 27 MHz ticks, base * 300 + extension with both as they stand in the packet.
+    /// The PCR in 27 MHz ticks: base * 300 + extension, both as in the packet.
     /// @throws TsPacketError where hasPcr() is false
     virtual std::uint64_t getPcr() const;
-    /// First byte of the payload; the end of the packet where there is none, never a place beyond it.
+    /// First byte of the payload, or the end of the packet if it has no payload; never beyond that.
     virtual const std::uint8_t* getPayloadPtr() const;
     virtual std::uint8_t* getPayloadPtr();
     virtual bool hasTransportError() const;
