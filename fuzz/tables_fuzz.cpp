@@ -1,5 +1,5 @@
-// Words of both tables, in two states: monitors, readers and dumps take them as they are, and the events of
-// the two polls add up to the second state.
+// Two states of the words of both tables: monitors and dumps accept any words, and an unchanged table yields
+// no events.
 
 #include <cstdint>
 #include <cstring>

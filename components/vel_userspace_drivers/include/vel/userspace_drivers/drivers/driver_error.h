@@ -6,7 +6,7 @@
 
 namespace Vel::Drivers {
 
-/// Root of the errors of all drivers, to catch them together; never thrown itself.
+/// Base of all driver errors, so that a caller can catch them together; never thrown itself.
 class DriverError : public Error {
 public:
     DriverError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())

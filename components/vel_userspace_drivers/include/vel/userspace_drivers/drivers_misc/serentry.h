@@ -10,8 +10,7 @@
 namespace Vel::Drivers::Misc {
 
 /// Base of the rows of hardware tables: a value with named fields and a serialized form of a fixed number of
-/// words. toWords() and fromWords() carry the one over to the other; nothing else keeps them in step.
-/// Reentrant.
+/// words. Only toWords() and fromWords() convert between the two. Reentrant.
 template <typename T>
 class SerilizeableEntry {
 public:
@@ -19,12 +18,12 @@ public:
 
     /// Writes the fields into the words.
     virtual void toWords() = 0;
-    /// Reads the fields from the words; false when they hold no valid row.
+    /// Reads the fields from the words; false if the words are not a valid row.
     virtual bool fromWords() = 0;
     /// Resets the fields to those of a cleared row.
     virtual void clear() = 0;
 
-    /// Takes over one row's words and reads the fields from them; an invalid row becomes a cleared one.
+    /// Copies the words of one row and reads the fields from them; an invalid row becomes a cleared one.
     /// Throws ParsingError when `buffer` does not hold exactly one row. Allocates nothing.
     void deserialize(std::span<const T> buffer) {
         if (buffer.size() != m_Words.size()) {
@@ -36,24 +35,18 @@ public:
         }
     }
 
-    /// The serialized form, as toWords() or deserialize() left it.
+    /// The serialized form, as last set by toWords() or deserialize().
     const std::vector<T>& getWords() const { return m_Words; }
 
 protected:
     explicit SerilizeableEntry(std::size_t wordCount) : m_Words(wordCount) {}
-    // Copied as a part of a row only, never on its own.
+    // Copied only as part of a row.
     SerilizeableEntry(const SerilizeableEntry&) = default;
     SerilizeableEntry(SerilizeableEntry&&) noexcept = default;
     SerilizeableEntry& operator=(const SerilizeableEntry&) = default;
     SerilizeableEntry& operator=(SerilizeableEntry&&) noexcept = default;
 
-    /// The fields were set rather than only read from words; so from construction on.
-    void setModified() { m_Modified = true; }
-
     std::vector<T> m_Words;
-
-private:
-    bool m_Modified = true;
 };
 
 }  // namespace Vel::Drivers::Misc

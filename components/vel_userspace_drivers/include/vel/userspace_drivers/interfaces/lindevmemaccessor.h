@@ -10,7 +10,7 @@
 
 namespace Vel::Drivers {
 
-/// An access does not lie within the device's memory, or not on a multiple of its width.
+/// An access is outside the device's memory or is not aligned to its width.
 class DevMemError : public Error {
 public:
     DevMemError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
@@ -28,12 +28,12 @@ enum class MemAccessType { R32, R16, R8, W32, W16, W8 };
 /// "R32" to "W8"; "undefined" for any other value.
 const char* accessTypeToString(MemAccessType type);
 
-/// Device memory as one linear segment, which a derived class supplies. Every operation tests its whole range
-/// first, then makes exactly one load or store of its width per unit, in ascending order: a failed access
-/// changes nothing.
+/// Device memory as one linear segment, which a derived class supplies. Every operation first checks its
+/// whole range, then makes exactly one load or store of its width per unit, in ascending order. A failed
+/// access changes nothing.
 ///
-/// All operations throw DevMemError when the range passes the segment's end, and whatever checkAccessible()
-/// throws. Thread-bound: one thread at a time.
+/// All operations throw DevMemError when the range extends past the end of the segment, and whatever
+/// checkAccessible() throws. Thread-bound: one thread at a time.
 class LinDevMemAccessor : public IMemIf {
 public:
     std::uint32_t read32(std::uint32_t index) override { return readUnit<std::uint32_t>(index); }
@@ -72,14 +72,14 @@ public:
         load(locate<std::uint32_t>(index, words.size(), MemAccessType::R32), words);
     }
 
-    /// The memory to access; asked for on every operation.
+    /// The memory to access; called by every operation.
     virtual MemSegment getMemSegment() const = 0;
-    /// Throws when the segment cannot be accessed at present; called before every access.
+    /// Throws when the segment is currently not accessible; called before every access.
     virtual void checkAccessible() const {}
 
 protected:
-    /// Throws unless `byteSize` bytes from `byteOffset` on lie within `segmentSize` bytes and start on a
-    /// multiple of the access' width.
+    /// Throws unless `byteSize` bytes from `byteOffset` on lie within `segmentSize` bytes and `byteOffset` is
+    /// a multiple of the width of a defined access type.
     void checkAccess(std::uint32_t segmentSize, std::uint64_t byteOffset, std::uint64_t byteSize,
                      MemAccessType type) const;
 
@@ -100,9 +100,9 @@ private:
         return static_cast<Unit*>(static_cast<void*>(segment.base)) + index;
     }
 
-    // load() and writeUnits() are the only places that touch device memory. The compiler cannot know that it
-    // changes and acts by itself: volatile keeps one load or store of the full width per unit, in order, none
-    // merged with a neighbour, repeated or left out.
+    // Only load() and writeUnits() touch device memory. It may change at any time, and stores have effects
+    // that the compiler does not know. volatile makes it emit one load or store of the full width per unit,
+    // in order, none merged, repeated or omitted.
     template <typename Unit>
     static void load(const volatile Unit* device, std::span<Unit> units) {
         for (Unit& unit : units) {
@@ -112,7 +112,7 @@ private:
 
     template <typename Unit>
     std::vector<Unit> readUnits(std::uint32_t index, std::uint32_t count) const {
-        // Tested before the vector exists: a senseless count is a range error, not a lack of memory.
+        // Checked before the vector is allocated: an excessive count is a range error, not bad_alloc.
         const Unit* device = locate<Unit>(index, count, READ<Unit>);
         std::vector<Unit> units(count);
         load(device, std::span(units));

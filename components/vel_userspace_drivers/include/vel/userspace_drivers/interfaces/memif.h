@@ -7,12 +7,12 @@
 
 namespace Vel::Drivers {
 
-/// Access to the memory of a device, in units of 32, 16 and 8 bits. Everything above the devices reaches
-/// registers and tables only through this interface, so a test can replace the device with a plain vector.
+/// Access to the memory of a device, in units of 32, 16 and 8 bits. All other code accesses registers and
+/// tables only through this interface, so a test can replace the device with a plain vector.
 ///
 /// An index counts units of the operation's width from the start of the accessible memory. An access that
-/// passes its end, or cannot be made at all, throws and leaves the memory untouched; see the implementation
-/// for the errors. Thread-bound: one thread at a time.
+/// extends past its end, or is not possible at all, throws and leaves the memory unchanged; see the
+/// implementation for the errors. Thread-bound: one thread at a time.
 class IMemIf {
 public:
     virtual std::uint32_t read32(std::uint32_t index) = 0;

@@ -1,7 +1,6 @@
 #include "vel/userspace_drivers/drivers/zep/ts/ipinentry.h"
 
 #include "vel/cpp_utils/uri/uri.h"
-#include "vel/userspace_drivers/drivers/driver_error.h"
 
 namespace Vel::Drivers::Zep {
 
@@ -19,12 +18,6 @@ IpAdrContainer parseIp(const std::string& text, const char* refusal) {
 
 }  // namespace
 
-IpInEntry::IpInEntry() {
-    clear();
-}
-
-IpInEntry::IpInEntry(std::uint32_t tsiidx) : IpInEntry(tsiidx, IpAdrContainer(), 0) {}
-
 IpInEntry::IpInEntry(std::uint32_t tsiidx, const IpAdrContainer& ip, std::uint32_t udpPort)
     : m_TSIIDX(requireInRange(tsiidx, TSIIDX_RANGE, "IpInEntry created with invalid TSIidx (")),
       m_Ip(ip),
@@ -34,13 +27,12 @@ IpInEntry::IpInEntry(std::uint32_t tsiidx, const std::string& ip, std::uint32_t 
     : IpInEntry(tsiidx, parseIp(ip, "IpInEntry created with invalid IP address ("), udpPort) {}
 
 void IpInEntry::setTSIIDX(std::uint32_t tsiidx) {
-    assign(m_TSIIDX, tsiidx, TSIIDX_RANGE, "Attempt to set invalid TSIidx (");
+    m_TSIIDX = requireInRange(tsiidx, TSIIDX_RANGE, "Attempt to set invalid TSIidx (");
     m_Enabled = true;
 }
 
 void IpInEntry::setIp(const IpAdrContainer& ip) {
     m_Ip = ip;
-    setModified();
     m_Enabled = true;
 }
 
@@ -49,7 +41,7 @@ void IpInEntry::setIp(const std::string& ip) {
 }
 
 void IpInEntry::setUdpPort(std::uint32_t udpPort) {
-    assign(m_UdpPort, udpPort, UDP_PORT_RANGE, "Attempt to set invalid UDP port (");
+    m_UdpPort = requireInRange(udpPort, UDP_PORT_RANGE, "Attempt to set invalid UDP port (");
     m_Enabled = true;
 }
 

@@ -1,19 +1,9 @@
 #include "vel/userspace_drivers/drivers/zep/ts/ipoutentry.h"
 
-#include "vel/userspace_drivers/drivers/driver_error.h"
-
 namespace Vel::Drivers::Zep {
 
 using CppUtil::IpAdrContainer;
 using CppUtil::MacAdrContainer;
-
-IpOutEntry::IpOutEntry() {
-    clear();
-}
-
-IpOutEntry::IpOutEntry(std::uint32_t tsoIdx) : IpOutEntry() {
-    setTSOIDX(tsoIdx);
-}
 
 IpOutEntry::IpOutEntry(std::uint32_t tsoIdx, const MacAdrContainer& mac, const IpAdrContainer& ip,
                        std::uint32_t udpPort, bool rtp)
@@ -27,17 +17,16 @@ void IpOutEntry::setTSOIDX(std::uint32_t tsoIdx) {
         throw ZepDriverError("TSOIdx out of range");
     }
     m_TSOIDX = tsoIdx;
-    setModified();
 }
 
 void IpOutEntry::setMac(const MacAdrContainer& mac) {
     m_Mac = mac;
-    enable();
+    m_Enabled = true;
 }
 
 void IpOutEntry::setIp(const IpAdrContainer& ip) {
     m_Ip = ip;
-    enable();
+    m_Enabled = true;
 }
 
 void IpOutEntry::setUdpPort(std::uint32_t udpPort) {
@@ -45,12 +34,12 @@ void IpOutEntry::setUdpPort(std::uint32_t udpPort) {
         throw ZepDriverError("UDPPort out of range");
     }
     m_UdpPort = udpPort;
-    enable();
+    m_Enabled = true;
 }
 
 void IpOutEntry::setRtp(bool rtp) {
     m_Rtp = rtp;
-    enable();
+    m_Enabled = true;
 }
 
 void IpOutEntry::clear() {
@@ -59,11 +48,6 @@ void IpOutEntry::clear() {
     setUdpPort(UDP_PORT_RANGE.max);
     setRtp(false);
     m_Enabled = false;
-}
-
-void IpOutEntry::enable() {
-    m_Enabled = true;
-    setModified();
 }
 
 }  // namespace Vel::Drivers::Zep

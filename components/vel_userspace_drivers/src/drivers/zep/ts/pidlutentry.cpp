@@ -2,10 +2,6 @@
 
 namespace Vel::Drivers::Zep {
 
-PidLutEntry::PidLutEntry() {
-    clear();
-}
-
 PidLutEntry::PidLutEntry(std::uint32_t tsiidx, std::uint32_t pid, std::uint32_t pidIdx, bool outRoute,
                          bool cpuRoute)
     : PidLutEntry(tsiidx, pid, pidIdx, FILTTABIDX_RANGE.max, outRoute, cpuRoute) {}
@@ -20,20 +16,20 @@ PidLutEntry::PidLutEntry(std::uint32_t tsiidx, std::uint32_t pid, std::uint32_t 
 }
 
 void PidLutEntry::setTSIIDX(std::uint32_t tsiidx) {
-    assign(m_TSIIDX, tsiidx, TSIIDX_RANGE, "PidLutEntry created/modified with invalid TSIIDX (");
+    m_TSIIDX = requireInRange(tsiidx, TSIIDX_RANGE, "PidLutEntry created/modified with invalid TSIIDX (");
 }
 
 void PidLutEntry::setPID(std::uint32_t pid) {
-    assign(m_PID, pid, PID_RANGE, "PidLutEntry created/modified with invalid PID (");
+    m_PID = requireInRange(pid, PID_RANGE, "PidLutEntry created/modified with invalid PID (");
 }
 
 void PidLutEntry::setPIDIDX(std::uint32_t pidIdx) {
-    assign(m_PIDIDX, pidIdx, PIDIDX_RANGE, "PidLutEntry created/modified with invalid PIDIDX (");
+    m_PIDIDX = requireInRange(pidIdx, PIDIDX_RANGE, "PidLutEntry created/modified with invalid PIDIDX (");
 }
 
 void PidLutEntry::setFiltTabIDX(std::uint32_t filtTabIdx) {
-    assign(m_FiltTabIDX, filtTabIdx, FILTTABIDX_RANGE,
-           "PidLutEntry created/modified with invalid FiltTabIDX (");
+    m_FiltTabIDX = requireInRange(filtTabIdx, FILTTABIDX_RANGE,
+                                  "PidLutEntry created/modified with invalid FiltTabIDX (");
 }
 
 void PidLutEntry::clear() {

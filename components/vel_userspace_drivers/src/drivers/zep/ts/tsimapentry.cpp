@@ -2,25 +2,21 @@
 
 namespace Vel::Drivers::Zep {
 
-TsiMapEntry::TsiMapEntry() {
-    clear();
-}
-
 TsiMapEntry::TsiMapEntry(std::uint32_t tsiidx) : TsiMapEntry() {
-    assign(m_TSIIDX, tsiidx, TSIIDX_RANGE, "Cannot create TsiMapEntry - invalid TSIidx (");
+    m_TSIIDX = requireInRange(tsiidx, TSIIDX_RANGE, "Cannot create TsiMapEntry - invalid TSIidx (");
 }
 
 TsiMapEntry::TsiMapEntry(std::uint32_t tsiidx, std::uint32_t pidIdx) : TsiMapEntry(tsiidx) {
-    assign(m_PIDIDX, pidIdx, PIDIDX_RANGE, "Cannot create TsiMapEntry - invalid PIDidx (");
+    m_PIDIDX = requireInRange(pidIdx, PIDIDX_RANGE, "Cannot create TsiMapEntry - invalid PIDidx (");
     m_Enabled = true;
 }
 
 void TsiMapEntry::setTSIIDX(std::uint32_t tsiidx) {
-    assign(m_TSIIDX, tsiidx, TSIIDX_RANGE, "Cannot set TSIidx - invalid TSIidx given (");
+    m_TSIIDX = requireInRange(tsiidx, TSIIDX_RANGE, "Cannot set TSIidx - invalid TSIidx given (");
 }
 
 void TsiMapEntry::setPIDIDX(std::uint32_t pidIdx) {
-    assign(m_PIDIDX, pidIdx, PIDIDX_RANGE, "Cannot set PIDidx - invalid PIDidx given (");
+    m_PIDIDX = requireInRange(pidIdx, PIDIDX_RANGE, "Cannot set PIDidx - invalid PIDidx given (");
 }
 
 void TsiMapEntry::clear() {

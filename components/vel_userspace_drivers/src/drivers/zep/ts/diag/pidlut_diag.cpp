@@ -1,7 +1,6 @@
 #include "vel/userspace_drivers/drivers/zep/ts/diag/pidlut_diag.h"
 
 #include "table_access.h"
-#include "vel/cpp_utils/error.h"
 #include "vel/userspace_drivers/drivers/zep/ts/pidmapentry.h"
 #include "vel/userspace_drivers/drivers/zep/ts/tsimapentry.h"
 

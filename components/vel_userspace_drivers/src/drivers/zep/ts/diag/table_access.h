@@ -7,16 +7,23 @@
 
 #include <fmt/format.h>
 
+#include "vel/cpp_utils/error.h"
 #include "vel/userspace_drivers/drivers/zep/ts/bitfield.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/decode_rows.h"
 #include "vel/userspace_drivers/interfaces/memif.h"
 
 namespace Vel::Drivers::Zep {
 
-/// Throws InvalidArgumentError unless `table` has all of the `count` rows from row `first` on.
-void requireRows(const Table& table, std::uint32_t first, std::uint32_t count);
+/// Throws InvalidArgumentError unless `table` has all `count` rows from row `first` on.
+inline void requireRows(const Table& table, std::uint32_t first, std::uint32_t count) {
+    if (first > table.rows || count > table.rows - first) {
+        throw CppUtil::InvalidArgumentError(
+            fmt::format("Offset ({}) and count ({}) exceeds the size ({}) of the ZEP {}.", first, count,
+                        table.rows, table.name));
+    }
+}
 
-/// The present value of a register's field.
+/// The current value of a register's field.
 inline std::uint32_t readRegister(IMemIf& memory, const BitField& bits) {
     return bits.extract(memory.read32(bits.word));
 }
@@ -36,7 +43,7 @@ std::vector<Row> readRows(IMemIf& memory, const Table& table, std::uint32_t firs
     return decodeRows<Row>(words, keep);
 }
 
-/// Rows that a dump is asked for.
+/// The rows to dump.
 struct DumpRange {
     std::uint32_t first;
     std::uint32_t count;
@@ -47,10 +54,10 @@ inline const char* yesNo(bool flag) {
     return flag ? "YES" : "NO";
 }
 
-/// Writes one line per row for which `isShown(row)` holds, or per row where all are asked for, each as soon
-/// as its row is read. Throws InvalidArgumentError when the range passes the table's end.
+/// Writes one line for each row, or only for those that `isShown(row)` accepts, as soon as the row is read.
+/// Throws InvalidArgumentError when the range extends past the end of the table.
 /// @param format called with index and row, returns the text of the row's fields
-/// @param indexDigits of the row index, padded with zeros
+/// @param indexDigits width of the row index, padded with zeros
 template <class Row, class IsShown, class Format>
 void dumpRows(IMemIf& memory, const Table& table, const DumpRange& range, IsShown isShown, Format format,
               std::ostream& output, int indexDigits = 3) {

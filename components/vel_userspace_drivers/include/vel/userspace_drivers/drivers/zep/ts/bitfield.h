@@ -7,7 +7,7 @@ namespace Vel::Drivers::Zep {
 
 /// Bits of one field within 32-bit words.
 struct BitField {
-    std::uint32_t word;   ///< of the row for a field of a table, of the device for a register
+    std::uint32_t word;   ///< index within the row for a table field, within the device for a register
     std::uint32_t shift;  ///< lowest bit
     std::uint32_t width;  ///< bits, 1..32
 
@@ -15,11 +15,11 @@ struct BitField {
     constexpr std::uint32_t mask() const { return 0xFFFFFFFFU >> (32 - width); }
     /// The field's value in `wordValue`, the value of its word.
     constexpr std::uint32_t extract(std::uint32_t wordValue) const { return wordValue >> shift & mask(); }
-    /// The field's share of its word; the other bits are 0.
+    /// The word with this field set to `value`; all other bits are 0.
     constexpr std::uint32_t place(std::uint32_t value) const { return (value & mask()) << shift; }
 };
 
-/// Values that a field accepts, both ends included.
+/// Values that a field accepts, from `min` to `max` inclusive.
 struct Range {
     std::uint32_t min;
     std::uint32_t max;
@@ -27,7 +27,7 @@ struct Range {
     constexpr bool contains(std::uint32_t value) const { return min <= value && value <= max; }
 };
 
-/// Placement of a table in its device.
+/// Position of a table in its device.
 struct Table {
     const char* name;
     std::uint32_t base;  ///< word index of row 0

@@ -16,10 +16,10 @@ namespace Vel::Drivers::Zep {
 class IpInEntry final : public TableRow<IpInEntry, IpLut::TABLE.wordsPerRow> {
 public:
     /// A cleared row.
-    IpInEntry();
+    IpInEntry() { clear(); }
     /// An enabled row of address 0.0.0.0, port 0.
     /// @param tsiidx 0..255
-    explicit IpInEntry(std::uint32_t tsiidx);
+    explicit IpInEntry(std::uint32_t tsiidx) : IpInEntry(tsiidx, CppUtil::IpAdrContainer(), 0) {}
     /// An enabled row.
     /// @param udpPort 0..65535
     IpInEntry(std::uint32_t tsiidx, const CppUtil::IpAdrContainer& ip, std::uint32_t udpPort);
@@ -41,17 +41,16 @@ public:
 
     /// By address, then by port.
     friend std::weak_ordering operator<=>(const IpInEntry& left, const IpInEntry& right) {
-        return std::pair(left.m_Ip.toUint32(), left.m_UdpPort) <=>
-               std::pair(right.m_Ip.toUint32(), right.m_UdpPort);
+        return left.key() <=> right.key();
     }
     /// Same input at the same address and port, enabled or not.
     friend bool operator==(const IpInEntry& left, const IpInEntry& right) {
-        return left.m_TSIIDX == right.m_TSIIDX && left.m_Ip.toUint32() == right.m_Ip.toUint32() &&
-               left.m_UdpPort == right.m_UdpPort;
+        return left.m_TSIIDX == right.m_TSIIDX && left.key() == right.key();
     }
 
 private:
     friend TableRow;
+    std::pair<std::uint32_t, std::uint32_t> key() const { return {m_Ip.toUint32(), m_UdpPort}; }
     template <class Self, class Visit>
     static void visitFields(Self& row, Visit visit) {
         visit(IpLut::ADDRESS, row.m_Ip);
@@ -66,8 +65,8 @@ private:
     bool m_Enabled = true;
 };
 
-/// The text that names an input: udp, the dotted address and, unless it is 0, the port, as in
-/// udp://239.1.2.3:5000. Operators link files to inputs by it.
+/// The URI that names an input, for example udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0. Operators
+/// link files to inputs by it.
 std::string buildInputUri(const IpInEntry& entry);
 
 }  // namespace Vel::Drivers::Zep

@@ -12,21 +12,21 @@
 namespace Vel::Drivers::Zep {
 
 /// Row of the IP output table: where an output transport stream is sent, and whether with an RTP header. The
-/// row's place in the table is its TSOIDX, so its words do not hold it. Setters of what the words hold enable
-/// the row.
+/// row's index in the table is its TSOIDX, so its words do not hold it. The setters of all other fields
+/// enable the row.
 class IpOutEntry final : public TableRow<IpOutEntry, IpOutTable::TABLE.wordsPerRow> {
 public:
     /// A cleared row of MAC address 00:00:00:00:00:00.
-    IpOutEntry();
+    IpOutEntry() { clear(); }
     /// The same for an output stream.
     /// @param tsoIdx 0..255
-    explicit IpOutEntry(std::uint32_t tsoIdx);
+    explicit IpOutEntry(std::uint32_t tsoIdx) : IpOutEntry() { setTSOIDX(tsoIdx); }
     /// An enabled row.
     /// @param udpPort 0..65535
     IpOutEntry(std::uint32_t tsoIdx, const CppUtil::MacAdrContainer& mac, const CppUtil::IpAdrContainer& ip,
                std::uint32_t udpPort, bool rtp);
 
-    /// Leaves the row enabled or not, as it is.
+    /// Does not enable the row.
     void setTSOIDX(std::uint32_t tsoIdx);
     void setMac(const CppUtil::MacAdrContainer& mac);
     void setIp(const CppUtil::IpAdrContainer& ip);
@@ -45,17 +45,16 @@ public:
 
     /// By address, then by port.
     friend std::weak_ordering operator<=>(const IpOutEntry& left, const IpOutEntry& right) {
-        return std::pair(left.m_Ip.toUint32(), left.m_UdpPort) <=>
-               std::pair(right.m_Ip.toUint32(), right.m_UdpPort);
+        return left.key() <=> right.key();
     }
     /// Same output stream to the same address and port.
     friend bool operator==(const IpOutEntry& left, const IpOutEntry& right) {
-        return left.m_TSOIDX == right.m_TSOIDX && left.m_Ip.toUint32() == right.m_Ip.toUint32() &&
-               left.m_UdpPort == right.m_UdpPort;
+        return left.m_TSOIDX == right.m_TSOIDX && left.key() == right.key();
     }
 
 private:
     friend TableRow;
+    std::pair<std::uint32_t, std::uint32_t> key() const { return {m_Ip.toUint32(), m_UdpPort}; }
     template <class Self, class Visit>
     static void visitFields(Self& row, Visit visit) {
         visit(IpOutTable::MAC, row.m_Mac);
@@ -64,7 +63,6 @@ private:
         visit(IpOutTable::RTP, row.m_Rtp);
         visit(IpOutTable::ENABLED, row.m_Enabled);
     }
-    void enable();
 
     std::uint32_t m_TSOIDX = 0;
     CppUtil::MacAdrContainer m_Mac;

@@ -7,16 +7,16 @@
 
 namespace Vel::Drivers::Zep {
 
-/// Row of the PHYS IN MAP: the input transport stream that a physical input feeds. The row's place in the
+/// Row of the PHYS IN MAP: the input transport stream that a physical input feeds. The row's index in the
 /// table is its PHYIIDX, so its word does not hold it. A row read from the table may hold a TSIIDX that no
 /// setter accepts.
 class PhysInEntry final : public TableRow<PhysInEntry, PhysInMap::TABLE.wordsPerRow> {
 public:
     /// A cleared row.
-    PhysInEntry();
+    PhysInEntry() { clear(); }
     /// A physical input that feeds no input stream.
     /// @param phyiIdx 0..63
-    explicit PhysInEntry(std::uint32_t phyiIdx);
+    explicit PhysInEntry(std::uint32_t phyiIdx) : PhysInEntry(phyiIdx, NO_TSIIDX) {}
     /// @param tsiidx 0..255, 255 for none
     PhysInEntry(std::uint32_t phyiIdx, std::uint32_t tsiidx);
 

@@ -7,16 +7,16 @@
 
 namespace Vel::Drivers::Zep {
 
-/// Row of the PHYS OUT MAP: the physical output of an output transport stream. The row's place in the table
+/// Row of the PHYS OUT MAP: the physical output of an output transport stream. The row's index in the table
 /// is its TSOIDX, so its word does not hold it. No setter enables the row. A row that is cleared, or read
 /// from the table, may hold a PHYOIDX that no setter accepts.
 class PhysOutEntry final : public TableRow<PhysOutEntry, PhysOutMap::TABLE.wordsPerRow> {
 public:
     /// A cleared row.
-    PhysOutEntry();
+    PhysOutEntry() { clear(); }
     /// The same for an output stream.
     /// @param tsoIdx 0..255
-    explicit PhysOutEntry(std::uint32_t tsoIdx);
+    explicit PhysOutEntry(std::uint32_t tsoIdx) : PhysOutEntry() { setTSOIDX(tsoIdx); }
     /// An enabled row.
     /// @param phyoIdx 0..23
     PhysOutEntry(std::uint32_t tsoIdx, std::uint32_t phyoIdx);

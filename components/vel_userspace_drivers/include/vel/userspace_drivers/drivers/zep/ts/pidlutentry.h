@@ -14,7 +14,7 @@ namespace Vel::Drivers::Zep {
 class PidLutEntry final : public TableRow<PidLutEntry, PidLut::TABLE.wordsPerRow> {
 public:
     /// A cleared row.
-    PidLutEntry();
+    PidLutEntry() { clear(); }
     /// A row of FiltTabIDX 255.
     /// @param tsiidx 0..255
     /// @param pid 0..8191
@@ -28,8 +28,8 @@ public:
     void setPID(std::uint32_t pid);
     void setPIDIDX(std::uint32_t pidIdx);
     void setFiltTabIDX(std::uint32_t filtTabIdx);
-    void setCpuRoute(bool cpuRoute) { assign(m_CpuRoute, cpuRoute); }
-    void setOutRoute(bool outRoute) { assign(m_OutRoute, outRoute); }
+    void setCpuRoute(bool cpuRoute) { m_CpuRoute = cpuRoute; }
+    void setOutRoute(bool outRoute) { m_OutRoute = outRoute; }
 
     std::uint32_t getTSIIDX() const { return m_TSIIDX; }
     std::uint32_t getPID() const { return m_PID; }

@@ -8,19 +8,20 @@
 namespace Vel::Drivers::Zep {
 
 /// Row of the O-PID MAP: an output transport stream that a routed PID goes to, perhaps under another PID, and
-/// the row that continues the chain. The row's place in the table is its PIDIDX, so its words do not hold it.
-/// A row that would continue with itself is refused as a value that does not fit. No setter enables the row.
+/// the row that continues the chain. The row's index in the table is its PIDIDX, so its words do not hold it.
+/// An index that would link the row to itself is refused like one that is out of range. No setter enables the
+/// row.
 class PidMapEntry final : public TableRow<PidMapEntry, OPidMap::TABLE.wordsPerRow> {
 public:
     /// A cleared row.
-    PidMapEntry();
-    /// The same at another place.
+    PidMapEntry() { clear(); }
+    /// The same with another index.
     /// @param pidIdx 1..4095
     explicit PidMapEntry(std::uint32_t pidIdx);
     /// An enabled row that keeps the PID and ends its chain.
     /// @param tsoIdx 0..255
     PidMapEntry(std::uint32_t pidIdx, std::uint32_t tsoIdx);
-    /// An enabled row that gives the packets another PID and ends its chain.
+    /// An enabled row that changes the PID and ends its chain.
     /// @param remapPid 0..8191
     PidMapEntry(std::uint32_t pidIdx, std::uint32_t tsoIdx, std::uint32_t remapPid);
 
@@ -39,7 +40,7 @@ public:
     std::uint32_t getRemapPID() const { return m_RemapPID; }
     bool isEnabled() const { return m_Enabled; }
 
-    /// Leaves PIDIDX 4095, since the words do not say where the row stands.
+    /// Sets PIDIDX 4095, since the words do not hold it.
     bool fromWords() override;
     /// PIDIDX 4095, NEXTPIDIDX 0, TSOIDX 255, no remap, remap PID 8191, not enabled.
     void clear() override;

@@ -5,12 +5,12 @@
 #include "vel/cpp_utils/stream_limits.h"
 #include "vel/userspace_drivers/drivers/zep/ts/bitfield.h"
 
-/// Where the FPGA keeps its tables and registers, and what their bits mean. Encoders, decoders, readers and
-/// dumps take every position from here. Word indices count 32-bit words, in the processor's byte order, from
-/// the start of the device. Bits that no field names are written 0 and ignored when read.
+/// Positions of the FPGA's tables and registers, and the meaning of their bits. Encoders, decoders, readers
+/// and dumps use only these definitions. Word indices count 32-bit words, in the processor's byte order, from
+/// the start of the device. Bits outside the fields are written 0 and ignored when read.
 namespace Vel::Drivers::Zep {
 
-/// A device with tables: its default path, and the bytes that are mapped.
+/// A device with tables: its default path, and the number of bytes to map.
 struct DeviceInfo {
     const char* path;
     std::uint32_t size;
@@ -30,8 +30,8 @@ inline constexpr Range PHYIIDX_RANGE{0, 63};         ///< physical inputs
 inline constexpr Range PHYOIDX_RANGE{0, 23};         ///< physical outputs
 
 inline constexpr std::uint32_t NO_TSIIDX = 255;  ///< a physical input with it feeds no input stream
-inline constexpr std::uint32_t NO_PHYIIDX = 31;  ///< of a cleared row; no port bears this index
-inline constexpr std::uint32_t NO_PHYOIDX = 31;  ///< of a cleared row; no port bears this index
+inline constexpr std::uint32_t NO_PHYIIDX = 31;  ///< of a cleared row; no port has this index
+inline constexpr std::uint32_t NO_PHYOIDX = 31;  ///< of a cleared row; no port has this index
 
 /// tsio device: IP addresses and ports of the input streams.
 namespace IpLut {
@@ -59,7 +59,7 @@ inline constexpr BitField ENABLED{0, 8, 1};
 static_assert(fitRow(TABLE, {PHYOIDX, ENABLED}));
 }  // namespace PhysOutMap
 
-/// tsio device: where each output stream is sent by IP. Row i belongs to TSOIDX i.
+/// tsio device: IP destination of each output stream. Row i belongs to TSOIDX i.
 namespace IpOutTable {
 inline constexpr Table TABLE{"IP OUTPUT TABLE", 1024, 256, 4};
 /// Element i is octet i; octet 5 is written first.
@@ -73,7 +73,8 @@ static_assert(fitRow(TABLE,
                      {MAC[0], MAC[1], MAC[2], MAC[3], MAC[4], MAC[5], ADDRESS, UDP_PORT, RTP, ENABLED}));
 }  // namespace IpOutTable
 
-/// Router device: routes of the inputs' packets. Two banks, of which the select bit says which one is bank 0.
+/// Router device: routes of the inputs' packets. There are two banks; the select bit says which one is bank
+/// 0.
 namespace PidLut {
 inline constexpr Table TABLE{"PID LUT", 8192, 2048, 2};  ///< in the lower bank
 inline constexpr std::uint32_t UPPER_BASE = 12288;       ///< word index of row 0 in the upper bank

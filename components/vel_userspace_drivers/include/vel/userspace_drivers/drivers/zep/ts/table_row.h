@@ -4,22 +4,30 @@
 #include <array>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "vel/cpp_utils/network/ipadrcontainer.h"
 #include "vel/cpp_utils/network/macadrcontainer.h"
+#include "vel/userspace_drivers/drivers/driver_error.h"
 #include "vel/userspace_drivers/drivers/zep/ts/bitfield.h"
 #include "vel/userspace_drivers/drivers_misc/serentry.h"
 
 namespace Vel::Drivers::Zep {
 
-/// Returns `value`; throws ZepDriverError with `refusal`, the value and ")" when it lies outside of `range`.
-std::uint32_t requireInRange(std::uint32_t value, const Range& range, const char* refusal);
+/// Returns `value`; throws ZepDriverError with `refusal`, the value and ")" when it lies outside `range`.
+[[nodiscard]] inline std::uint32_t requireInRange(std::uint32_t value, const Range& range,
+                                                  const char* refusal) {
+    if (!range.contains(value)) {
+        throw ZepDriverError(refusal + std::to_string(value) + ")");
+    }
+    return value;
+}
 
 /// Bits of a MAC address; element i holds octet i.
 using MacBits = std::array<BitField, CppUtil::MacAdrContainer::OCTETS>;
 
-/// Writes fields into the words of a row, which are all zero at first.
+/// Writes fields into the words of a row, which must be zero at first.
 struct RowEncoder {
     std::span<std::uint32_t> words;
 
@@ -47,21 +55,21 @@ struct RowDecoder {
         address.setUint32(extract(bits));
     }
     void operator()(const MacBits& bits, CppUtil::MacAdrContainer& address) const {
-        std::vector<std::uint8_t> octets;
-        for (const BitField& octet : bits) {
-            octets.push_back(static_cast<std::uint8_t>(extract(octet)));
-        }
+        std::vector<std::uint8_t> octets(bits.size());
+        std::ranges::transform(bits, octets.begin(), [&](const BitField& octet) {
+            return static_cast<std::uint8_t>(extract(octet));
+        });
         address = CppUtil::MacAdrContainer(octets);
     }
 };
 
-/// A table row of `WordCount` words whose fields each lie in some of their bits. A plain value; reentrant.
+/// A table row of `WordCount` words whose fields are bit fields of these words. A plain value; reentrant.
 ///
 /// Its constructors and setters throw ZepDriverError for a value that does not fit its field; a setter that
-/// throws changes nothing. Every combination of bits is a row, so reading from words never fails.
+/// throws changes nothing. Every combination of bits is a valid row, so reading from words never fails.
 ///
-/// The derived class says which bits hold which field, once for both directions, by a static
-/// `visitFields(row, visit)` that calls `visit(bits, field)` for every stored field.
+/// The derived class lists its fields once for both directions: a static `visitFields(row, visit)` calls
+/// `visit(bits, field)` for every stored field.
 template <class Row, std::uint32_t WordCount>
 class TableRow : public Misc::SerilizeableEntry<unsigned int> {
 public:
@@ -78,17 +86,6 @@ public:
 
 protected:
     TableRow() : SerilizeableEntry(WordCount) {}
-
-    /// Stores a value that lies within `range`; otherwise throws as requireInRange() does and changes
-    /// nothing.
-    void assign(std::uint32_t& field, std::uint32_t value, const Range& range, const char* refusal) {
-        field = requireInRange(value, range, refusal);
-        setModified();
-    }
-    void assign(bool& flag, bool value) {
-        flag = value;
-        setModified();
-    }
 };
 
 }  // namespace Vel::Drivers::Zep

@@ -7,13 +7,13 @@
 
 namespace Vel::Drivers::Zep {
 
-/// Row of the TSI MAP: the O-PID MAP row at which an input transport stream starts. The row's place in the
+/// Row of the TSI MAP: the O-PID MAP row at which an input transport stream starts. The row's index in the
 /// table is its TSIIDX, so its word does not hold it. No setter enables the row. A row read from the table
 /// may hold PIDIDX 0, which no setter accepts.
 class TsiMapEntry final : public TableRow<TsiMapEntry, TsiMap::TABLE.wordsPerRow> {
 public:
     /// A cleared row.
-    TsiMapEntry();
+    TsiMapEntry() { clear(); }
     /// The same for an input stream.
     /// @param tsiidx 0..255
     explicit TsiMapEntry(std::uint32_t tsiidx);

@@ -9,10 +9,10 @@
 
 namespace Vel::Drivers::Zep {
 
-/// Decodes the words of successive table rows, and returns those rows that `keep` accepts, in row order. Who
-/// polls a table can so read and compare plain words, and decode them only when they differ. Reentrant.
+/// Decodes the words of successive table rows, and returns the rows that `keep` accepts, in row order. A
+/// poller can thus compare plain words and decode them only when they differ. Reentrant.
 /// @param words whole rows of `Row::WORDS` words each
-/// @param keep called with a row, true to keep it; a getter such as `&PidLutEntry::isRouted` will do
+/// @param keep called with a row, true to keep it; may be a getter such as `&PidLutEntry::isRouted`
 template <class Row, class Keep>
 std::vector<Row> decodeRows(std::span<const std::uint32_t> words, Keep keep) {
     VEL_ASSERT(words.size() % Row::WORDS == 0);
