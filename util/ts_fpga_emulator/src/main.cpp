@@ -5,7 +5,6 @@
 #include <chrono>
 #include <csignal>
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -71,6 +70,9 @@ private:
 
     void onSignal(int signal) {
         if (signal == SIGUSR1) {
+            if (m_Stop.stop_requested()) {
+                return;  // a storm of them must not delay shutdown
+            }
             // While the application is built, the thread of the signals must not wait for it: the next one
             // may have to end the set-up.
             m_IsStatusRequested = true;
@@ -105,7 +107,7 @@ private:
 void configureAssertions() {
     auto& assertions = Vel::CppUtil::AssertionHandler::instance();
     assertions.setOutputHandler(
-        [](const std::string& text) { std::cerr << "ZEPTFEM - fatal Error: " << text << std::endl; });
+        [](const std::string& text) { Vel::CppUtil::writeError("ZEPTFEM - fatal Error: " + text + "\n"); });
     assertions.setStacktraceProvider([] { return "ZEPTFEM - no stack unwinding implemented."; });
     assertions.setAbortOnFailure(true);
 }
@@ -118,9 +120,6 @@ int main(int argc, char** argv) {
     // A reader of the records or of the log that leaves, and a size limit, show as write errors.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    // By default std::cerr flushes std::cout first, and so waits for the log's worker, which a full pipe may
-    // stop.
-    std::cerr.tie(nullptr);
     try {
         configureAssertions();
         Vel::Log::setLogsystem(std::make_unique<Vel::Log::StdoutLogger>(spdlog::level::info));
@@ -129,7 +128,8 @@ int main(int argc, char** argv) {
         application.construct(argc, argv);
         return application.run();
     } catch (const std::exception& e) {
-        std::cerr << e.what() << std::endl;
+        Vel::CppUtil::writeError(e.what());
+        Vel::CppUtil::writeError("\n");
         return EXIT_SETUP_FAILED;
     }
 }

@@ -1,19 +1,19 @@
 #pragma once
 
-#include <atomic>
 #include <functional>
+#include <stop_token>
 #include <thread>
 
 namespace Vel::Utils {
 
-/// Takes SIGINT, SIGTERM and SIGUSR1 from the process and hands them to a callback on a dedicated thread, one
-/// after the other. Unlike a signal handler, the callback may do anything. Constructed and destroyed on the
-/// main thread.
+/// Receives SIGINT, SIGTERM and SIGUSR1 on a dedicated thread and passes them to a callback, one after the
+/// other. Unlike a signal handler, the callback may do anything. Constructed and destroyed on the main
+/// thread.
 class SignalThread {
 public:
-    /// Blocks the signals in the calling thread and, by inheritance, in every thread that it starts
-    /// later; call it before the first one. They then stay pending until a SignalThread takes them. Linux
-    /// keeps a blocked signal also where the parent had it ignored.
+    /// Blocks the signals in the calling thread and, by inheritance, in every thread that it starts later;
+    /// call it before the first one. They stay pending until a SignalThread receives them. Linux keeps a
+    /// blocked signal even if the parent ignored it.
     static void blockSignals();
 
     /// @param onSignal called with the signal; must not throw
@@ -24,11 +24,10 @@ public:
     SignalThread& operator=(const SignalThread&) = delete;
 
 private:
-    void waitForSignals();
+    void waitForSignals(const std::stop_token& stop) const;
 
     std::function<void(int)> m_OnSignal;
-    std::atomic<bool> m_Stop = false;
-    std::thread m_Thread;
+    std::jthread m_Thread;
 };
 
 }  // namespace Vel::Utils

@@ -1,11 +1,9 @@
 #include "zeptfem_app.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
-#include <iostream>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -14,6 +12,7 @@
 #include "fpga_monitoring/pidlut_monitor.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
+#include "vel/cpp_utils/text.h"
 #include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
 
@@ -21,22 +20,24 @@ namespace Vel::Utils {
 
 namespace {
 
-/// Whether a write does not have to wait long. A full pipe that nobody reads, or a stopped terminal, must not
-/// keep the program from ending.
-bool isWritable(int descriptor) {
-    constexpr int PATIENCE_MS = 100;
-    pollfd status{descriptor, POLLOUT, 0};
-    return ::poll(&status, 1, PATIENCE_MS) > 0;
-}
+using CppUtil::escapeControls;
 
-/// Opening a plain file as data device truncates it, and a mistyped path must not cost the table.
-void requireOtherFile(const std::string& dataDevice, const std::string& controlDevice) {
+/// Opening a plain file as data device empties it, and a mistyped path must not cost a table or a stream. A
+/// file that is yet to be created counts as well: no stream may play its own output.
+void requireOtherFile(const std::string& dataDevice, const char* role, const std::string& path) {
+    namespace fs = std::filesystem;
     std::error_code ignored;
-    if (std::filesystem::is_regular_file(dataDevice, ignored) &&
-        CppUtil::isSameFile(dataDevice, controlDevice)) {
-        throw CppUtil::InvalidArgumentError("The data device \"" + dataDevice +
-                                            "\" is the control device \"" + controlDevice +
-                                            "\" and would be emptied.");
+    const auto place = [&](const std::string& name) {
+        return fs::weakly_canonical(fs::absolute(name, ignored), ignored);
+    };
+    const fs::file_status status = fs::status(dataDevice, ignored);
+    const bool isSame = fs::exists(status)
+                            ? fs::is_regular_file(status) && CppUtil::isSameFile(dataDevice, path)
+                            : place(dataDevice) == place(path);
+    if (isSame) {
+        throw CppUtil::InvalidArgumentError(
+            fmt::format("The data device \"{}\" is the {} \"{}\" and would be emptied.",
+                        escapeControls(dataDevice), role, escapeControls(path)));
     }
 }
 
@@ -46,8 +47,12 @@ ZEPTFEMApplication::ZEPTFEMApplication(int argc, const char* const* argv, std::s
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())), m_Stop(std::move(stop)) {
     cxxopts::Options options = declareOptions();
     const auto reportError = [&](const std::exception& e) {
-        std::cerr << e.what() << std::endl;
-        printHelp(options, std::cerr);
+        CppUtil::writeError(escapeControls(e.what()) + "\n" + options.help() + "\n");
+        m_ExitSignaled = true;
+    };
+    const auto print = [&](const std::string& text) {
+        CppUtil::writeText(STDOUT_FILENO, text + "\n", m_Stop.get_token());
+        m_ExitSignaled = true;
     };
     try {
         const cxxopts::ParseResult parsed = parseArguments(options, argc, argv);
@@ -55,10 +60,9 @@ ZEPTFEMApplication::ZEPTFEMApplication(int argc, const char* const* argv, std::s
             Log::getLogsystem()->setLevel(spdlog::level::debug);
         }
         if (parsed.count("help") > 0) {
-            printHelp(options, std::cout);
+            print(options.help());
         } else if (parsed.count("version") > 0) {
-            std::cout << ZEPTFEM_NAME_AND_VERSION << std::endl;
-            m_ExitSignaled = true;
+            print(ZEPTFEM_NAME_AND_VERSION);
         } else {
             setupApplication(parsed);
         }
@@ -91,9 +95,7 @@ std::int32_t ZEPTFEMApplication::doApplication() {
 }
 
 void ZEPTFEMApplication::handleSignal(int signal) {
-    if (isWritable(STDERR_FILENO)) {
-        std::cerr << "\nReceived signal " << (signal == SIGINT ? "SIGINT" : "SIGTERM") << std::endl;
-    }
+    CppUtil::writeError(signal == SIGINT ? "\nReceived signal SIGINT\n" : "\nReceived signal SIGTERM\n");
     const std::lock_guard lock(m_ExitMutex);
     m_ExitSignaled = true;
     m_ExitCondition.notify_one();
@@ -108,7 +110,8 @@ void ZEPTFEMApplication::logStatus() {
 void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
     Log::info(*m_Logger, "Starting the zeptfem application");
     for (const std::string& argument : options.unmatched()) {
-        Log::warning(*m_Logger, "Ignored the argument \"{}\", which belongs to no option", argument);
+        Log::warning(*m_Logger, "Ignoring argument \"{}\": it belongs to no option",
+                     escapeControls(argument));
     }
     const Settings settings = readSettings(options);
     logSettings(settings);
@@ -116,8 +119,11 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
 
     auto tsio = std::make_shared<Pci::PciIf>(settings.tsioDevice, Drivers::Zep::TSIO_DEVICE.size, 0);
     auto router = std::make_shared<Pci::PciIf>(settings.routerDevice, Drivers::Zep::ROUTER_DEVICE.size, 0);
-    requireOtherFile(settings.pktioDataDevice, settings.tsioDevice);
-    requireOtherFile(settings.pktioDataDevice, settings.routerDevice);
+    requireOtherFile(settings.pktioDataDevice, "control device", settings.tsioDevice);
+    requireOtherFile(settings.pktioDataDevice, "control device", settings.routerDevice);
+    for (const auto& [uri, file] : settings.files) {
+        requireOtherFile(settings.pktioDataDevice, "input file", file);
+    }
     m_PacketDispatcher = std::make_unique<PacketDispatcher>(settings.pktioDataDevice, stop);
     m_PktioStreamManager = std::make_unique<PktioStreamManager>(*m_PacketDispatcher, settings.streamMode,
                                                                 settings.files, stop, settings.pcrPacing);
@@ -128,21 +134,22 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
 }
 
 void ZEPTFEMApplication::logSettings(const Settings& settings) const {
-    Log::debug(*m_Logger, "Given path to router device {}", settings.routerDevice);
-    Log::debug(*m_Logger, "Given path to tsio device {}", settings.tsioDevice);
-    Log::debug(*m_Logger, "Given path to pktio_ctrl device {}", settings.pktioCtrlDevice);
-    Log::debug(*m_Logger, "Given path to pktio_data device {}", settings.pktioDataDevice);
+    Log::debug(*m_Logger, "Given path to router device {}", escapeControls(settings.routerDevice));
+    Log::debug(*m_Logger, "Given path to tsio device {}", escapeControls(settings.tsioDevice));
+    Log::debug(*m_Logger, "Given path to pktio_ctrl device {}", escapeControls(settings.pktioCtrlDevice));
+    Log::debug(*m_Logger, "Given path to pktio_data device {}", escapeControls(settings.pktioDataDevice));
     Log::debug(
         *m_Logger, "Stream mode is set to: {}",
         settings.streamMode == StreamMode::PcrRate ? "\nPCR RATE ADAPTION\n" : "\nMAXIMUM RATE ADAPTION\n");
     for (const auto& [uri, file] : settings.files) {
-        Log::debug(*m_Logger, "Given URI to file mapping: \"{}\"", file);
+        Log::debug(*m_Logger, "Given URI to file mapping: \"{}\"", escapeControls(file));
     }
-}
-
-void ZEPTFEMApplication::printHelp(const cxxopts::Options& options, std::ostream& out) {
-    out << options.help() << std::endl;
-    m_ExitSignaled = true;
+    if (settings.streamMode == StreamMode::PcrRate) {
+        Log::debug(*m_Logger, "Pacing rule: {}",
+                   settings.pcrPacing == PcrPacing::Clock
+                       ? "each packet at its PCR time (-c)"
+                       : "batches of 100 packets at the mean PCR rate (-m)");
+    }
 }
 
 }  // namespace Vel::Utils

@@ -2,7 +2,6 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <iosfwd>
 #include <memory>
 #include <mutex>
 #include <stop_token>
@@ -45,7 +44,6 @@ public:
 private:
     void setupApplication(const cxxopts::ParseResult& options);
     void logSettings(const Settings& settings) const;
-    void printHelp(const cxxopts::Options& options, std::ostream& out);
 
     std::shared_ptr<spdlog::logger> m_Logger;
     std::mutex m_ExitMutex;

@@ -20,7 +20,7 @@ PktioStreamIn::PktioStreamIn(const std::string& fileName, std::uint32_t tsiidx,
                              std::stop_token stop)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())),
       m_TSIIDX(tsiidx),
-      m_InputFile(fileName, [this] { return isStopped(); }),
+      m_InputFile(fileName, m_Stop.get_token()),
       m_RateAdapter(std::move(adapter)),
       m_Dispatcher(dispatcher),
       m_ProgramStop(std::move(stop), [this] { m_Stop.request_stop(); }) {
@@ -42,6 +42,13 @@ void PktioStreamIn::stop() {
 }
 
 void PktioStreamIn::changeRoutes(std::span<const RouteChange> changes) {
+    for (const RouteChange& change : changes) {
+        if (change.isRouted) {
+            Log::debug(*m_Logger, "Add PID {} to stream", change.pid);
+        } else {
+            Log::debug(*m_Logger, "Remove PID {} from stream", change.pid);
+        }
+    }
     m_RoutingWaits = true;
     const CppUtil::Lock lock(m_FilterLock);
     m_RoutingWaits = false;
@@ -57,13 +64,11 @@ void PktioStreamIn::changeRoutes(std::span<const RouteChange> changes) {
 }
 
 void PktioStreamIn::routePid(std::uint32_t pid) {
-    Log::debug(*m_Logger, "Add PID {} to stream", pid);
     m_RouteCount += m_PidFilter.isPidPassed(pid) ? 0 : 1;
     m_PidFilter.addPid(pid);
 }
 
 void PktioStreamIn::stopRoutePid(std::uint32_t pid) {
-    Log::debug(*m_Logger, "Remove PID {} from stream", pid);
     m_RouteCount -= m_PidFilter.isPidPassed(pid) ? 1 : 0;
     m_PidFilter.removePid(pid);
 }
@@ -87,7 +92,7 @@ void PktioStreamIn::fail(const char* what, const std::string& reason) noexcept {
         m_Failure = reason.empty() ? what : fmt::format("{} [{}]", what, reason);
     } catch (const std::bad_alloc&) {
     }
-    Log::error(*m_Logger, "Stream of TSIIDX {} has ended: {}", m_TSIIDX,
+    Log::error(*m_Logger, "Stream of TSIIDX {} failed: {}", m_TSIIDX,
                m_Failure.empty() ? what : m_Failure.c_str());
     m_State = State::Failed;
 }
@@ -105,9 +110,10 @@ void PktioStreamIn::logStatus(const std::string& uri) {
     Log::info(
         *m_Logger,
         "Status: tsiidx={} uri={} file={} state={} read={} written={} held={} percent={} rate={:.0f}{}{}",
-        m_TSIIDX, uri, m_InputFile.getPath(), STATES[static_cast<std::size_t>(state)], read, written,
+        m_TSIIDX, uri, m_InputFile.getName(), STATES[static_cast<std::size_t>(state)], read, written,
         state == State::Playing ? read - released : 0,
-        size == 0 ? "-" : std::to_string(read * Ts::TS_PACKET_SIZE * 100 / size),
+        size == 0 ? "-"
+                  : std::to_string(std::min<std::uint64_t>(read * Ts::TS_PACKET_SIZE * 100 / size, 100)),
         static_cast<double>(writtenSince) / elapsed.count(), state == State::Failed ? " reason=" : "",
         state == State::Failed ? m_Failure.c_str() : "");  // not a copy, for which there may be no memory
 }
@@ -115,7 +121,7 @@ void PktioStreamIn::logStatus(const std::string& uri) {
 /// The path of every packet: file, buffer, queue, rate adapter, PID filter, data device.
 void PktioStreamIn::playFile() {
     Log::debug(*m_Logger, "Starting stream thread. Streaming packets from file {} to TSIIDX {}",
-               m_InputFile.getPath(), m_TSIIDX);
+               m_InputFile.getName(), m_TSIIDX);
     // A relative sleep overshoots by the timer slack, 50 us by default, and each paced batch has one.
     ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
@@ -143,7 +149,7 @@ void PktioStreamIn::playFile() {
         }
     }
     Log::debug(*m_Logger, "Stopping packet stream thread for TSIIDX {} with file {}", m_TSIIDX,
-               m_InputFile.getPath());
+               m_InputFile.getName());
 }
 
 /// Ends the thread's loop. A file that ends within a packet has no last packet, which would make the adapter
@@ -155,9 +161,8 @@ void PktioStreamIn::finish() {
     m_State = State::Finished;
     m_Stop.request_stop();
     if (!m_PacketQueue.empty()) {
-        Log::warning(*m_Logger,
-                     "{} ends within a packet: the {} packets that TSIIDX {} still held are dropped",
-                     m_InputFile.getPath(), m_PacketQueue.size(), m_TSIIDX);
+        Log::warning(*m_Logger, "{} ends in the middle of a packet; dropping {} packets held for TSIIDX {}",
+                     m_InputFile.getName(), m_PacketQueue.size(), m_TSIIDX);
     }
 }
 
@@ -183,8 +188,9 @@ void PktioStreamIn::release(std::int32_t count) {
         m_RateAdapter->delayPacket();
         Ts::LowlevInTSPacket& oldest = m_PacketQueue.front();
         if (m_PidFilter.isPidPassed(oldest.getPid())) {
-            m_Dispatcher.dispatch(oldest);
-            m_PacketsWritten.increment();
+            if (m_Dispatcher.dispatch(oldest)) {
+                m_PacketsWritten.increment();
+            }
         }
         m_PacketQueue.pop_front();
         m_PacketsReleased.increment();

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "vel/cpp_utils/error.h"
+#include "vel/cpp_utils/text.h"
 
 namespace Vel::Utils {
 
@@ -20,12 +21,12 @@ constexpr std::size_t BLOCK_SIZE = 64 * 1024;
 
 }  // namespace
 
-/// Non-blocking, so that a FIFO without a writer holds up neither this call nor a read that a stop request
-/// must end.
-TsFile::TsFile(std::string path, std::function<bool()> stopRequested)
-    : m_Path(std::move(path)),
-      m_StopRequested(std::move(stopRequested)),
-      m_File(::open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)),
+/// Non-blocking, so that a FIFO without a writer blocks neither this call nor a read that a stop request must
+/// interrupt.
+TsFile::TsFile(const std::string& path, std::stop_token stop)
+    : m_Name(CppUtil::escapeControls(path)),
+      m_Stop(std::move(stop)),
+      m_File(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)),
       m_Error(m_File.isOpen() ? 0 : errno) {}
 
 bool TsFile::readPacket(std::span<std::uint8_t, Ts::TS_PACKET_SIZE> packet) {
@@ -54,13 +55,13 @@ std::uint64_t TsFile::getSize() const {
 
 void TsFile::throwIfFailed() const {
     if (m_Error != 0) {
-        throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Path + "\"",
+        throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Name + "\"",
                                CppUtil::errnoText(m_Error));
     }
 }
 
-/// Appends what one read gives to the unread rest of the block. False at the end of the file, after a failure
-/// and on a stop request.
+/// Appends the bytes of one read to the unread rest of the block. False at the end of the file, after a
+/// failure and on a stop request.
 bool TsFile::fill() {
     if (m_EndOfFile || m_Error != 0) {
         return false;
@@ -69,9 +70,9 @@ bool TsFile::fill() {
     std::copy(m_Block.begin() + static_cast<std::ptrdiff_t>(m_Position),
               m_Block.begin() + static_cast<std::ptrdiff_t>(m_Filled), m_Block.begin());
     m_Filled -= std::exchange(m_Position, 0);
-    // Before its first writer, a read would take a FIFO as ended. poll() waits then: a FIFO hangs up only
-    // once a writer has left.
-    while (m_File.waitFor(POLLIN, m_StopRequested)) {
+    // Before the first writer opens a FIFO, read() reports end of file, but poll() waits: POLLHUP is set only
+    // after a writer has closed it.
+    while (CppUtil::waitFor(m_File.get(), POLLIN, m_Stop)) {
         const ssize_t got = ::read(m_File.get(), m_Block.data() + m_Filled, m_Block.size() - m_Filled);
         if (got >= 0) {
             m_Filled += static_cast<std::size_t>(got);

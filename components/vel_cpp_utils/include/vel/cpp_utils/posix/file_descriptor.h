@@ -1,10 +1,11 @@
 #pragma once
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <stop_token>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -28,41 +29,34 @@ public:
     /// fails.
     bool close() { return !isOpen() || ::close(std::exchange(m_Fd, -1)) == 0; }
 
-    /// Waits until one of `events` (POLLIN, POLLOUT), an error or a hang-up is reported. Returns false once
-    /// `isStopped()`, which is asked every 50 ms, returns true.
-    template <typename IsStopped>
-    bool waitFor(short events, IsStopped isStopped) const {
-        constexpr int SLICE_MS = 50;
-        while (!isStopped()) {
-            pollfd status{m_Fd, events, 0};
-            const int ready = ::poll(&status, 1, SLICE_MS);
-            if (ready > 0) {
-                return true;
-            }
-            if (ready < 0) {
-                pauseBeforeRetry();
-            }
-        }
-        return false;
-    }
-
-    /// For a device that answers EAGAIN although waitFor() reports it ready, as a driver without poll support
-    /// does: keeps the caller from asking without pause.
+    /// For a device that fails with EAGAIN although poll() reports it as ready, as with a driver without poll
+    /// support: keeps the caller from a busy loop.
     static void pauseBeforeRetry() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
 private:
     int m_Fd;
 };
 
-/// What the system says of `error`, an errno value, as in "No such file or directory".
+/// Waits until `fd` reports one of `events` (POLLIN, POLLOUT), an error or a hang-up. False after `limit`,
+/// and within 50 ms of a stop request.
+[[nodiscard]] bool waitFor(int fd, short events, const std::stop_token& stop,
+                           std::chrono::milliseconds limit = std::chrono::milliseconds::max());
+
+/// Writes the text, as far as waitFor() finds the descriptor writable. Never blocks on a full pipe.
+void writeText(int fd, std::string_view text, const std::stop_token& stop,
+               std::chrono::milliseconds limit = std::chrono::milliseconds::max());
+/// Writes the text to standard error, but gives up if that cannot be written to for 100 ms.
+void writeError(std::string_view text);
+
+/// The system's message for the errno value `error`, such as "No such file or directory".
 std::string errnoText(int error);
 
-/// Opens /dev/null for every standard descriptor that the parent left closed. Without it the next file opened
-/// would get that number, and what is printed would go into it.
+/// Opens /dev/null for every standard descriptor that the parent left closed. Otherwise the next file opened
+/// would get that number and receive the program's output.
 /// @param flags O_RDWR, or O_RDONLY so that printing to a closed descriptor still fails
 void occupyStandardDescriptors(int flags);
 
-/// Whether both paths lead to one existing file.
+/// Whether both paths lead to the same existing file.
 bool isSameFile(const std::string& left, const std::string& right);
 
 }  // namespace Vel::CppUtil
