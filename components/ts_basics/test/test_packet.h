@@ -9,7 +9,7 @@
 
 namespace Vel::TestSupport {
 
-/// What a test wants of a transport packet; the rest is plain. The last four bytes hold its number.
+/// The fields of a transport packet for a test. The last four bytes of the packet hold its number.
 struct TestPacket {
     std::uint32_t pid = 0x100;
     std::uint32_t number = 0;

@@ -15,7 +15,7 @@ namespace Vel::TestSupport {
 
 using Bytes = std::vector<std::uint8_t>;
 
-/// A directory of its own for one test, removed at its end.
+/// A temporary directory, removed by the destructor.
 class TemporaryFolder {
 public:
     TemporaryFolder() : m_Path(::mkdtemp(m_Template.data())) {}
@@ -32,7 +32,7 @@ private:
     std::filesystem::path m_Path;
 };
 
-/// What a file holds, as std::string or Bytes; nothing for one that cannot be read.
+/// The content of a file, as std::string or Bytes; empty if it cannot be read.
 template <typename Content = Bytes>
 Content readFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -46,7 +46,7 @@ void writeFile(const std::string& path, const Content& content) {
         .write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
 }
 
-/// Waits until `condition` holds; false after a time that only a broken program needs.
+/// Waits until `condition` holds; false after a time that only a broken program can take.
 template <typename Condition>
 bool eventually(Condition condition, std::chrono::seconds limit = std::chrono::seconds(60)) {
     for (const auto end = std::chrono::steady_clock::now() + limit; !condition();) {

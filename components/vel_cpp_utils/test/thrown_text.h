@@ -4,8 +4,8 @@
 
 #include "vel/cpp_utils/error.h"
 
-/// The text of the `Expected` error that `call` throws, up to the place of the throw statement; any other
-/// error passes.
+/// The text of the `Expected` error that `call` throws, without the location of the throw statement; any
+/// other error passes through.
 template <typename Expected, typename Call>
 std::string thrownText(Call call) {
     try {

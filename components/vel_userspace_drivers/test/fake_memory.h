@@ -25,7 +25,7 @@ public:
     std::vector<std::uint32_t> words;
 };
 
-/// Lets a test step in before any word is read, and keeps what each read returned and each store changed.
+/// Calls the test before each word is read, and records every read and every store.
 class WatchedMemory : public FakeMemory {
 public:
     std::uint32_t read32(std::uint32_t index) override {

@@ -188,7 +188,7 @@ TEST(PciIf, LossIsThatOfItsOwnDeviceWhileOthersComeAndGo) {
     comesAndGoes.join();
 }
 
-/// Ends the process with a status of its own, which no other end has.
+/// An exit status that nothing else uses.
 constexpr int FORMER_ACTION = 42;
 
 TEST(ForeignBusErrorDeathTest, MeetsTheFormerAction) {

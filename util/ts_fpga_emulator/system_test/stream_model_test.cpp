@@ -241,7 +241,7 @@ private:
         for (const auto& [n, tsiidx] : m_Inputs) {
             expect(inputLine(false, n, tsiidx));
         }
-        expect("[info] The IP LUT can be read again, monitoring continues");
+        expect("[info] The IP LUT is readable again; monitoring resumes");
         for (const auto& [n, tsiidx] : std::exchange(m_Inputs, {})) {
             m_Lives[tsiidx].back().span.mayTo = countWritten();
         }

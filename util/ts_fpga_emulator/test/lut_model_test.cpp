@@ -19,7 +19,7 @@ using Words = std::vector<std::uint32_t>;
 using Events = std::vector<std::string>;
 using Rows = std::vector<std::uint64_t>;  // both words of each, the first one in the upper half
 
-/// What docs/registers.md says of a table, and which bits of its rows matter for what.
+/// A table as docs/registers.md describes it, and the meaning of the bits of its rows.
 struct TableRule {
     std::uint32_t rows, controlWord, bankWord, lowerBase, upperBase;
     std::uint64_t order;     // rows are less by these bits,
@@ -56,7 +56,7 @@ Rows usedRows(const TableRule& table, const Words& words) {
 
 using Reads = decltype(Drivers::WatchedMemory::reads);
 
-/// The used rows that a poll with these reads has to take; nothing if they are not the reads of the rule.
+/// The used rows that a poll with these reads must accept; nothing if the reads break the rule.
 std::optional<Rows> stableRows(const TableRule& table, std::span<const Reads::value_type> reads) {
     const auto words = [&](std::size_t read) -> const Words& { return reads[read].second; };
     const auto bit = [&](std::size_t read) { return words(read).front() & 1; };
@@ -103,7 +103,7 @@ Events changes(const TableRule& table, const Rows& before, const Rows& after) {
     return events;
 }
 
-/// Keeps each event as "+" or "-", the URI or the PID, "@" and the TSIIDX.
+/// Records each event as "+" or "-", the URI or the PID, "@" and the TSIIDX.
 struct RecordingConsumer : IFPGAEventConsumer {
     void handleEvent(std::unique_ptr<FPGAMonEvent> event) override {
         note<FPGAMonEvent_InputTSAdded>('+', *event, &FPGAMonEvent_InputTSAdded::getUri);
@@ -196,7 +196,7 @@ TEST(LutMonitor, FileTruncatedAfterItsUsedRowsIsNoticedAndPickedUpAgain) {
     const auto poll = [&] { return thrownText<Pci::PciError>([&] { monitor.pollLut(); }); };
     unsigned polls = 0;
     while (poll() == "nothing thrown") {
-        ASSERT_LT(++polls, 500U) << "of which 1000 take more than a second";
+        ASSERT_LT(++polls, 500U) << "at one poll per millisecond, this takes half a second";
     }
     EXPECT_THAT(poll(), testing::EndsWith(" has lost its mapped memory (the file was truncated)."));
     std::filesystem::resize_file(folder / "tsio", SIZE);

@@ -14,8 +14,7 @@ enum class FPGAMonEventType : std::uint32_t {
     CPUPIDRemoved = 3,
 };
 
-/// Base of the monitor events. Events are values: a consumer that keeps one copies it. Nothing is validated
-/// here, since the values come from decoded table rows.
+/// Base of the monitor events, which are plain values from decoded table rows.
 class FPGAMonEvent {
 public:
     virtual ~FPGAMonEvent() = default;
@@ -30,7 +29,7 @@ private:
     FPGAMonEventType m_Type;
 };
 
-/// An enabled IP LUT row appeared or disappeared: the kind says which.
+/// An enabled IP LUT row appeared or disappeared; see getType().
 template <FPGAMonEventType TYPE>
 class InputTSEvent : public FPGAMonEvent {
 public:
@@ -45,7 +44,7 @@ private:
     std::uint32_t m_TSIIDX;
 };
 
-/// A PID LUT row with the CPU route appeared or disappeared: the kind says which.
+/// A PID LUT row with the CPU route appeared or disappeared; see getType().
 template <FPGAMonEventType TYPE>
 class CPUPIDEvent : public FPGAMonEvent {
 public:

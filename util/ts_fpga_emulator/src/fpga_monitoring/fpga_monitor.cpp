@@ -50,8 +50,9 @@ void FPGAMonitor::monitorThread() noexcept {
     Log::debug(*m_Logger, "Exit the main thread of FPGAMonitor");
 }
 
-/// An error that ends a poll is logged when it appears or changes, not a thousand times a second. Polling
-/// goes on, and the other table is not affected. The last text is kept as a hash, since memory may be short.
+/// An error in a poll is logged when it first appears or changes, not a thousand times per second. Polling
+/// continues, and the other table is not affected. The last text is kept as a hash, since memory may be
+/// short.
 void FPGAMonitor::pollMonitors() noexcept {
     for (std::size_t i = 0; i < m_LutMonitors.size(); ++i) {
         try {
@@ -60,7 +61,7 @@ void FPGAMonitor::pollMonitors() noexcept {
                 return;
             }
             if (std::exchange(m_LastErrors[i], NO_ERROR) != NO_ERROR) {
-                Log::info(*m_Logger, "The {} can be read again, monitoring continues",
+                Log::info(*m_Logger, "The {} is readable again; monitoring resumes",
                           m_LutMonitors[i]->getTableName());
             }
         } catch (const std::exception& e) {

@@ -9,10 +9,10 @@ namespace Vel::Utils {
 /// Receives the monitor events, one call per event, always on the monitor thread.
 class IFPGAEventConsumer {
 public:
-    /// Takes the event over. Must not throw: a poll that has begun to deliver always finishes its passes.
+    /// Takes ownership of the event. Must not throw: a poll that has started to deliver events finishes.
     virtual void handleEvent(std::unique_ptr<FPGAMonEvent> event) = 0;
     virtual ~IFPGAEventConsumer() = default;
-    /// Follows the last event of one change of one table. Must not throw.
+    /// Called after the last event of one change of one table. Must not throw.
     virtual void handleChangeEnd() {}
 };
 

@@ -15,8 +15,12 @@ struct IpLutTable {
     static constexpr auto GET_CONTROL_BIT = Drivers::Zep::getIpLutControlBit;
     static constexpr auto IS_USED = &Row::isEnabled;
 
-    static std::unique_ptr<FPGAMonEvent> makeRemoved(const Row& row);
-    static std::unique_ptr<FPGAMonEvent> makeAdded(const Row& row);
+    static std::unique_ptr<FPGAMonEvent> makeRemoved(const Row& row) {
+        return std::make_unique<FPGAMonEvent_InputTSRemoved>(buildInputUri(row), row.getTSIIDX());
+    }
+    static std::unique_ptr<FPGAMonEvent> makeAdded(const Row& row) {
+        return std::make_unique<FPGAMonEvent_InputTSAdded>(buildInputUri(row), row.getTSIIDX());
+    }
 };
 
 /// Reports inputs that appear or disappear. A row that changes its TSIIDX, address or port is a removal and

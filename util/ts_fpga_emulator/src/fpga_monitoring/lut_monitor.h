@@ -21,8 +21,8 @@ public:
     LutMonitor(const LutMonitor&) = delete;
     LutMonitor& operator=(const LutMonitor&) = delete;
 
-    /// Reads the table and delivers what changed since the last poll, event by event, before it returns. An
-    /// error of the memory passes through; no event has been delivered then, and the last copy is kept.
+    /// Reads the table and delivers an event for each change since the last poll before it returns. If the
+    /// memory fails, its error passes through, no event is delivered, and the last copy is kept.
     virtual void pollLut() = 0;
     /// For messages, for example "IP LUT".
     virtual const char* getTableName() const = 0;
@@ -38,33 +38,34 @@ protected:
     IFPGAEventConsumer& m_Consumer;
 };
 
-/// Whether `rows` contains `row`. The search is that of the hardware's ordered tables: the first row that is
-/// not less decides. It may miss rows out of ascending order; they are then reported as removed and added.
+/// Whether `rows` contains `row`. Linear lower bound, as in the hardware: stops at the first row that is not
+/// less. It may miss rows that are not sorted; they are then reported as removed and added.
 template <typename Row>
-bool containsEntry(const std::vector<Row>& rows, const Row& row) {
+[[nodiscard]] bool containsEntry(const std::vector<Row>& rows, const Row& row) {
     const auto found =
         std::find_if(rows.begin(), rows.end(), [&](const Row& other) { return !(other < row); });
     return found != rows.end() && *found == row;
 }
 
-/// The monitor of one kind of table. Beyond what LutSnapshotReader needs, `Table` turns a row into events
-/// with `makeRemoved(row)` and `makeAdded(row)`. Both return null for a row that does not concern the
-/// consumer.
+/// The monitor of one kind of table. In addition to what LutSnapshotReader needs, `Table` has
+/// `makeRemoved(row)` and `makeAdded(row)`, which return the event for a row, or null for a row that does not
+/// concern the consumer.
 template <typename Table>
 class TableLutMonitor final : public LutMonitor {
 public:
-    /// Reads the table once. Rows that it already holds are served like later ones: a warning gives their
-    /// number, and the first poll reports them as added.
-    /// @param stop ends the wait for a table that never becomes stable
+    /// Reads the table once. If it already holds rows, a warning gives their number, and the first poll
+    /// reports them as added.
+    /// @param stop interrupts the wait for a table that never becomes stable
     TableLutMonitor(std::shared_ptr<Drivers::IMemIf> devMem, IFPGAEventConsumer& consumer,
                     std::stop_token stop = {})
         : LutMonitor(std::move(devMem), consumer), m_Stop(std::move(stop)) {
         const auto initial = m_Reader.readChanged(*m_DevMem, m_Stop);
-        if (initial && !initial->second.empty()) {
+        if (initial && !initial->empty()) {
             const auto logger =
                 Log::getLogsystem()->getLogger(Log::makeLoggerName(__FILE__, "Vel::Utils::LutMonitor"));
-            Log::warning(*logger, "The {} already holds {} used rows at start. They are taken as added now.",
-                         Table::LAYOUT.name, initial->second.size());
+            Log::warning(*logger,
+                         "The {} already holds {} used row(s) at start-up; they are treated as newly added.",
+                         Table::LAYOUT.name, initial->size());
         }
     }
 
@@ -74,8 +75,8 @@ public:
         if (!current) {
             return;
         }
-        if (current->second != m_CachedLut.second) {
-            emitEvents(current->second);
+        if (*current != m_CachedLut) {
+            emitEvents(*current);
             m_CachedLut = std::move(*current);
         }
         m_Reader.accept();
@@ -84,16 +85,16 @@ public:
     const char* getTableName() const override { return Table::LAYOUT.name; }
 
 private:
-    using Snapshot = typename LutSnapshotReader<Table>::Snapshot;
+    using Rows = typename LutSnapshotReader<Table>::Rows;
 
-    void emitEvents(const std::vector<typename Table::Row>& current) {
-        for (const auto& row : m_CachedLut.second) {
+    void emitEvents(const Rows& current) {
+        for (const auto& row : m_CachedLut) {
             if (!containsEntry(current, row)) {
                 deliver(Table::makeRemoved(row));
             }
         }
         for (const auto& row : current) {
-            if (!containsEntry(m_CachedLut.second, row)) {
+            if (!containsEntry(m_CachedLut, row)) {
                 deliver(Table::makeAdded(row));
             }
         }
@@ -108,7 +109,7 @@ private:
 
     std::stop_token m_Stop;
     LutSnapshotReader<Table> m_Reader;
-    Snapshot m_CachedLut;  // the last copy whose rows differed from the one before
+    Rows m_CachedLut;  // the last copy whose rows differed from the one before
 };
 
 }  // namespace Vel::Utils

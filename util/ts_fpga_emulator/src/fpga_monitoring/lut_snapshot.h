@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <optional>
 #include <stop_token>
-#include <utility>
 #include <vector>
 
 #include "vel/userspace_drivers/drivers/zep/ts/diag/decode_rows.h"
@@ -12,26 +11,26 @@
 
 namespace Vel::Utils {
 
-/// Reads one FPGA table while other programs write it, and yields a copy only when it is stable and its words
-/// are not those of the last accepted copy. Almost every poll finds nothing new, so words are compared with
-/// words, and rows are decoded only where words differ. Bits and rows that the decoder leaves out then decide
-/// nothing, since the decoded rows are compared. No allocation while nothing changes. Thread-bound to the
+/// Reads one FPGA table while other programs write it, and returns a copy only when it is stable and its
+/// words differ from the last accepted copy. Almost every poll finds nothing new, so words are compared
+/// first, and rows are decoded only when words differ. Since decoded rows are compared, bits and rows that
+/// the decoder ignores never count as a change. No allocation while nothing changes. Thread-bound to the
 /// monitor thread.
 ///
-/// `Table` says what differs between the tables: the type `Row`, the table's `LAYOUT`, the functions
-/// `GET_BASE` and `GET_CONTROL_BIT` of its reader, and `IS_USED`, which says whether a row counts.
+/// `Table` describes one table: the type `Row`, the table's `LAYOUT`, the functions `GET_BASE` and
+/// `GET_CONTROL_BIT` of its reader, and `IS_USED`, which says whether a row counts.
 template <typename Table>
 class LutSnapshotReader {
 public:
-    /// Control bit of the snapshot, and the used rows in ascending row order.
-    using Snapshot = std::pair<std::uint32_t, std::vector<typename Table::Row>>;
+    /// The used rows, in row order.
+    using Rows = std::vector<typename Table::Row>;
 
-    /// Reads until the table is stable, without pause and without limit. Nothing when the words are those
-    /// that were accepted last, or when a stop is requested meanwhile. Errors of the memory pass through.
+    /// Reads until the table is stable, without pause or limit. Returns nothing if the words are those that
+    /// were accepted last, or if a stop is requested. Errors of the memory pass through.
     ///
-    /// The last sample of the control bit also notices a mapping that was lost during the reads: every access
-    /// checks that first, so words of a lost mapping never get out of here.
-    std::optional<Snapshot> readChanged(Drivers::IMemIf& memory, const std::stop_token& stop) {
+    /// The last read of the control bit also notices a mapping that was lost during the reads, since every
+    /// access checks that first. So the words of a lost mapping are never returned.
+    [[nodiscard]] std::optional<Rows> readChanged(Drivers::IMemIf& memory, const std::stop_token& stop) {
         while (!stop.stop_requested()) {
             const std::uint32_t before = Table::GET_CONTROL_BIT(memory);
             memory.readBlock32Into(Table::GET_BASE(memory, 0), m_FirstRead);
@@ -47,16 +46,16 @@ public:
                 }
                 return std::nullopt;
             }
-            auto rows = decode(m_FirstRead);
+            Rows rows = decode(m_FirstRead);
             if (m_FirstRead == m_SecondRead || rows == decode(m_SecondRead)) {
                 memory.verifyMemory();
-                return Snapshot(before, std::move(rows));
+                return rows;
             }
         }
         return std::nullopt;
     }
 
-    /// The words of the last snapshot have been dealt with: reading the same ones again is no change.
+    /// Accepts the words of the last copy: reading the same words again is not a change.
     void accept() noexcept {
         m_Accepted.swap(m_FirstRead);
         m_HasAccepted = true;
@@ -65,12 +64,12 @@ public:
 private:
     using Words = std::vector<std::uint32_t>;
 
-    static auto decode(const Words& words) {
+    static Rows decode(const Words& words) {
         return Drivers::Zep::decodeRows<typename Table::Row>(words, Table::IS_USED);
     }
 
     static constexpr std::size_t WORDS = std::size_t{Table::LAYOUT.rows} * Table::LAYOUT.wordsPerRow;
-    /// At one read per millisecond, a lost memory is noticed within a second even if nothing seems to change.
+    /// Limits the system calls; at one read per millisecond, a lost memory is still noticed within a second.
     static constexpr std::uint32_t READS_PER_CHECK = 256;
     std::uint32_t m_UnchangedReads = 0;
     Words m_FirstRead = Words(WORDS);

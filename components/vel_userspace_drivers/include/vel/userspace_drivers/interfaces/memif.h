@@ -42,8 +42,7 @@ public:
     /// it is not part of every access: call it before acting on a change.
     virtual void verifyMemory() const {}
 
-    /// Makes memory that was lost accessible again, if that is possible by now. Makes no system call while
-    /// nothing is lost.
+    /// Makes memory that was lost accessible again, if possible. Makes no system call while nothing is lost.
     virtual void restoreMemory() {}
 };
 

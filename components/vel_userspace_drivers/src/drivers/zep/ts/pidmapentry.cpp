@@ -2,7 +2,7 @@
 
 namespace Vel::Drivers::Zep {
 
-/// What an index that would link a row to itself has to lie in.
+/// Contains no value: the range for an index that would link a row to itself.
 static constexpr Range NOTHING{1, 0};
 
 PidMapEntry::PidMapEntry(std::uint32_t pidIdx) : PidMapEntry() {

@@ -47,7 +47,7 @@ public:
     /// truncated while it was mapped, or whose file system failed or is full. What was read from such a file
     /// since the last successful call may be zeros.
     void checkAccessible() const override;
-    /// Throws PciError as checkAccessible() does, and from then on for a file that now ends within the region:
+    /// Throws as checkAccessible() does. A file that now ends within the region counts as lost from here on:
     /// the rest of its last page reads as zeros, without any fault.
     void verifyMemory() const override;
     /// Maps a lost file again at the same addresses once it has its full size.
