@@ -3,7 +3,6 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
-#include <sstream>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -51,9 +50,8 @@ int run(CLI::App& app, int argc, char** argv) {
         app.parse(argc, argv);  // runs the command as well
         return DONE;
     } catch (const CLI::Success& success) {
-        std::ostringstream help;
-        app.exit(success, help);
-        printOutput(help.str());
+        app.exit(success);  // prints the help
+        printOutput("");
         return DONE;
     } catch (const CLI::RequiredError& error) {
         const std::string unknown = describeUnknownCommand(app);

@@ -68,19 +68,14 @@ void InputTable::clear() {
 }
 
 void InputTable::checkOrder() const {
-    const IpInEntry* previous = nullptr;
-    for (const IpInEntry& row : m_Rows) {
-        if (!row.isEnabled()) {
-            continue;
-        }
-        if (previous != nullptr && row < *previous) {
-            throw CommandError(
-                DEVICE_UNUSABLE,
-                fmt::format("Row {} of the IP LUT is out of order: {} comes after {}; "
-                            "\"zepctl clear inputs\" clears the table",
-                            &row - m_Rows.data(), buildInputUri(row), buildInputUri(*previous)));
-        }
-        previous = &row;
+    const auto inputs = list();
+    const auto wrong = std::is_sorted_until(inputs.begin(), inputs.end());
+    if (wrong != inputs.end()) {
+        throw CommandError(
+            DEVICE_UNUSABLE,
+            fmt::format("The IP LUT is out of order: {} comes after {}; \"zepctl clear inputs\" "
+                        "clears the table",
+                        buildInputUri(*wrong), buildInputUri(*std::prev(wrong))));
     }
 }
 

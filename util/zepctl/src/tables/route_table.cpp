@@ -6,6 +6,7 @@
 
 #include "command_error.h"
 #include "tables/row_text.h"
+#include "vel/cpp_utils/assertion.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/pidlut_diag.h"
 
 namespace Vel::Zepctl {
@@ -29,9 +30,7 @@ std::uint32_t RouteTable::findFreePididx() const {
 }
 
 void RouteTable::add(const PidLutEntry& route) {
-    if (!route.isRouted()) {
-        throw CommandError(WRONG_USE, "A route needs the CPU route, the out route or both");
-    }
+    VEL_ASSERT(route.isRouted());
     for (const PidLutEntry& other : m_Routes) {
         if ((other <=> route) == 0) {
             throw CommandError(WRONG_USE, "The PID already has a route: " + formatRoute(other));

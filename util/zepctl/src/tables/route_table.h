@@ -28,8 +28,8 @@ public:
     /// rows.
     [[nodiscard]] std::uint32_t findFreePididx() const;
 
-    /// Throws CommandError if the TSIIDX and PID already have a route, if `route` has neither route, and if
-    /// all rows are in use.
+    /// Throws CommandError if the TSIIDX and PID already have a route, and if all rows are in use.
+    /// @param route with the CPU route, the out route or both
     void add(const Drivers::Zep::PidLutEntry& route);
 
     /// Throws CommandError if there is no such route.

@@ -12,10 +12,8 @@ namespace Vel::Zepctl {
 using Drivers::Zep::IpInEntry;
 using Drivers::Zep::PidLutEntry;
 
-constexpr const char* URI_FORM = "its form is udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0";
-
 IpInEntry parseInputUri(const std::string& text) {
-    const std::string refusal = "\"" + text + "\" is not the URI of an input: ";
+    std::string advice = "its form is udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0";
     try {
         const CppUtil::UriAuthority authority = CppUtil::Uri::parse(text).getAuthority();
         const bool hasPort = authority.getPort() != CppUtil::UriAuthority::NO_PORT;
@@ -25,10 +23,10 @@ IpInEntry parseInputUri(const std::string& text) {
         if (text == canonical) {
             return input;
         }
-        throw CommandError(WRONG_USE, refusal + (hasPort ? "write it as " + canonical : URI_FORM));
-    } catch (const CppUtil::ParsingError&) {
-        throw CommandError(WRONG_USE, refusal + URI_FORM);
+        advice = hasPort ? "write it as " + canonical : advice;
+    } catch (const CppUtil::ParsingError&) {  // reported below
     }
+    throw CommandError(WRONG_USE, fmt::format("\"{}\" is not the URI of an input: {}", text, advice));
 }
 
 std::string formatInput(const IpInEntry& input) {

@@ -20,10 +20,6 @@ namespace {
 
 constexpr mode_t STAND_IN_MODE = 0666;  // less the umask
 
-std::string pathIn(const std::string& directory, const char* name) {
-    return (std::filesystem::path(directory) / name).string();
-}
-
 /// @param kind S_IFREG or S_IFIFO
 void checkExisting(const std::string& path, const struct stat& file, mode_t kind, bool force) {
     const bool isFifo = kind == S_IFIFO;
@@ -57,11 +53,11 @@ CppUtil::FileDescriptor openStandIn(const std::string& path, std::uint32_t size,
         file = CppUtil::FileDescriptor(::open(path.c_str(), FLAGS));
     }
     struct stat status {};
-    const bool isOpen = file.isOpen() && ::fstat(file.get(), &status) == 0;
-    if (isOpen) {
-        checkExisting(path, status, S_IFREG, true);
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
+        throw systemError("Cannot create " + path);
     }
-    if (!isOpen || (status.st_size < size && ::ftruncate(file.get(), size) != 0)) {
+    checkExisting(path, status, S_IFREG, true);
+    if (status.st_size < size && ::ftruncate(file.get(), size) != 0) {
         throw systemError("Cannot create " + path);
     }
     return file;
@@ -90,12 +86,14 @@ void clearWords(Drivers::IMemIf& memory, std::uint32_t count) {
     while (count-- > 0) {
         memory.write32(count, 0);
     }
+    memory.verifyMemory();
 }
 
 void createStandIns(const std::string& directory, bool withFifo, bool force) {
-    const std::string tsio = pathIn(directory, "tsio");
-    const std::string router = pathIn(directory, "router");
-    const std::string fifo = pathIn(directory, "pktio");
+    const std::string prefix = (std::filesystem::path(directory) / "").string();
+    const std::string tsio = prefix + "tsio";
+    const std::string router = prefix + "router";
+    const std::string fifo = prefix + "pktio";
     checkName(tsio, S_IFREG, force);
     checkName(router, S_IFREG, force);
     if (withFifo) {
@@ -107,11 +105,8 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
         throw CommandError(DEVICE_UNUSABLE,
                            "Cannot create directory \"" + directory + "\": " + error.message());
     }
-    if (withFifo && ::mkfifo(fifo.c_str(), STAND_IN_MODE) != 0) {
-        if (errno != EEXIST) {
-            throw systemError("Cannot create " + fifo);
-        }
-        checkName(fifo, S_IFIFO, force);
+    if (withFifo && ::mkfifo(fifo.c_str(), STAND_IN_MODE) != 0 && !(errno == EEXIST && force)) {
+        throw systemError("Cannot create " + fifo);
     }
     const auto tsioFile = openStandIn(tsio, TSIO_DEVICE.size, force);
     const auto routerFile = openStandIn(router, ROUTER_DEVICE.size, force);
@@ -122,9 +117,10 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
 }
 
 std::string standInCommandLine(const std::string& directory) {
-    const auto path = [&](const char* name) { return quoteForShell(pathIn(directory, name)); };
-    return fmt::format("zeptfem -t {} -r {} -P {} -f \"udp://239.1.2.3:5000 FILE.ts\"", path("tsio"),
-                       path("router"), path("pktio"));
+    const std::string prefix = (std::filesystem::path(directory) / "").string();
+    return fmt::format("zeptfem -t {} -r {} -P {} -f \"udp://239.1.2.3:5000 FILE.ts\"",
+                       quoteForShell(prefix + "tsio"), quoteForShell(prefix + "router"),
+                       quoteForShell(prefix + "pktio"));
 }
 
 }  // namespace Vel::Zepctl

@@ -8,7 +8,7 @@
 namespace Vel::Zepctl {
 
 /// Zeroes the first `count` words, last word first: the enable bits are in a row's last word, so a row is
-/// disabled before its address is cleared.
+/// disabled before its address is cleared. Then verifies the memory.
 void clearWords(Drivers::IMemIf& memory, std::uint32_t count);
 
 /// Creates files in `directory` that stand in for the devices: `tsio` and `router`, all zero, and, if asked

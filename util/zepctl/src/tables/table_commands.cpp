@@ -117,10 +117,15 @@ void TableCommands::declareRoute(CLI::App& app) {
     CLI::App& add = declareCommand(
         route, "add", "Route a PID of an input, by default to the CPU",
         "Example: zepctl route add 3 0x100\n         zepctl route add 3 256 --out --no-cpu --pididx 7",
-        [this] { addRoute(); });
+        [this] {
+            LockedDevice device(m_RouterPath, Zep::ROUTER_DEVICE, Access::Change);
+            RouteTable table(device.memory());
+            table.add({*m_TSIIDX, *m_PID, m_PIDIDX ? *m_PIDIDX : table.findFreePididx(),
+                       m_FiltTabIDX.value_or(Zep::FILTTABIDX_RANGE.max), m_OutRoute, !m_NoCpuRoute});
+        });
     declareRouteKey(add);
-    add.add_flag("--out", m_OutRoute, "also set the out route");
-    add.add_flag("--no-cpu", m_NoCpuRoute, "do not set the CPU route; requires --out");
+    CLI::Option* out = add.add_flag("--out", m_OutRoute, "also set the out route");
+    add.add_flag("--no-cpu", m_NoCpuRoute, "do not set the CPU route")->needs(out);
     addNumber(add, "--pididx", m_PIDIDX, Zep::PIDIDX_RANGE, "PIDIDX (default: lowest unused)");
     addNumber(add, "--filter", m_FiltTabIDX, Zep::FILTTABIDX_RANGE, "FiltTabIDX (default: 255)");
 
@@ -140,22 +145,10 @@ void TableCommands::declareRouteKey(CLI::App& command) {
     addNumber(command, "PID", m_PID, Zep::PID_RANGE, "packet identifier").required();
 }
 
-void TableCommands::addRoute() {
-    if (m_NoCpuRoute && !m_OutRoute) {
-        throw CommandError(WRONG_USE,
-                           "--no-cpu requires --out: a route needs the CPU route, the out route or both");
-    }
-    LockedDevice device(m_RouterPath, Zep::ROUTER_DEVICE, Access::Change);
-    RouteTable table(device.memory());
-    table.add(Zep::PidLutEntry(*m_TSIIDX, *m_PID, m_PIDIDX ? *m_PIDIDX : table.findFreePididx(),
-                               m_FiltTabIDX.value_or(Zep::FILTTABIDX_RANGE.max), m_OutRoute, !m_NoCpuRoute));
-}
-
 /// Both devices are locked before either is changed.
 void TableCommands::clearTables() {
     if (m_Table.empty() && CppUtil::isSameFile(m_TsioPath, m_RouterPath)) {
-        throw CommandError(WRONG_USE,
-                           "Both devices are the same file: " + m_TsioPath + " and " + m_RouterPath);
+        throw CommandError(WRONG_USE, m_TsioPath + " and " + m_RouterPath + " are the same file");
     }
     std::optional<LockedDevice> tsio;
     std::optional<LockedDevice> router;

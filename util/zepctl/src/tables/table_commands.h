@@ -28,7 +28,6 @@ private:
     void declareRoute(CLI::App& app);
     void declareRouteKey(CLI::App& command);
     void declareDump(CLI::App& app);
-    void addRoute();
     void clearTables();
 
     std::string m_TsioPath = Drivers::Zep::TSIO_DEVICE.path;

@@ -31,48 +31,41 @@ struct Ports {
     std::map<std::uint32_t, std::string> names;
 };
 
-const Ports& inputs() {
-    static const Ports PORTS{{"tuner", 0, 0, 16}, {"cam", 0, 16, 8}, {"tuner", 16, 32, 6}};
-    return PORTS;
-}
-
-const Ports& outputs() {
-    static const Ports PORTS{{"modulator", 0, 0, 16}, {"cam", 0, 16, 8}};
-    return PORTS;
-}
+const Ports INPUTS{{"tuner", 0, 0, 16}, {"cam", 0, 16, 8}, {"tuner", 16, 32, 6}};
+const Ports OUTPUTS{{"modulator", 0, 0, 16}, {"cam", 0, 16, 8}};
 
 }  // namespace
 
 const std::map<std::uint32_t, std::string>& getPhysInNames() {
-    return inputs().names;
+    return INPUTS.names;
 }
 
 const std::map<std::uint32_t, std::string>& getPhysOutNames() {
-    return outputs().names;
+    return OUTPUTS.names;
 }
 
 std::uint32_t getPhysInIdxByName(const std::string& name) {
-    return inputs().indices.at(name);
+    return INPUTS.indices.at(name);
 }
 
 const std::string& getPhysInName(std::uint32_t phyiIdx) {
-    return inputs().names.at(phyiIdx);
+    return INPUTS.names.at(phyiIdx);
 }
 
 std::uint32_t getTunerPhysInIdx(std::uint32_t number) {
-    return inputs().indices.at("tuner" + std::to_string(number));
+    return INPUTS.indices.at("tuner" + std::to_string(number));
 }
 
 std::uint32_t getCamPhysInIdx(std::uint32_t number) {
-    return inputs().indices.at("cam" + std::to_string(number));
+    return INPUTS.indices.at("cam" + std::to_string(number));
 }
 
 std::uint32_t getModulatorPhysOutIdx(std::uint32_t number) {
-    return outputs().indices.at("modulator" + std::to_string(number));
+    return OUTPUTS.indices.at("modulator" + std::to_string(number));
 }
 
 std::uint32_t getCamPhysOutIdx(std::uint32_t number) {
-    return outputs().indices.at("cam" + std::to_string(number));
+    return OUTPUTS.indices.at("cam" + std::to_string(number));
 }
 
 }  // namespace Vel::Drivers::Zep
