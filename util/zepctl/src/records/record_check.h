@@ -40,22 +40,22 @@ private:
 class PcrClock {
 public:
     /// Longest step within one time base: ten times the interval that ISO/IEC 13818-1, 2.7.2, allows. A step
-    /// back looks like one of many hours, so it is above this as well.
+    /// back looks like a step of many hours ahead, so it is above this as well.
     static constexpr std::chrono::seconds MAX_STEP{1};
 
     /// Takes the next PCR.
-    /// @param newTimeBase whether the stream says that a time base begins with this PCR
+    /// @param newTimeBase whether the stream announced that a time base begins with this PCR
     /// @return whether it continues the time base of the previous one
     bool add(Ts::PcrTicks pcr, bool newTimeBase);
 
     /// Sum of all steps.
     Seconds getElapsed() const { return m_Elapsed; }
-    /// How many time bases there were; 0 before the first PCR.
+    /// Number of time bases so far; 0 before the first PCR.
     std::uint64_t getTimeBases() const { return m_TimeBases; }
 
 private:
     std::optional<Ts::PcrTicks> m_Last;
-    Ts::PcrTicks m_Elapsed{0};  // 64 bits last for 21,000 years
+    Ts::PcrTicks m_Elapsed{0};  // 64 bits are enough for 21,000 years
     std::uint64_t m_TimeBases = 0;
 };
 
@@ -66,7 +66,7 @@ struct PacketCounts {
     std::uint64_t scrambled = 0;
     std::uint64_t transportErrors = 0;
     std::uint64_t pcrs = 0;
-    std::uint64_t timedPackets = 0;  // those between PCRs of the input's clock, see RecordInput
+    std::uint64_t timedPackets = 0;  // between PCRs of the input's clock, see RecordInput
 };
 
 /// Checks the packets of one input. Its clock is that of the first PID with a PCR. Bit rates are those of the
@@ -108,9 +108,9 @@ private:
 /// Checks a stream of records. It stores nothing per record. Thread-bound.
 class RecordCheck {
 public:
-    /// Takes the next records, whole ones.
+    /// Takes the next complete records.
     void add(std::span<const std::uint8_t> records);
-    /// Takes the number of bytes that remain of a record at the end of the stream.
+    /// Takes the size of the incomplete record at the end of the stream, 0 if there is none.
     void end(std::size_t tornBytes) { m_Faults.addTornRecord(tornBytes); }
 
     const FaultLog& getFaults() const { return m_Faults; }

@@ -86,7 +86,8 @@ Example: zepctl records check out.rec
     split->footer(
         R"(The packets of TSIIDX 3 are written to DIR/tsiidx-003.ts, and so on. Existing files with these
 names are overwritten, but nothing is changed if one of them is the input, a link, or not a
-plain file. Faulty records are skipped; the exit status is then 1.
+plain file. Records with a bad sync byte or a TSIIDX above 255 and a torn last record are
+skipped; the exit status is then 1.
 
 Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)");
     split->callback([this] { this->split(); });

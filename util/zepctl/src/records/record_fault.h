@@ -31,8 +31,8 @@ inline constexpr std::array FAULT_TEXTS = std::to_array<FaultText>({
 /// Where a fault is, and what was found there.
 struct Fault {
     FaultKind kind{};
-    std::uint64_t record = 0;    // index, the first record is 0
-    std::uint32_t tsiidx = 0;    // has no meaning in a torn record
+    std::uint64_t record = 0;    // index, from 0
+    std::uint32_t tsiidx = 0;    // meaningless in a torn record
     std::uint32_t pid = 0;       // of Continuity and TransportError
     std::uint32_t expected = 0;  // continuity counter, sync byte, highest TSIIDX, bytes of a record
     std::uint32_t found = 0;     // in the same unit
@@ -55,14 +55,14 @@ public:
     [[nodiscard]] bool addRecord(const RecordView& record);
     /// Adds a fault of the latest record.
     void add(FaultKind kind, const RecordView& record, std::uint32_t expected, std::uint32_t found);
-    /// Adds the bytes that remain of a record at the end of the stream; 0 bytes are not a fault.
+    /// Adds the incomplete record at the end of the stream; 0 bytes are not a fault.
     void addTornRecord(std::size_t bytes);
 
-    /// Whole records, faulty ones included.
+    /// Complete records, including faulty ones.
     std::uint64_t getRecords() const { return m_Records; }
     bool isEmpty() const;
     const Entry& get(FaultKind kind) const { return m_Entries[static_cast<std::size_t>(kind)]; }
-    /// One line for each kind that occurred, with its count and its first place, as in
+    /// One line for each kind that occurred, with its count and where it occurred first, as in
     /// "2 continuity errors; the first at record 7 (byte 1344): TSIIDX 3, ..."
     std::string toLines() const;
 

@@ -4,7 +4,6 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "command_error.h"
 #include "vel/ts_basics/zep_record.h"
@@ -59,14 +58,14 @@ bool RecordReader::restartIfRewritten() {
     if (!isPlainFile() || ::fstat(m_File.get(), &m_Status) == -1) {
         return false;
     }
+    const timespec now = m_Status.st_mtim;
     const off_t position = ::lseek(m_File.get(), 0, SEEK_CUR);
-    // A file that has grown also has a new time, so only its bytes tell whether it was appended to.
-    const timespec& now = m_Status.st_mtim;
+    // A file that has grown also has a new time, so only its bytes show whether it was appended to.
     bool isRewritten = m_Status.st_size < position;
     if (!isRewritten && (now.tv_sec != before.tv_sec || now.tv_nsec != before.tv_nsec)) {
         std::vector<std::uint8_t> bytes(m_Known.size());
-        isRewritten =
-            ::pread(m_File.get(), bytes.data(), bytes.size(), m_KnownOffset) < 0 || bytes != m_Known;
+        const ssize_t got = ::pread(m_File.get(), bytes.data(), bytes.size(), m_KnownOffset);
+        isRewritten = got < 0 || bytes != m_Known;
     }
     if (isRewritten) {
         ::lseek(m_File.get(), 0, SEEK_SET);

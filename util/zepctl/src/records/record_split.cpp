@@ -1,6 +1,6 @@
 #include "records/record_split.h"
 
-#include <fcntl.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -63,35 +63,25 @@ void RecordSplit::prepareDirectory() const {
     for (std::uint32_t tsiidx = 0; tsiidx <= MAX_TSIIDX; ++tsiidx) {
         const std::string path = getPath(tsiidx);
         struct stat status {};
-        if (::lstat(path.c_str(), &status) == 0) {
-            checkOverwritable(path, status);
+        const bool isTaken = ::lstat(path.c_str(), &status) == 0;
+        const bool isInput = status.st_dev == m_Input.st_dev && status.st_ino == m_Input.st_ino;
+        if (isTaken && (isInput || !S_ISREG(status.st_mode) || status.st_nlink != 1)) {
+            const char* reason = isInput ? "the input file" : "not a plain file with a single link";
+            throw CommandError(DEVICE_UNUSABLE, fmt::format("Cannot create {}: it is {}",
+                                                            CppUtil::escapeControls(path), reason));
         }
     }
 }
 
-void RecordSplit::checkOverwritable(const std::string& path, const struct stat& status) const {
-    const bool isInput = status.st_dev == m_Input.st_dev && status.st_ino == m_Input.st_ino;
-    if (isInput || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
-        const char* reason = isInput ? "the input file" : "not a plain file with a single link";
-        throw CommandError(DEVICE_UNUSABLE,
-                           fmt::format("Cannot create {}: it is {}", CppUtil::escapeControls(path), reason));
-    }
-}
-
-/// The name may have been replaced since it was checked. So this follows no link, waits for no FIFO, and
-/// truncates the file only after a look at what was opened.
-void RecordSplit::open(Output& output, const std::string& path) const {
-    constexpr int FLAGS = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+/// The name may have been taken by something else since it was checked. So an old file is not opened but
+/// replaced: a file that is created exclusively cannot be a link, a FIFO or a device.
+void RecordSplit::open(Output& output, const std::string& path) {
     output.name = CppUtil::escapeControls(path);
-    const int fd = ::open(path.c_str(), FLAGS, 0666);
-    output.file.reset(fd == -1 ? nullptr : ::fdopen(fd, "wb"));
-    struct stat status {};
-    if (!output.file || ::fstat(fd, &status) == -1) {
-        throw systemError("Cannot create " + output.name);
+    if (::unlink(path.c_str()) == 0 || errno == ENOENT) {
+        output.file.reset(std::fopen(path.c_str(), "wbxe"));
     }
-    checkOverwritable(path, status);
-    if (::ftruncate(fd, 0) == -1) {
-        throw systemError("Cannot truncate " + output.name);
+    if (!output.file) {
+        throw systemError("Cannot create " + output.name);
     }
 }
 

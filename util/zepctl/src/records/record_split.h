@@ -31,11 +31,12 @@ public:
     /// @param input status of the file that the records are read from; it is not overwritten
     RecordSplit(std::string directory, const struct stat& input);
 
-    /// Takes the next records, whole ones.
+    /// Takes the next complete records.
     /// @throws CommandError when a file cannot be written. Before anything is changed, if one of the names is
     /// taken by the input, a link, or anything but a plain file
     void add(std::span<const std::uint8_t> records);
-    /// Takes the number of bytes that remain of a record at the end of the stream, and closes the files.
+    /// Takes the size of the incomplete record at the end of the stream, 0 if there is none, and closes the
+    /// files.
     /// @throws CommandError when a file cannot be written
     void end(std::size_t tornBytes);
 
@@ -46,8 +47,7 @@ public:
 private:
     std::string getPath(std::uint32_t tsiidx) const;
     void prepareDirectory() const;
-    void checkOverwritable(const std::string& path, const struct stat& status) const;
-    void open(Output& output, const std::string& path) const;
+    static void open(Output& output, const std::string& path);
 
     std::string m_Directory;
     struct stat m_Input;

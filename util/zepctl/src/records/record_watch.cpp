@@ -54,7 +54,7 @@ CppUtil::FileDescriptor blockEndingSignals() {
     return descriptor;
 }
 
-/// Whether standard output takes control sequences.
+/// Whether standard output understands control sequences.
 bool isTerminal() {
     const char* type = std::getenv("TERM");
     return ::isatty(STDOUT_FILENO) == 1 && (type == nullptr || std::string_view(type) != "dumb");

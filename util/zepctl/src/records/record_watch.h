@@ -5,7 +5,6 @@
 #include <deque>
 #include <map>
 #include <optional>
-#include <ratio>
 #include <span>
 #include <string>
 #include <vector>
@@ -76,10 +75,10 @@ private:
 /// What arrives, per input: counts, rates and drift. Thread-bound.
 class RecordWatch {
 public:
-    /// Takes the next records, whole ones.
+    /// Takes the next complete records.
     /// @param arrival none for records that a file already held: they are counted, but not timed
     void add(std::span<const std::uint8_t> records, std::optional<ArrivalTime> arrival);
-    /// Takes the number of bytes that remain of a record at the end of the stream.
+    /// Takes the size of the incomplete record at the end of the stream, 0 if there is none.
     void end(std::size_t tornBytes) { m_Check.end(tornBytes); }
 
     const FaultLog& getFaults() const { return m_Check.getFaults(); }
@@ -98,7 +97,7 @@ private:
     };
 
     RecordCheck m_Check;
-    std::map<std::uint32_t, Arrival> m_Arrivals;  // by TSIIDX, as the inputs of the check
+    std::map<std::uint32_t, Arrival> m_Arrivals;  // by TSIIDX, like the inputs of the check
 };
 
 /// Watches what arrives in a FIFO, on standard input, from a device or in a growing file, until the time
