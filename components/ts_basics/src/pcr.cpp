@@ -24,7 +24,7 @@ bool isDuplicate(const TSPacket& packet, std::span<const std::uint8_t, TS_PACKET
     const std::uint8_t* bytes = packet.getDataPtr();
     const std::size_t pcrEnd = PCR_OFFSET + (readPcr(packet) ? PCR_SIZE : 0);
     return std::equal(bytes, bytes + PCR_OFFSET, original.begin()) &&
-           std::equal(bytes + pcrEnd, bytes + TS_PACKET_SIZE, original.begin() + pcrEnd);
+           std::equal(bytes + pcrEnd, bytes + TS_PACKET_SIZE, original.data() + pcrEnd);
 }
 
 }  // namespace Vel::Ts
