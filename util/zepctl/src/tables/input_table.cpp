@@ -1,6 +1,7 @@
 #include "tables/input_table.h"
 
 #include <algorithm>
+#include <compare>
 #include <iterator>
 
 #include <fmt/format.h>
@@ -28,7 +29,7 @@ std::vector<IpInEntry> InputTable::list() const {
 void InputTable::add(const IpInEntry& input) {
     checkOrder();
     for (const IpInEntry& row : list()) {
-        if ((row <=> input) == 0) {
+        if (std::is_eq(row <=> input)) {
             throw CommandError(WRONG_USE, fmt::format("{} already exists, with TSIIDX {}", buildInputUri(row),
                                                       row.getTSIIDX()));
         }
@@ -49,7 +50,7 @@ void InputTable::remove(const IpInEntry& input) {
     checkOrder();
     bool isFound = false;
     for (IpInEntry& row : m_Rows) {
-        if (row.isEnabled() && (row <=> input) == 0) {
+        if (row.isEnabled() && std::is_eq(row <=> input)) {
             writeRow(row, m_Cleared);
             isFound = true;
         }

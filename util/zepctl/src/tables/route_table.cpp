@@ -1,6 +1,7 @@
 #include "tables/route_table.h"
 
 #include <algorithm>
+#include <compare>
 
 #include <fmt/format.h>
 
@@ -32,7 +33,7 @@ std::uint32_t RouteTable::findFreePididx() const {
 void RouteTable::add(const PidLutEntry& route) {
     VEL_ASSERT(route.isRouted());
     for (const PidLutEntry& other : m_Routes) {
-        if ((other <=> route) == 0) {
+        if (std::is_eq(other <=> route)) {
             throw CommandError(WRONG_USE, "The PID already has a route: " + formatRoute(other));
         }
     }
