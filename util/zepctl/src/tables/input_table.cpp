@@ -1,7 +1,6 @@
 #include "tables/input_table.h"
 
 #include <algorithm>
-#include <compare>
 #include <iterator>
 
 #include <fmt/format.h>

@@ -1,7 +1,6 @@
 #include "tables/route_table.h"
 
 #include <algorithm>
-#include <compare>
 
 #include <fmt/format.h>
 
