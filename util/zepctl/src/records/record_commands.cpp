@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "command_error.h"
+#include "command_line.h"
 #include "print_output.h"
 #include "records/record_check.h"
 #include "records/record_reader.h"
@@ -64,11 +65,8 @@ RecordCommands::RecordCommands(CLI::App& app) {
     records->require_subcommand(1);
     records->footer("Example: zepctl records check out.rec");
 
-    CLI::App* check =
-        addCommand(*records, "check", "Check the records of a file; exit status 1 if they are faulty",
-                   "records, or - for standard input");
-    check->add_flag("--json", m_Json, "print the result as JSON");
-    check->footer(
+    CLI::App& check = declareCommand(
+        *records, "check", "Check the records of a file; exit status 1 if they are faulty",
         R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte other
 than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are not faults, nor is
 a file without records. The bit rate is that of the recorded packets, 188 bytes each, from the
@@ -76,25 +74,36 @@ first to the last PCR of the input's first PID with a PCR, without intervals in 
 restarts. The man page lists the keys of the JSON object.
 
 Example: zepctl records check out.rec
-         some-receiver | zepctl records check --json - > result.json)");
-    check->callback([this] { this->check(); });
+         some-receiver | zepctl records check --json - > result.json)",
+        [this] { this->check(); });
+    check.add_option("FILE", m_File, "records, or - for standard input")->required();
+    check.add_flag("--json", m_Json, "print the result as JSON");
 
-    CLI::App* split =
-        addCommand(*records, "split", "Write the packets of each input to a transport stream file",
-                   "records, or - for standard input");
-    split->add_option("DIR", m_Directory, "directory for the files, created if it is missing")->required();
-    split->footer(
+    CLI::App& split = declareCommand(
+        *records, "split", "Write the packets of each input to a transport stream file",
         R"(The packets of TSIIDX 3 are written to DIR/tsiidx-003.ts, and so on. Existing files with these
 names are overwritten, but nothing is changed if one of them is the input, a link, or not a
 plain file. Records with a bad sync byte or a TSIIDX above 255 and a torn last record are
 skipped; the exit status is then 1.
 
-Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)");
-    split->callback([this] { this->split(); });
+Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)",
+        [this] { this->split(); });
+    split.add_option("FILE", m_File, "records, or - for standard input")->required();
+    split.add_option("DIR", m_Directory, "directory for the files, created if it is missing")->required();
 
-    CLI::App* watch = addCommand(*records, "watch", "Show arriving records live, per input",
-                                 "FIFO, growing file or device, or - for standard input");
-    watch->add_option("--for", m_Seconds, "stop after SECONDS")
+    CLI::App& watch = declareCommand(
+        *records, "watch", "Show arriving records live, per input",
+        R"(Shows the rate over the last two seconds and overall, and the drift: how much later (+) or
+earlier (-) packets arrive than their PCRs indicate, relative to the first two seconds of the
+time base, in ms and in ppm of PCR time. Records already in a file are counted but not timed.
+If a file is truncated or rewritten, watching restarts at its beginning. A terminal shows one
+table; elsewhere, one line per input is printed every second. Ends on Ctrl-C, or when the last
+writer closes a FIFO.
+
+Example: zepctl records watch pktio --for 60)",
+        [this] { watchRecords(m_File, m_Seconds); });
+    watch.add_option("FILE", m_File, "FIFO, growing file or device, or - for standard input")->required();
+    watch.add_option("--for", m_Seconds, "stop after SECONDS")
         ->type_name("SECONDS")
         ->check([](const std::string& text) {
             double seconds = 0;
@@ -106,23 +115,6 @@ Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)"
                              "\"{}\" is not a number of seconds greater than 0 and at most {} (366 days)",
                              text, MAX_WATCH_SECONDS);
         });
-    watch->footer(
-        R"(Shows the rate over the last two seconds and overall, and the drift: how much later (+) or
-earlier (-) packets arrive than their PCRs indicate, relative to the first two seconds of the
-time base, in ms and in ppm of PCR time. Records already in a file are counted but not timed.
-If a file is truncated or rewritten, watching restarts at its beginning. A terminal shows one
-table; elsewhere, one line per input is printed every second. Ends on Ctrl-C, or when the last
-writer closes a FIFO.
-
-Example: zepctl records watch pktio --for 60)");
-    watch->callback([this] { watchRecords(m_File, m_Seconds); });
-}
-
-CLI::App* RecordCommands::addCommand(CLI::App& records, const std::string& name,
-                                     const std::string& description, const std::string& file) {
-    CLI::App* command = records.add_subcommand(name, description);
-    command->add_option("FILE", m_File, file)->required();
-    return command;
 }
 
 void RecordCommands::check() const {

@@ -16,8 +16,6 @@ public:
     RecordCommands& operator=(const RecordCommands&) = delete;
 
 private:
-    CLI::App* addCommand(CLI::App& records, const std::string& name, const std::string& description,
-                         const std::string& file);
     void check() const;
     void split() const;
 
