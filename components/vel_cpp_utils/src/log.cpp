@@ -19,8 +19,8 @@ constexpr std::size_t QUEUE_ENTRIES = 8192;
 constexpr std::size_t WORKER_THREADS = 1;
 constexpr const char* LINE_PATTERN = "[%T.%e] [%l] %v";
 
-std::mutex logsystemMutex;
-std::shared_ptr<ILogsystem> processLogsystem;  // guarded by logsystemMutex
+std::mutex g_LogsystemMutex;
+std::shared_ptr<ILogsystem> g_ProcessLogsystem;  // guarded by g_LogsystemMutex
 
 /// Bytes in a pipe that its reader has not read yet. 0 for a file; meaningless for a terminal.
 int unreadBytes() {
@@ -91,18 +91,18 @@ bool drain(std::chrono::milliseconds patience) {
 }
 
 void setLogsystem(std::unique_ptr<ILogsystem> logsystem) {
-    const std::lock_guard lock(logsystemMutex);
-    processLogsystem = std::move(logsystem);
+    const std::lock_guard lock(g_LogsystemMutex);
+    g_ProcessLogsystem = std::move(logsystem);
 }
 
 std::shared_ptr<ILogsystem> getLogsystem() {
-    const std::lock_guard lock(logsystemMutex);
-    if (!processLogsystem) {
-        processLogsystem = std::make_shared<StdoutLogger>(spdlog::level::info);
-        warning(*processLogsystem->getLogger("Logsystem"),
+    const std::lock_guard lock(g_LogsystemMutex);
+    if (!g_ProcessLogsystem) {
+        g_ProcessLogsystem = std::make_shared<StdoutLogger>(spdlog::level::info);
+        warning(*g_ProcessLogsystem->getLogger("Logsystem"),
                 "No logsystem initialized. Falling back to stdout.");
     }
-    return processLogsystem;
+    return g_ProcessLogsystem;
 }
 
 std::string makeLoggerName(std::string_view headerFile, std::string_view signature) {

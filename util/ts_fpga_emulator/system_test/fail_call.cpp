@@ -21,9 +21,9 @@ extern "C" void* __libc_malloc(std::size_t size);
 
 namespace {
 
-std::atomic<long> calls = 0;
+std::atomic<long> g_Calls = 0;
 /// Set by the first open() of main(). Allocations of libraries before that cannot be handled by anybody.
-std::atomic<bool> isInMain = false;
+std::atomic<bool> g_IsInMain = false;
 
 long readNumber(const char* variable) {
     const char* text = std::getenv(variable);
@@ -32,7 +32,7 @@ long readNumber(const char* variable) {
 
 bool isDue(const char* call) {
     const char* wanted = std::getenv("FAIL_CALL");
-    if (wanted == nullptr || std::strcmp(wanted, call) != 0 || ++calls != readNumber("FAIL_AT")) {
+    if (wanted == nullptr || std::strcmp(wanted, call) != 0 || ++g_Calls != readNumber("FAIL_AT")) {
         return false;
     }
     // Past the functions below, which this must not count.
@@ -62,7 +62,7 @@ extern "C" {
 // open() takes more arguments than this, but never more than the mode.
 int openFile(const char* path, int flags, mode_t mode) asm("open64");
 int openFile(const char* path, int flags, mode_t mode) {
-    isInMain = true;
+    g_IsInMain = true;
     return isDue("open") ? -1 : next<int(const char*, int, mode_t)>("open64")(path, flags, mode);
 }
 
@@ -106,7 +106,7 @@ int nanosleep(const timespec* duration, timespec* rest) {
 }
 
 void* malloc(std::size_t size) noexcept {
-    return isInMain && isDue("malloc") ? nullptr : __libc_malloc(size);
+    return g_IsInMain && isDue("malloc") ? nullptr : __libc_malloc(size);
 }
 
 }  // extern "C"

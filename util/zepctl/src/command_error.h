@@ -9,7 +9,7 @@
 namespace Vel::Zepctl {
 
 /// Exit status of the program when a command could not do its work.
-enum ExitStatus { DONE = 0, STREAM_FAULTY = 1, WRONG_USE = 2, DEVICE_UNUSABLE = 3 };
+enum ExitStatus { Done = 0, StreamFaulty = 1, WrongUse = 2, DeviceUnusable = 3 };
 
 /// Ends a command before its work is done. main() turns it into its exit status and one line on standard
 /// error, so the text names the value that was refused and its limits, and has no line end.
@@ -25,7 +25,7 @@ private:
 
 /// The failure of the last system call by its errno, as in "Cannot read FILE: Is a directory".
 [[nodiscard]] inline CommandError systemError(const std::string& action) {
-    return {DEVICE_UNUSABLE, action + ": " + CppUtil::errnoText(errno)};
+    return {DeviceUnusable, action + ": " + CppUtil::errnoText(errno)};
 }
 
 }  // namespace Vel::Zepctl

@@ -27,9 +27,9 @@ CLI::Option& addNumber(CLI::App& command, const std::string& name, std::optional
         std::uint32_t& value = number.emplace(0);
         const auto [stop, error] = std::from_chars(digits.data(), end, value, isHexadecimal ? 16 : 10);
         if (error != std::errc{} || stop != end || !range.contains(value)) {
-            throw CommandError(WRONG_USE, fmt::format("{} \"{}\" is not a number from {} to {}, in decimal "
-                                                      "or hexadecimal with a 0x prefix",
-                                                      name, text, range.min, range.max));
+            throw CommandError(WrongUse, fmt::format("{} \"{}\" is not a number from {} to {}, in decimal "
+                                                     "or hexadecimal with a 0x prefix",
+                                                     name, text, range.min, range.max));
         }
     };
     const std::string limits = fmt::format("{} to {}: {}", range.min, range.max, help);

@@ -48,22 +48,22 @@ std::string describeUnknownCommand(const CLI::App& app) {
 int run(CLI::App& app, int argc, char** argv) {
     try {
         app.parse(argc, argv);  // runs the command as well
-        return DONE;
+        return Done;
     } catch (const CLI::Success& success) {
         app.exit(success);  // prints the help
         printOutput("");
-        return DONE;
+        return Done;
     } catch (const CLI::RequiredError& error) {
         const std::string unknown = describeUnknownCommand(app);
-        return fail(WRONG_USE, unknown.empty() ? error.what() : unknown);
+        return fail(WrongUse, unknown.empty() ? error.what() : unknown);
     } catch (const CLI::ParseError& error) {
-        return fail(WRONG_USE, error.what());
+        return fail(WrongUse, error.what());
     } catch (const CommandError& error) {
         return fail(error.getStatus(), error.what());
     } catch (const Vel::CppUtil::InvalidArgumentError& error) {
-        return fail(WRONG_USE, error.getMessage());
+        return fail(WrongUse, error.getMessage());
     } catch (const Vel::Error& error) {  // of a device
-        return fail(DEVICE_UNUSABLE, error.getMessage());
+        return fail(DeviceUnusable, error.getMessage());
     }
 }
 
@@ -88,6 +88,6 @@ int main(int argc, char** argv) {
         const RecordCommands recordCommands(app);
         return run(app, argc, argv);
     } catch (const std::exception& error) {
-        return fail(DEVICE_UNUSABLE, error.what());
+        return fail(DeviceUnusable, error.what());
     }
 }

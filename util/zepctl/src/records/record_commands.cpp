@@ -53,7 +53,7 @@ void readToEnd(RecordReader& reader, Consumer& consumer) {
 void finish(const std::string& report, const std::string& name, const FaultLog& faults) {
     printOutput(report);
     if (!faults.isEmpty()) {
-        throw CommandError(STREAM_FAULTY, name + " is faulty");
+        throw CommandError(StreamFaulty, name + " is faulty");
     }
 }
 

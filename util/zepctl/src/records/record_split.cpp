@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -15,9 +14,7 @@
 namespace Vel::Zepctl {
 
 RecordSplit::RecordSplit(std::string directory, const struct stat& input)
-    : m_Directory(std::move(directory)), m_Input(input) {
-    std::signal(SIGXFSZ, SIG_IGN);  // a file size limit is reported like a full disk
-}
+    : m_Directory(std::move(directory)), m_Input(input) {}
 
 void RecordSplit::add(std::span<const std::uint8_t> records) {
     for (; records.size() >= Ts::RECORD_SIZE; records = records.subspan(Ts::RECORD_SIZE)) {
@@ -67,8 +64,8 @@ void RecordSplit::prepareDirectory() const {
         const bool isInput = status.st_dev == m_Input.st_dev && status.st_ino == m_Input.st_ino;
         if (isTaken && (isInput || !S_ISREG(status.st_mode) || status.st_nlink != 1)) {
             const char* reason = isInput ? "the input file" : "not a plain file with a single link";
-            throw CommandError(DEVICE_UNUSABLE, fmt::format("Cannot create {}: it is {}",
-                                                            CppUtil::escapeControls(path), reason));
+            throw CommandError(DeviceUnusable, fmt::format("Cannot create {}: it is {}",
+                                                           CppUtil::escapeControls(path), reason));
         }
     }
 }

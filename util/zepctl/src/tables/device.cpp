@@ -19,7 +19,7 @@ LockedDevice::LockedDevice(const std::string& path, const Drivers::Zep::DeviceIn
     struct stat named {};
     const int found = file < 0 ? ::stat(path.c_str(), &named) : ::fstat(file, &named);
     if (found != 0 || named.st_dev != locked.st_dev || named.st_ino != locked.st_ino) {
-        throw CommandError(DEVICE_UNUSABLE, path + " was removed or replaced by another file; try again");
+        throw CommandError(DeviceUnusable, path + " was removed or replaced by another file; try again");
     }
     if (access == Access::Change && S_ISREG(locked.st_mode) &&
         ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, info.size) != 0 && (errno == ENOSPC || errno == EDQUOT)) {

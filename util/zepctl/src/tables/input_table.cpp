@@ -29,17 +29,17 @@ void InputTable::add(const IpInEntry& input) {
     checkOrder();
     for (const IpInEntry& row : list()) {
         if (std::is_eq(row <=> input)) {
-            throw CommandError(WRONG_USE, fmt::format("{} already exists, with TSIIDX {}", buildInputUri(row),
-                                                      row.getTSIIDX()));
+            throw CommandError(WrongUse, fmt::format("{} already exists, with TSIIDX {}", buildInputUri(row),
+                                                     row.getTSIIDX()));
         }
         if (row.getTSIIDX() == input.getTSIIDX()) {
-            throw CommandError(WRONG_USE,
+            throw CommandError(WrongUse,
                                fmt::format("TSIIDX {} is taken by {}", row.getTSIIDX(), buildInputUri(row)));
         }
     }
     clearCopies();
     if (std::ranges::all_of(m_Rows, &IpInEntry::isEnabled)) {
-        throw CommandError(WRONG_USE,
+        throw CommandError(WrongUse,
                            fmt::format("The IP LUT is full: all {} rows are in use", m_Rows.size()));
     }
     insert(input);
@@ -55,7 +55,7 @@ void InputTable::remove(const IpInEntry& input) {
         }
     }
     if (!isFound) {
-        throw CommandError(WRONG_USE, "There is no input " + buildInputUri(input));
+        throw CommandError(WrongUse, "There is no input " + buildInputUri(input));
     }
     m_Memory.verifyMemory();
 }
@@ -72,7 +72,7 @@ void InputTable::checkOrder() const {
     const auto wrong = std::is_sorted_until(inputs.begin(), inputs.end());
     if (wrong != inputs.end()) {
         throw CommandError(
-            DEVICE_UNUSABLE,
+            DeviceUnusable,
             fmt::format("The IP LUT is out of order: {} comes after {}; \"zepctl clear inputs\" "
                         "clears the table",
                         buildInputUri(*wrong), buildInputUri(*std::prev(wrong))));

@@ -33,11 +33,11 @@ void RouteTable::add(const PidLutEntry& route) {
     VEL_ASSERT(route.isRouted());
     for (const PidLutEntry& other : m_Routes) {
         if (std::is_eq(other <=> route)) {
-            throw CommandError(WRONG_USE, "The PID already has a route: " + formatRoute(other));
+            throw CommandError(WrongUse, "The PID already has a route: " + formatRoute(other));
         }
     }
     if (m_Routes.size() >= PidLut::TABLE.rows) {
-        throw CommandError(WRONG_USE,
+        throw CommandError(WrongUse,
                            fmt::format("The PID LUT is full: all {} rows are in use", m_Routes.size()));
     }
     m_Routes.push_back(route);
@@ -49,7 +49,7 @@ void RouteTable::remove(std::uint32_t tsiidx, std::uint32_t pid) {
         return route.getTSIIDX() == tsiidx && route.getPID() == pid;
     });
     if (removed == 0) {
-        throw CommandError(WRONG_USE,
+        throw CommandError(WrongUse,
                            fmt::format("There is no route for TSIIDX {}, PID 0x{:04x}", tsiidx, pid));
     }
     write();

@@ -26,7 +26,7 @@ IpInEntry parseInputUri(const std::string& text) {
         advice = hasPort ? "write it as " + canonical : advice;
     } catch (const CppUtil::ParsingError&) {  // reported below
     }
-    throw CommandError(WRONG_USE, fmt::format("\"{}\" is not the URI of an input: {}", text, advice));
+    throw CommandError(WrongUse, fmt::format("\"{}\" is not the URI of an input: {}", text, advice));
 }
 
 std::string formatInput(const IpInEntry& input) {

@@ -27,14 +27,14 @@ void checkExisting(const std::string& path, const struct stat& file, mode_t kind
         throw CommandError(status, path + " already exists" + reason);
     };
     if ((file.st_mode & S_IFMT) != kind) {
-        refuse(DEVICE_UNUSABLE,
+        refuse(DeviceUnusable,
                fmt::format(" and is not a {}; remove it first", isFifo ? "FIFO" : "plain file"));
     }
     if (file.st_nlink > 1) {
-        refuse(DEVICE_UNUSABLE, fmt::format(" with {} hard links; remove it first", file.st_nlink));
+        refuse(DeviceUnusable, fmt::format(" with {} hard links; remove it first", file.st_nlink));
     }
     if (!force) {
-        refuse(WRONG_USE, fmt::format("; use --force to {} it", isFifo ? "keep" : "zero"));
+        refuse(WrongUse, fmt::format("; use --force to {} it", isFifo ? "keep" : "zero"));
     }
 }
 
@@ -102,7 +102,7 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
     std::error_code error;
     std::filesystem::create_directories(directory, error);
     if (error) {
-        throw CommandError(DEVICE_UNUSABLE,
+        throw CommandError(DeviceUnusable,
                            "Cannot create directory \"" + directory + "\": " + error.message());
     }
     if (withFifo && ::mkfifo(fifo.c_str(), STAND_IN_MODE) != 0 && !(errno == EEXIST && force)) {

@@ -148,7 +148,7 @@ void TableCommands::declareRouteKey(CLI::App& command) {
 /// Both devices are locked before either is changed.
 void TableCommands::clearTables() {
     if (m_Table.empty() && CppUtil::isSameFile(m_TsioPath, m_RouterPath)) {
-        throw CommandError(WRONG_USE, m_TsioPath + " and " + m_RouterPath + " are the same file");
+        throw CommandError(WrongUse, m_TsioPath + " and " + m_RouterPath + " are the same file");
     }
     std::optional<LockedDevice> tsio;
     std::optional<LockedDevice> router;

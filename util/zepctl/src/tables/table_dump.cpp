@@ -61,11 +61,11 @@ std::string dumpTable(const std::string& tableName, const DumpOptions& options, 
     VEL_ASSERT(spec != DUMPS.end());
     const std::uint32_t first = options.first.value_or(spec->first);
     if (first >= spec->rows) {
-        throw CommandError(WRONG_USE, fmt::format("--first {} is beyond the last row ({}) of {}", first,
-                                                  spec->rows - 1, tableName));
+        throw CommandError(WrongUse, fmt::format("--first {} is beyond the last row ({}) of {}", first,
+                                                 spec->rows - 1, tableName));
     }
     if (options.bank && spec->dump != Zep::dumpPidLut) {
-        throw CommandError(WRONG_USE, fmt::format("--bank {}: {} has no banks", *options.bank, tableName));
+        throw CommandError(WrongUse, fmt::format("--bank {}: {} has no banks", *options.bank, tableName));
     }
     const std::uint32_t count = options.count.value_or(spec->rows - first);
     LockedDevice device(spec->isTsio ? tsioPath : routerPath,

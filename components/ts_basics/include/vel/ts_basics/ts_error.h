@@ -7,17 +7,9 @@
 namespace Vel::Ts {
 
 /// Base of all transport stream errors, so that a caller can catch them together; never thrown itself.
-class TsError : public Error {
-public:
-    TsError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
-        : Error(detail, file, line) {}
-};
+using TsError = CategoryError<Error, "">;
 
 /// The packet does not have the requested data.
-class TsPacketError : public TsError {
-public:
-    TsPacketError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
-        : TsError("TS Packet Error: " + detail, file, line) {}
-};
+using TsPacketError = CategoryError<TsError, "TS Packet Error: ">;
 
 }  // namespace Vel::Ts

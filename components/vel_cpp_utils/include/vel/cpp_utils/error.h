@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <exception>
 #include <string>
@@ -26,54 +27,41 @@ private:
     std::size_t m_MessageLength;
 };
 
+/// The prefix of an error category, as a template argument.
+template <std::size_t SIZE>
+struct CategoryPrefix {
+    consteval CategoryPrefix(const char (&prefix)[SIZE]) { std::ranges::copy(prefix, text); }
+    char text[SIZE]{};
+};
+
+/// An error whose category stands in front of its detail text.
+template <typename Base, CategoryPrefix PREFIX>
+class CategoryError : public Base {
+public:
+    CategoryError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
+        : Base(PREFIX.text + detail, file, line) {}
+};
+
 namespace CppUtil {
 
 /// The program cannot start with the given configuration.
-class InitializationError : public Error {
-public:
-    InitializationError(const std::string& detail, const char* file = __builtin_FILE(),
-                        int line = __builtin_LINE())
-        : Error("Initialization Error: " + detail, file, line) {}
-};
-
+using InitializationError = CategoryError<Error, "Initialization Error: ">;
 /// A text or a serialized form does not follow its format.
-class ParsingError : public Error {
-public:
-    ParsingError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
-        : Error("Generic parsing Error: " + detail, file, line) {}
-};
-
+using ParsingError = CategoryError<Error, "Generic parsing Error: ">;
 /// An index or a size lies outside of its range.
-class OutOfRangeError : public Error {
-public:
-    OutOfRangeError(const std::string& detail, const char* file = __builtin_FILE(),
-                    int line = __builtin_LINE())
-        : Error("Out of Range Error: " + detail, file, line) {}
-};
-
+using OutOfRangeError = CategoryError<Error, "Out of Range Error: ">;
 /// An argument is well-formed but not acceptable.
-class InvalidArgumentError : public Error {
-public:
-    InvalidArgumentError(const std::string& detail, const char* file = __builtin_FILE(),
-                         int line = __builtin_LINE())
-        : Error("Invalid Argument Error: " + detail, file, line) {}
-};
-
+using InvalidArgumentError = CategoryError<Error, "Invalid Argument Error: ">;
 /// The object does not support this call in its current state.
-class NotImplementedError : public Error {
-public:
-    NotImplementedError(const std::string& detail, const char* file = __builtin_FILE(),
-                        int line = __builtin_LINE())
-        : Error("Not Implemented Error: " + detail, file, line) {}
-};
+using NotImplementedError = CategoryError<Error, "Not Implemented Error: ">;
 
 /// Reading from or writing to a file or device failed.
-class IOError : public Error {
+class IOError : public CategoryError<Error, "IOErrorr: "> {
 public:
     /// @param reason the system's message, for example errnoText(errno); not part of what()
     IOError(const std::string& detail, std::string reason = {}, const char* file = __builtin_FILE(),
             int line = __builtin_LINE())
-        : Error("IOErrorr: " + detail, file, line), m_Reason(std::move(reason)) {}
+        : CategoryError(detail, file, line), m_Reason(std::move(reason)) {}
 
     const std::string& getReason() const { return m_Reason; }
 

@@ -11,11 +11,7 @@
 namespace Vel::Drivers {
 
 /// An access is outside the device's memory or is not aligned to its width.
-class DevMemError : public Error {
-public:
-    DevMemError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
-        : Error("Device memory Error: " + detail, file, line) {}
-};
+using DevMemError = CategoryError<Error, "Device memory Error: ">;
 
 /// Memory that an accessor may touch.
 struct MemSegment {

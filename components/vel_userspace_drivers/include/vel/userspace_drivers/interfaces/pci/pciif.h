@@ -13,11 +13,7 @@ namespace Vel::Pci {
 class MappingGuard;
 
 /// A device cannot be opened or mapped, or its mapping cannot be accessed.
-class PciError : public Error {
-public:
-    PciError(const std::string& detail, const char* file = __builtin_FILE(), int line = __builtin_LINE())
-        : Error("PCI Error: " + detail, file, line) {}
-};
+using PciError = CategoryError<Error, "PCI Error: ">;
 
 /// A character device, or a plain file that stands in for one, with a region of it mapped into this process.
 /// Changes are shared both ways with every other process that maps it. After construction no access makes a

@@ -63,17 +63,17 @@ struct RowDecoder {
     }
 };
 
-/// A table row of `WordCount` words whose fields are bit fields of these words. A plain value; reentrant.
+/// A table row of `WORD_COUNT` words whose fields are bit fields of these words. A plain value; reentrant.
 ///
 /// Its constructors and setters throw ZepDriverError for a value that does not fit its field; a setter that
 /// throws changes nothing. Every combination of bits is a valid row, so reading from words never fails.
 ///
 /// The derived class lists its fields once for both directions: a static `visitFields(row, visit)` calls
 /// `visit(bits, field)` for every stored field.
-template <class Row, std::uint32_t WordCount>
+template <class Row, std::uint32_t WORD_COUNT>
 class TableRow : public Misc::SerilizeableEntry<unsigned int> {
 public:
-    static constexpr std::uint32_t WORDS = WordCount;
+    static constexpr std::uint32_t WORDS = WORD_COUNT;
 
     void toWords() override {
         std::ranges::fill(m_Words, 0U);
@@ -85,7 +85,7 @@ public:
     }
 
 protected:
-    TableRow() : SerilizeableEntry(WordCount) {}
+    TableRow() : SerilizeableEntry(WORD_COUNT) {}
 };
 
 }  // namespace Vel::Drivers::Zep
