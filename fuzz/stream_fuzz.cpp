@@ -22,12 +22,14 @@ using namespace Vel;
 
 /// Time passes only while somebody sleeps, and a little with each look.
 struct FakeClock : Utils::MonotonicClock {
-    std::uint64_t getMonotonicNs() const override { return now += 1000; }
-    void sleepNs(std::uint64_t ns, const std::stop_token& /*stop*/) const override { now += ns; }
-    void sleepUntilNs(std::uint64_t deadlineNs, const std::stop_token& /*stop*/) const override {
-        now = std::max(now, deadlineNs);
+    std::uint64_t getMonotonicNs() const override { return nowNs += 1000; }
+    void sleepFor(std::chrono::nanoseconds time, const std::stop_token& /*stop*/) const override {
+        nowNs += static_cast<std::uint64_t>(time.count());
     }
-    mutable std::uint64_t now = 0;
+    void sleepUntil(std::chrono::nanoseconds deadline, const std::stop_token& /*stop*/) const override {
+        nowNs = std::max(nowNs, static_cast<std::uint64_t>(deadline.count()));
+    }
+    mutable std::uint64_t nowNs = 0;
 };
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <span>
-#include <utility>
+#include <string>
 
 #include "vel/cpp_utils/error.h"
 #include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
@@ -26,8 +26,8 @@ const cxxopts::HelpOptionDetails* findOption(const std::vector<cxxopts::HelpOpti
     return found == options.end() ? nullptr : &*found;
 }
 
-/// Brings the arguments into the forms that the library takes. It gives an option whose value may be left out
-/// the next argument only after "=", and splits a short option from a value only where that is alphanumeric.
+/// Rewrites the arguments for cxxopts, which accepts the value of an option with an implicit value only after
+/// "=", and a value directly after a short option only if it is alphanumeric.
 std::vector<std::string> joinValues(const cxxopts::Options& options, std::span<const char* const> arguments) {
     const auto& known = options.group_help("").options;
     std::vector<std::string> joined;
@@ -37,15 +37,11 @@ std::vector<std::string> joinValues(const cxxopts::Options& options, std::span<c
             joined.insert(joined.end(), arguments.begin() + static_cast<std::ptrdiff_t>(i), arguments.end());
             break;
         }
-        const bool hasNext = i + 1 < arguments.size();
         if (const auto* option = findOption(known, argument)) {
-            if (!option->has_implicit && hasNext) {
-                joined.insert(joined.end(), {argument, arguments[++i]});  // the value may look like an option
-            } else if (option->has_implicit && hasNext && arguments[i + 1][0] != '-') {
-                joined.push_back("--" + option->l.front() + "=" + arguments[++i]);
-            } else {
-                joined.push_back(argument);
-            }
+            // A value that is not optional may look like an option.
+            const bool takesNext =
+                i + 1 < arguments.size() && (!option->has_implicit || arguments[i + 1][0] != '-');
+            joined.push_back(takesNext ? "--" + option->l.front() + "=" + arguments[++i] : argument);
             continue;
         }
         const auto* attached =
@@ -57,29 +53,13 @@ std::vector<std::string> joinValues(const cxxopts::Options& options, std::span<c
     return joined;
 }
 
-/// The texts between blanks. An empty one lies between two blanks in a row, and at an end that is a blank.
-std::vector<std::string> splitAtBlanks(const std::string& text) {
-    std::vector<std::string> tokens;
-    std::string token;
-    for (const char c : text) {
-        if (c == ' ') {
-            tokens.push_back(std::exchange(token, {}));
-        } else {
-            token += c;
-        }
-    }
-    if (!tokens.empty() || !token.empty()) {
-        tokens.push_back(token);
-    }
-    return tokens;
-}
-
+/// A pair is two texts, either of which may be empty, with the only space between them.
 void addUriFilePair(UriFileList& files, const std::string& pair) {
-    const std::vector<std::string> tokens = splitAtBlanks(pair);
-    if (tokens.size() != 2) {
+    const std::size_t space = pair.find(' ');
+    if (space == std::string::npos || space != pair.rfind(' ')) {
         throw CppUtil::InitializationError("Invalid formatted URI/file pair \"" + pair + "\". ");
     }
-    if (!files.emplace(tokens[0], tokens[1]).second) {
+    if (!files.emplace(pair.substr(0, space), pair.substr(space + 1)).second) {
         throw CppUtil::InitializationError("Rendundant URI in URI/file pair \"" + pair + "\". ");
     }
 }
@@ -88,34 +68,30 @@ void addUriFilePair(UriFileList& files, const std::string& pair) {
 
 cxxopts::Options declareOptions() {
     const auto text = [] { return cxxopts::value<std::string>(); };
+    const auto flag = [&](const char* value = "true") { return text()->implicit_value(value); };
     cxxopts::Options options(PROGRAM_NAME, DESCRIPTION);
-    options.add_options()  //
+    // clang-format off
+    options.add_options()
         ("r,router_dev", "Device or file, which represents the device holding the pidlut, pidmap etc.",
-         text()->default_value(Drivers::Zep::ROUTER_DEVICE.path))  //
+         text()->default_value(Drivers::Zep::ROUTER_DEVICE.path))
         ("t,tsio_dev", "Device or file, which represents the device holding the iplut, tsimap etc.",
-         text()->default_value(Drivers::Zep::TSIO_DEVICE.path))  //
+         text()->default_value(Drivers::Zep::TSIO_DEVICE.path))
         ("p,pktioctrl_dev",
-         "Device or file, which represents the device holding the control registers for the pktio "
-         "functionality.",
-         text()->default_value(Drivers::Zep::PKTIO_DEVICE_PATH))  //
+         "Device or file, which represents the device holding the control registers for the pktio functionality.",
+         text()->default_value(Drivers::Zep::PKTIO_DEVICE_PATH))
         ("P,pktiodata_dev",
-         "Device or file, which represents the which the ZEPTSIF can write the streamed ZEP headered TS "
-         "packets "
-         "to.",
-         text()->default_value(Drivers::Zep::PKTIO_DEVICE_PATH))  //
+         "Device or file, which represents the which the ZEPTSIF can write the streamed ZEP headered TS packets to.",
+         text()->default_value(Drivers::Zep::PKTIO_DEVICE_PATH))
         ("f,file_uri_pair",
-         "Configuration string, which links a ZEP input URI to a arbitrary file, containing MPEG-2 transport "
-         "stream packets of 188 bytes size. Must conform to format [URI PATH]. A minimum of 1 of these "
-         "options "
-         "are required.",
-         text()->implicit_value(""))                                                //
-        ("h,help", "Displays this help text.", text()->implicit_value("implicit"))  //
-        ("m,pcrmode", "If given, the transport stream files, will be streamed by the rate of the PCR.",
-         text()->implicit_value("true"))  //
-        ("c,pcrclock", "If given, every packet is streamed at the time that the PCR gives it.",
-         text()->implicit_value("true"))                                                                //
-        ("v,verbose", "If given, the debug lines are logged as well.", text()->implicit_value("true"))  //
-        ("V,version", "Displays name and version.", text()->implicit_value("true"));
+         "Configuration string, which links a ZEP input URI to a arbitrary file, containing MPEG-2 transport stream "
+         "packets of 188 bytes size. Must conform to format [URI PATH]. A minimum of 1 of these options are required.",
+         flag(""))
+        ("h,help", "Displays this help text.", flag("implicit"))
+        ("m,pcrmode", "If given, the transport stream files, will be streamed by the rate of the PCR.", flag())
+        ("c,pcrclock", "If given, every packet is sent at its PCR time.", flag())
+        ("v,verbose", "If given, debug messages are logged as well.", flag())
+        ("V,version", "Displays the program's name and version.", flag());
+    // clang-format on
     return options;
 }
 

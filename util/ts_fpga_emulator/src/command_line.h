@@ -11,7 +11,7 @@
 
 namespace Vel::Utils {
 
-/// What the program was asked to do.
+/// What the command line asks for.
 struct Settings {
     UriFileList files;
     std::string routerDevice;
@@ -22,15 +22,15 @@ struct Settings {
     PcrPacing pcrPacing = PcrPacing::Batches;
 };
 
-/// The program's options, which the help text describes.
+/// The program's options, with their help texts.
 cxxopts::Options declareOptions();
 
-/// Parses the process arguments. An option whose value may be left out takes the next argument as its value
-/// unless that is missing or begins with "-".
-/// @throws cxxopts::exceptions::exception for anything that the options do not allow
+/// Parses the process arguments. An option with an optional value takes the next argument as its value unless
+/// that is missing or begins with "-".
+/// @throws cxxopts::exceptions::exception for a wrong command line
 cxxopts::ParseResult parseArguments(cxxopts::Options& options, int argc, const char* const* argv);
 
-/// @throws CppUtil::InitializationError where the pairs are missing or wrong
+/// @throws CppUtil::InitializationError if the pairs are missing or wrong
 Settings readSettings(const cxxopts::ParseResult& options);
 
 }  // namespace Vel::Utils

@@ -22,19 +22,14 @@ namespace {
 
 using CppUtil::escapeControls;
 
-/// Opening a plain file as data device empties it, and a mistyped path must not cost a table or a stream. A
-/// file that is yet to be created counts as well: no stream may play its own output.
+/// Opening a plain file as data device empties it, and a mistyped path must not cost a table or a stream. Nor
+/// may a stream play its own output, so a file that is yet to be created counts as well.
 void requireOtherFile(const std::string& dataDevice, const char* role, const std::string& path) {
-    namespace fs = std::filesystem;
     std::error_code ignored;
-    const auto place = [&](const std::string& name) {
-        return fs::weakly_canonical(fs::absolute(name, ignored), ignored);
-    };
-    const fs::file_status status = fs::status(dataDevice, ignored);
-    const bool isSame = fs::exists(status)
-                            ? fs::is_regular_file(status) && CppUtil::isSameFile(dataDevice, path)
-                            : place(dataDevice) == place(path);
-    if (isSame) {
+    const auto type = std::filesystem::status(dataDevice, ignored).type();
+    if (type == std::filesystem::file_type::not_found
+            ? dataDevice == path
+            : type == std::filesystem::file_type::regular && CppUtil::isSameFile(dataDevice, path)) {
         throw CppUtil::InvalidArgumentError(
             fmt::format("The data device \"{}\" is the {} \"{}\" and would be emptied.",
                         escapeControls(dataDevice), role, escapeControls(path)));
@@ -75,8 +70,8 @@ ZEPTFEMApplication::ZEPTFEMApplication(int argc, const char* const* argv, std::s
 
 ZEPTFEMApplication::~ZEPTFEMApplication() {
     Log::debug(*m_Logger, "Destroy ZEPTFEMApplication");
-    // Reaches every stream before the first thread is joined: the monitor thread may wait for a stream that
-    // is pacing.
+    // Reaches every stream before the first thread is joined: the monitor thread may be waiting for a paced
+    // stream.
     m_Stop.request_stop();
     m_FPGAMonitor.reset();
     m_PktioStreamManager.reset();
@@ -85,9 +80,8 @@ ZEPTFEMApplication::~ZEPTFEMApplication() {
 
 std::int32_t ZEPTFEMApplication::doApplication() {
     std::unique_lock lock(m_ExitMutex);
-    const bool nothingWasSetUp = m_ExitSignaled && !m_FPGAMonitor;
-    if (nothingWasSetUp) {
-        return 0;
+    if (m_ExitSignaled && !m_FPGAMonitor) {
+        return 0;  // nothing was set up
     }
     m_ExitCondition.wait(lock, [this] { return m_ExitSignaled; });
     Log::info(*m_Logger, "Application exit has been signaled...");

@@ -15,30 +15,29 @@
 
 namespace Vel::Utils {
 
-/// The emulator: reads the command line, wires the parts together, waits for its end, and destroys them in a
+/// The emulator: reads the command line, connects the parts, waits for a signal, and destroys the parts in a
 /// fixed order: monitor, streams, dispatcher. One per process, on the main thread; handleSignal() may be
-/// called on any.
+/// called on any thread.
 class ZEPTFEMApplication {
 public:
     static std::string loggerName() {
         return Log::makeLoggerName(__FILE__, "Vel::Utils::ZEPTFEMApplication");
     }
 
-    /// Sets the emulator up; from then on the tables are monitored. After a request for help or the version,
-    /// and after a wrong command line, which is reported, there is nothing to do, and doApplication() returns
-    /// at once.
-    /// @param stop requested when the program is to end; ends the waits of the set-up as well
-    /// @throws Error, std::exception for example for a device that cannot be used; nothing is left then
+    /// Sets up the emulator; from then on the tables are monitored. After help, the version or the error of a
+    /// wrong command line has been printed, there is nothing to do, and doApplication() returns at once.
+    /// @param stop requested to end the program; interrupts the waits of set-up as well
+    /// @throws Error, std::exception for example for a device that cannot be used; what exists is destroyed
     ZEPTFEMApplication(int argc, const char* const* argv, std::stop_source stop = std::stop_source());
     virtual ~ZEPTFEMApplication();
     ZEPTFEMApplication(const ZEPTFEMApplication&) = delete;
     ZEPTFEMApplication& operator=(const ZEPTFEMApplication&) = delete;
 
-    /// Blocks until the program is to end. Returns the exit status.
+    /// Blocks until handleSignal() is called. Returns the exit status.
     virtual std::int32_t doApplication();
     /// Reports the signal, SIGINT or SIGTERM, and makes doApplication() return. Thread-safe.
     virtual void handleSignal(int signal);
-    /// Logs what plays, if anything has been set up. Any one thread at a time.
+    /// Logs the status, if anything has been set up. On any thread, one at a time.
     void logStatus();
 
 private:
@@ -50,7 +49,7 @@ private:
     std::condition_variable m_ExitCondition;
     bool m_ExitSignaled = false;  // guarded by m_ExitMutex once the constructor has returned
     std::stop_source m_Stop;
-    // Each one uses those before it, so they are declared in the order of their creation.
+    // Each one uses those before it.
     std::unique_ptr<PacketDispatcher> m_PacketDispatcher;
     std::unique_ptr<PktioStreamManager> m_PktioStreamManager;
     std::unique_ptr<FPGAMonitor> m_FPGAMonitor;

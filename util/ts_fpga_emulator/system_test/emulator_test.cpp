@@ -7,7 +7,7 @@
 namespace Vel::SystemTest {
 namespace {
 
-/// A row that is rewritten is a removal and an addition. Both take effect at one packet, for every input.
+/// A row that is rewritten is a removal and an addition. Both take effect at the same packet of each input.
 TEST_F(EmulatorTest, RowsThatAreRewrittenTogetherLoseNoRecord) {
     const Bytes stream = makeStream({0x100}, 200000);
     startAndWait(link(1, stream) + link(2, stream));
@@ -30,7 +30,7 @@ TEST_F(EmulatorTest, RowsThatAreRewrittenTogetherLoseNoRecord) {
     }
 }
 
-/// Neither the pacing of a stream nor a clock that jumps back holds up a change of its routes.
+/// Neither the pacing of a stream nor a clock that jumps back delays a change of its routes.
 TEST_F(EmulatorTest, RoutesOfAStreamThatFollowsItsClockChangeAtOnce) {
     Bytes stream;
     for (int jump = 0; jump < 20; ++jump) {
@@ -57,8 +57,8 @@ TEST_F(EmulatorTest, RoutesOfAStreamThatFollowsItsClockChangeAtOnce) {
     EXPECT_LT(slowChanges, 10);
 }
 
-/// Signals at any moment of start, run and teardown, many of them, while a table is never stable: the program
-/// ends once, in order, also where its parent had them ignored.
+/// Many signals at any moment of start-up, run and teardown, while a table is never stable: the program ends
+/// once, in order, even if its parent ignored them.
 TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {
     setInput(0, 1, 3);
     setRoute(0, 3, 0x100);

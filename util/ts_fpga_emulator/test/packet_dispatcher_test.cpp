@@ -43,15 +43,15 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     }
     stop.request_stop();
     {
-        const std::jthread last(write, 'c', 1);  // is finished, since it has begun
+        const std::jthread last(write, 'c', 1);  // is completed, because it has been started
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         readRecords(1);
     }
     write('d', 2);
     ::fcntl(reader.get(), F_SETFL, O_NONBLOCK);
     EXPECT_LT(::read(reader.get(), record.data(), SIZE), SIZE)
-        << "a record that has begun is given up after a while";
-    EXPECT_EQ(::read(reader.get(), record.data(), SIZE), -1) << "the second one is not begun";
+        << "a started record is given up after a while";
+    EXPECT_EQ(::read(reader.get(), record.data(), SIZE), -1) << "the second one is not started";
 }
 
 }  // namespace

@@ -11,7 +11,7 @@ constexpr std::int64_t PCR_MS = 27'000;         // PCR ticks
 constexpr std::uint64_t START_NS = 5'000 * MS;  // of the clock
 constexpr int LIMIT = 10'000;                   // of the held packets
 
-/// A stream whose packet i has its PCR, if it has one, from a function, and when each packet left.
+/// A stream whose PCRs come from a function, and the time at which each packet was sent.
 struct Play {
     using Pcr = std::function<std::optional<std::int64_t>(int i)>;
 
@@ -22,7 +22,7 @@ struct Play {
         return packet;
     };
 
-    /// Milliseconds from the first packet that left.
+    /// Milliseconds since the first packet was sent.
     std::vector<double> times() {
         PCRClockAdapter adapter(3, std::make_unique<FakeClock>(nowNs));
         std::vector<double> times;
@@ -75,18 +75,18 @@ struct Case {
 
 class PCRClockAdapterTest : public testing::TestWithParam<Case> {};
 
-TEST_P(PCRClockAdapterTest, EveryPacketLeavesWhenItIsDue) {
+TEST_P(PCRClockAdapterTest, EveryPacketIsSentWhenItIsDue) {
     Play play = GetParam().play;
     const auto times = play.times();
     for (std::size_t i = 0; i < times.size(); ++i) {
         const double due = GetParam().due(static_cast<int>(i));
-        // Packets of the next quarter of a millisecond may leave with one that is due.
+        // Packets that are due within the next quarter of a millisecond may be sent with one that is due now.
         ASSERT_GE(times[i], due - 0.2501) << "packet " << i;
         ASSERT_LE(times[i], due + 0.0001) << "packet " << i;
     }
 }
 
-/// The PCR jumps by so many milliseconds at packet 500.
+/// The PCR jumps by `ms` at packet 500.
 Play::Pcr jump(std::int64_t ms) {
     return [ms](int i) { return i % 10 == 0 ? std::optional(i + (i < 500 ? 0 : ms)) : std::nullopt; };
 }
@@ -123,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
                   packet.pid = i % 10 == 5 ? 0x200 : 0x100;
                   return packet;
               }}},
-        Case{"FastPacketsLeaveTogether",
+        Case{"FastPacketsAreSentTogether",
              {100'000,
               [](auto i) { return i % 1000 == 0 ? std::optional<std::int64_t>(i / 100) : std::nullopt; }},
              [](auto i) { return i / 100.0; }},
@@ -137,7 +137,7 @@ INSTANTIATE_TEST_SUITE_P(
              [](auto i) { return std::max(0, i - LIMIT); }}),
     [](const auto& parameter) { return std::string(parameter.param.name); });
 
-/// A reader that takes nothing stops the clock of the stream for a while.
+/// A reader that stalls delays the stream for a while.
 TEST(PCRClockAdapter, LatePacketsCatchUpOrMoveTheClock) {
     for (const std::uint64_t stallMs : {900U, 1100U, 60'000U}) {
         SCOPED_TRACE(stallMs);
@@ -161,9 +161,9 @@ TEST(PCRClockAdapter, AStopRequestEndsTheWaitAtOnce) {
     std::jthread ending([&] { stop.request_stop(); });
     EXPECT_EQ(adapter.waitUntilDue(stop.get_token()), 0);
     const MonotonicClock clock;
-    const std::uint64_t begin = clock.getMonotonicNs();
-    clock.sleepUntilNs(begin + 120'000 * MS, stop.get_token());
-    EXPECT_LT(clock.getMonotonicNs(), begin + 60'000 * MS);
+    const auto begin = clock.now();
+    clock.sleepUntil(begin + std::chrono::minutes(2), stop.get_token());
+    EXPECT_LT(clock.now(), begin + std::chrono::minutes(1));
 }
 
 }  // namespace

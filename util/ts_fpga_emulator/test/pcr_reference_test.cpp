@@ -6,7 +6,7 @@
 namespace Vel::Utils {
 namespace {
 
-/// What the adapter has to do, in the plainest way.
+/// What the adapter has to do, in the simplest way.
 struct Reference {
     struct Pcr {
         std::uint32_t packet;
@@ -77,7 +77,7 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
         std::uint64_t nowNs = 1'000'000'000;
         PCRRateAdapter adapter({}, std::make_unique<FakeClock>(nowNs));
         Reference reference;
-        // Time goes on, mostly to where a nanosecond decides.
+        // Time passes, mostly to a point at which a nanosecond makes the difference.
         const auto passTime = [&](std::uint64_t borderNs) {
             nowNs = std::max(nowNs + 1, random.oneIn(4) ? 0 : borderNs + random.below(3)) - 1;
         };
@@ -96,7 +96,7 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
             if (number >= nextPcr && pcrsLeft > 0) {
                 packetPcr = pcr % Ts::PCR_WRAP.count();
                 --pcrsLeft;
-                // The second one also comes just when the buffer gets full.
+                // The second one may also arrive just as the buffer becomes full.
                 const bool isLate = isLong && reference.pcrs.empty() && random.oneIn(2);
                 nextPcr = isLate ? 10'000 + random.below(3) : number + 1 + random.below(pcrGap);
             }
@@ -108,7 +108,8 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
             const std::int32_t answer = reference.buffer(pid, packetPcr, last, nowNs);
             ASSERT_EQ(adapter.bufferPacket(makePacket(pid, number, packetPcr), last), answer)
                 << "packet " << number;
-            ASSERT_EQ(adapter.getPacketDelayNs(), reference.delayNs) << "packet " << number;
+            ASSERT_EQ(static_cast<std::uint64_t>(adapter.getPacketDelay().count()), reference.delayNs)
+                << "packet " << number;
             for (std::int32_t release = 0; release < answer; ++release) {
                 if (reference.batch == 99) {
                     passTime(reference.batchStartNs + 100 * reference.delayNs);
@@ -143,9 +144,10 @@ TEST(PCRRateAdapter, RefusesReleasesBeforeThePlayOutAndPacketsAfterTheLastOne) {
 
 TEST(MonotonicClock, SleepsTheWholeTime) {
     const MonotonicClock clock;
-    const std::uint64_t start = clock.getMonotonicNs();
-    clock.sleepNs(250'000'000, {});
-    EXPECT_GE(clock.getMonotonicNs() - start, 250'000'000U);
+    constexpr std::chrono::milliseconds TIME(250);
+    const auto start = clock.now();
+    clock.sleepFor(TIME, {});
+    EXPECT_GE(clock.now() - start, TIME);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 namespace Vel::Utils {
 namespace {
 
-/// Gives the answers of a list.
+/// Returns the answers of a list.
 class ScriptedAdapter : public IRateAdapter {
 public:
     ScriptedAdapter(std::vector<std::int32_t> answers, std::function<void()> onDelay)
@@ -25,7 +25,7 @@ private:
     std::function<void()> m_OnDelay;
 };
 
-TEST(PktioStreamIn, FilterIsAskedAtTheReleaseAndARouteNeverChangesWithinABatch) {
+TEST(PktioStreamIn, FilterIsCheckedAtTheReleaseAndARouteNeverChangesWithinOne) {
     const TemporaryFolder folder;
     PacketDispatcher dispatcher(folder / "records");
     Bytes file;
@@ -37,12 +37,12 @@ TEST(PktioStreamIn, FilterIsAskedAtTheReleaseAndARouteNeverChangesWithinABatch) 
         file.insert(file.end(), packet.begin() + Ts::RECORD_HEADER_SIZE, packet.end());
     }
     writeFile(folder / "input.ts", file);
-    std::promise<void> inBatch;
+    std::promise<void> inRelease;
     std::uint32_t released = 0;
     const auto onDelay = [&] {
         if (++released == 1) {
-            inBatch.set_value();
-            // Time for a change to come through, if anything let it.
+            inRelease.set_value();
+            // Time for a change to take effect, if anything let it.
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     };
@@ -52,7 +52,7 @@ TEST(PktioStreamIn, FilterIsAskedAtTheReleaseAndARouteNeverChangesWithinABatch) 
                          dispatcher);
     using Changes = std::vector<PktioStreamIn::RouteChange>;
     stream.changeRoutes(Changes{{0x100, true}});
-    inBatch.get_future().wait();
+    inRelease.get_future().wait();
     stream.changeRoutes(Changes{{0x100, false}, {0x101, true}});
     Bytes expected;
     for (const std::uint32_t i : {2U, 4U, 5U, 7U}) {  // 0 is discarded, the change comes after 1 to 4

@@ -41,15 +41,17 @@ private:
     std::mt19937_64 m_Engine{m_Seed};
 };
 
-/// Time that passes only where a test says so, and in sleeps. The test keeps it, since an adapter owns its
-/// clock.
+/// Time that passes only when a test says so, and in sleeps. The test owns the time, because an adapter owns
+/// its clock.
 class FakeClock : public MonotonicClock {
 public:
     explicit FakeClock(std::uint64_t& nowNs) : m_NowNs(nowNs) {}
     std::uint64_t getMonotonicNs() const override { return m_NowNs; }
-    void sleepNs(std::uint64_t ns, const std::stop_token& /*stop*/) const override { m_NowNs += ns; }
-    void sleepUntilNs(std::uint64_t deadlineNs, const std::stop_token& /*stop*/) const override {
-        m_NowNs = std::max(m_NowNs, deadlineNs);
+    void sleepFor(std::chrono::nanoseconds time, const std::stop_token& /*stop*/) const override {
+        m_NowNs += static_cast<std::uint64_t>(time.count());
+    }
+    void sleepUntil(std::chrono::nanoseconds deadline, const std::stop_token& /*stop*/) const override {
+        m_NowNs = std::max(m_NowNs, static_cast<std::uint64_t>(deadline.count()));
     }
 
 private:

@@ -10,8 +10,8 @@ namespace {
 
 constexpr std::size_t SIZE = Ts::TS_PACKET_SIZE;
 
-/// Bytes that repeat only after a prime number of them, so that a misplaced one shows. No sync byte leads a
-/// packet: packets follow from their position alone.
+/// Bytes that repeat only after a prime number of them, so that a misplaced one is detected. There are no
+/// sync bytes: the position alone makes a packet.
 std::string patternBytes(std::size_t size) {
     std::string bytes;
     for (std::size_t i = 0; i < size; ++i) {
@@ -38,7 +38,7 @@ TEST(TsFile, PacketsAreReadInOrderAndTheEndIsSeenExactly) {
         EXPECT_FALSE(file.readPacket(packet));
         EXPECT_FALSE(file.readPacket(packet)) << "an end is final";
     }
-    // A look ahead leaves an error to the next read.
+    // If a look-ahead fails, the next read reports the error.
     TsFile directory(folder / ".", {});
     EXPECT_FALSE(directory.isAtEnd());
     EXPECT_EQ(thrownText<CppUtil::IOError>([&] { static_cast<void>(directory.readPacket(packet)); }),

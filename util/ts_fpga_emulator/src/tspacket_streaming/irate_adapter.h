@@ -7,13 +7,13 @@
 
 namespace Vel::Utils {
 
-/// Decides when the packets of one input stream go out. The stream appends every packet that it reads to its
+/// Decides when the packets of one input stream are sent. The stream appends each packet that it reads to its
 /// queue, hands it in here, and acts on the answer. Used by the thread of that stream alone.
 class IRateAdapter {
 public:
-    /// Answer of bufferPacket(): drop the oldest queued packet unwritten.
+    /// Returned by bufferPacket(): drop the oldest queued packet unwritten.
     static constexpr std::int32_t DISCARD_OLDEST = -1;
-    /// Answer of bufferPacket(): release what waitUntilDue() says, until it says 0.
+    /// Returned by bufferPacket(): call waitUntilDue() and release what it returns, until it returns 0.
     static constexpr std::int32_t WHEN_DUE = -2;
 
     virtual ~IRateAdapter() = default;
@@ -21,14 +21,14 @@ public:
     /// @param last whether it is the final one of the input
     /// @return n >= 1: release the n oldest packets now; 0: keep them all; DISCARD_OLDEST or WHEN_DUE
     virtual std::int32_t bufferPacket(const Ts::TSPacket& packet, bool last) = 0;
-    /// The most packets that are held back.
+    /// The largest number of packets that are held back.
     virtual std::uint32_t getMaxBufferedPackets() const = 0;
-    /// Called right before each single release; may block to pace the output.
+    /// Called immediately before each packet is sent; may block to pace the output.
     virtual void delayPacket() = 0;
-    /// Blocks until packets are due, or until a stop request. Routes may change meanwhile.
-    /// @return how many of the oldest packets are due now; 0: no other packet has a due time yet, or the stop
-    /// was requested
-    virtual std::int32_t waitUntilDue(const std::stop_token& /*stop*/) { return 0; }
+    /// Blocks until packets are due, or until a stop request. Routes may change in the meantime.
+    /// @return how many of the oldest packets are due now; 0 if no other packet has a due time yet, and on a
+    /// stop request
+    [[nodiscard]] virtual std::int32_t waitUntilDue(const std::stop_token& /*stop*/) { return 0; }
 };
 
 }  // namespace Vel::Utils

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -13,10 +14,12 @@ public:
     virtual ~MonotonicClock() = default;
     /// Nanoseconds since an arbitrary start.
     virtual std::uint64_t getMonotonicNs() const;
-    /// Sleeps the whole of `ns` nanoseconds, or until shortly after a stop request.
-    virtual void sleepNs(std::uint64_t ns, const std::stop_token& stop) const;
-    /// Sleeps until that time, or until a millisecond after a stop request at most.
-    virtual void sleepUntilNs(std::uint64_t deadlineNs, const std::stop_token& stop) const;
+    /// The same as a duration.
+    std::chrono::nanoseconds now() const { return std::chrono::nanoseconds(getMonotonicNs()); }
+    /// Sleeps for the whole time, or until 100 ms after a stop request at most.
+    virtual void sleepFor(std::chrono::nanoseconds time, const std::stop_token& stop) const;
+    /// Sleeps until now() is `deadline`, or until a millisecond after a stop request at most.
+    virtual void sleepUntil(std::chrono::nanoseconds deadline, const std::stop_token& stop) const;
 
 private:
     mutable std::mutex m_SleepLock;

@@ -8,8 +8,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <optional>
-#include <thread>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "vel/cpp_utils/error.h"
@@ -20,16 +20,8 @@ namespace Vel::Utils {
 namespace {
 
 constexpr mode_t NEW_FILE_MODE = 0666;
-constexpr std::chrono::milliseconds READER_RETRY(5);
 /// How long a device may accept no data of a record that has been started, after a stop request.
 constexpr std::chrono::seconds PATIENCE(1);
-
-using Clock = std::chrono::steady_clock;
-
-bool isFifo(const std::string& path) {
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
-}
 
 }  // namespace
 
@@ -51,6 +43,7 @@ PacketDispatcher::~PacketDispatcher() {
 /// Non-blocking, so that neither a FIFO without a reader nor a full one keeps the program from ending.
 void PacketDispatcher::openDevice(const std::string& path) {
     constexpr int FLAGS = O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    std::error_code ignored;
     bool isAnnounced = false;
     while (!m_Stop.stop_requested()) {
         m_File = CppUtil::FileDescriptor(::open(path.c_str(), FLAGS, NEW_FILE_MODE));
@@ -59,13 +52,13 @@ void PacketDispatcher::openDevice(const std::string& path) {
             return;
         }
         m_Error = errno;
-        if (m_Error != ENXIO || !isFifo(path)) {
+        if (m_Error != ENXIO || !std::filesystem::is_fifo(path, ignored)) {
             return;
         }
         if (!std::exchange(isAnnounced, true)) {
             Log::info(*m_Logger, "Waiting for a reader of {}", m_DeviceName);
         }
-        std::this_thread::sleep_for(READER_RETRY);
+        CppUtil::FileDescriptor::pauseBeforeRetry();
     }
     m_Device = Device::GivenUp;
 }
@@ -116,25 +109,23 @@ bool PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet) {
 /// while. Returns the bytes written; if there are too few, m_Device says why.
 std::size_t PacketDispatcher::writeRecord(std::span<const std::uint8_t> record) {
     std::span<const std::uint8_t> rest = record;
-    std::optional<Clock::time_point> deadline;
+    std::chrono::milliseconds patience = PATIENCE;  // after a stop request
     bool isReady = false;
     while (!rest.empty() && m_Device == Device::Open) {
         const ssize_t written = ::write(m_File.get(), rest.data(), rest.size());
         if (written > 0) {
             rest = rest.subspan(static_cast<std::size_t>(written));
-            deadline.reset();
+            patience = PATIENCE;
             isReady = false;
         } else if (written < 0 && errno == EAGAIN) {
             if (std::exchange(isReady, true)) {
                 CppUtil::FileDescriptor::pauseBeforeRetry();
             }
             if (!CppUtil::waitFor(m_File.get(), POLLOUT, m_Stop)) {
-                deadline = deadline.value_or(Clock::now() + PATIENCE);
-                const bool isBegun = rest.size() < record.size();
-                if (!isBegun || !CppUtil::waitFor(m_File.get(), POLLOUT, {}, PATIENCE) ||
-                    Clock::now() >= *deadline) {
+                if (rest.size() == record.size() || !CppUtil::waitFor(m_File.get(), POLLOUT, {}, patience)) {
                     m_Device = Device::GivenUp;
                 }
+                --patience;  // the pause for a device that is ready all the time
             }
         } else if (written == 0 || errno != EINTR) {
             m_Error = written == 0 ? EIO : errno;

@@ -16,7 +16,7 @@ using std::chrono::nanoseconds;
 PCRClockAdapter::PCRClockAdapter(std::uint32_t tsiidx, std::unique_ptr<const MonotonicClock> clock)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())), m_TSIIDX(tsiidx), m_Clock(std::move(clock)) {}
 
-/// Every packet that has a due time is released before the next one is read, so the held ones have none yet.
+/// Every packet that has a due time is released before the next one is read, so the held packets have none.
 std::int32_t PCRClockAdapter::bufferPacket(const Ts::TSPacket& packet, bool last) {
     ++m_PacketCount;
     if (const auto pcr = m_PcrReader.read(packet)) {
@@ -47,8 +47,8 @@ void PCRClockAdapter::addPcr(Ts::PcrRecord pcr, bool isNewTimeBase) {
     }
 }
 
-/// After the last packet, or when no PCR has arrived for so long that the packets cannot wait any longer. The
-/// next PCR then starts a new time base.
+/// For the packets after the last PCR, and for a full buffer without a second PCR. The next PCR starts a new
+/// time base.
 void PCRClockAdapter::scheduleWithoutPcr() {
     m_LastPcr.reset();
     if (!m_PacketTime && !std::exchange(m_IsUnpacedReported, true)) {
@@ -61,10 +61,11 @@ void PCRClockAdapter::scheduleWithoutPcr() {
     scheduleHeld(m_PacketTime.value_or(FineInterval::zero()));
 }
 
-/// Gives every held packet a due time, `packetTime` apart. Without a rate so far, the first one is due now.
+/// Gives every held packet a due time, `packetTime` apart. The first packets of the stream are due from now
+/// on.
 void PCRClockAdapter::scheduleHeld(FineInterval packetTime) {
     if (!m_PacketTime) {
-        m_EndTime = nanoseconds(m_Clock->getMonotonicNs()) - std::chrono::round<FineTime>(packetTime);
+        m_EndTime = m_Clock->now() - std::chrono::round<FineTime>(packetTime);
     }
     m_OriginIndex = m_Scheduled;
     m_OriginTime = m_EndTime;
@@ -83,7 +84,7 @@ std::int32_t PCRClockAdapter::waitUntilDue(const std::stop_token& stop) {
         return 0;
     }
     nanoseconds first = dueTime(m_Released + 1);
-    const nanoseconds now(m_Clock->getMonotonicNs());
+    const nanoseconds now = m_Clock->now();
     if (m_Spacing > FineInterval::zero() && now > first + MAX_LATENESS) {
         Log::warning(*m_Logger, "TSIIDX {}: packets are {} ms late; shifting the schedule by that amount",
                      m_TSIIDX, std::chrono::floor<milliseconds>(now - first).count());
@@ -92,7 +93,7 @@ std::int32_t PCRClockAdapter::waitUntilDue(const std::stop_token& stop) {
         m_EndTime += lateness;
         first = now;
     } else if (first > now) {
-        m_Clock->sleepUntilNs(static_cast<std::uint64_t>(first.count()), stop);
+        m_Clock->sleepUntil(first, stop);
     }
     if (stop.stop_requested()) {
         return 0;

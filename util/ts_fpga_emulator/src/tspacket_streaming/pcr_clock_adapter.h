@@ -15,37 +15,37 @@
 
 namespace Vel::Utils {
 
-/// Releases every packet at the time that the PCR gives it. Holds the packets until the next PCR is known,
-/// and spreads them evenly between the two PCRs around them (ISO/IEC 13818-1, 2.4.2.2). Times are absolute,
-/// so a late packet does not delay those after it.
+/// Releases each packet at its PCR time. Holds the packets until the next PCR is known, and spreads them
+/// evenly between the two PCRs around them (ISO/IEC 13818-1, 2.4.2.2). Times are absolute, so a late packet
+/// does not delay later ones.
 ///
-/// A PCR that cannot continue the one before it starts a new time base: the packets up to it leave at the
-/// rate so far. The packets before the first two PCRs take the rate of these, those after the last PCR the
-/// last rate. One adapter serves one stream, on that stream's thread.
+/// A PCR that cannot continue the previous one starts a new time base: the packets before it are sent at the
+/// current rate. Packets before the second PCR use the rate of the first two; packets after the last PCR use
+/// the last rate. One adapter serves one stream, on that stream's thread.
 class PCRClockAdapter final : public IRateAdapter {
 public:
     static constexpr std::uint32_t MAX_BUFFERED_PACKETS = 10000;
-    /// Packets that are due within this time leave together, but never more than that many.
+    /// A due group: packets that are due within this time are sent together, but not more than this number.
     static constexpr std::chrono::microseconds GROUP_TIME{250};
     static constexpr std::int32_t GROUP_PACKETS = 100;
-    /// Packets that are later than this, because the reader paused for example, start a new time base.
+    /// If packets are later than this, for example because the reader paused, all later times are shifted.
     static constexpr std::chrono::seconds MAX_LATENESS{1};
-    /// PCRs are at most 100 ms apart (ISO/IEC 13818-1, 2.7.2): the most by which one may be further ahead
-    /// than the rate so far gives.
+    /// PCRs are at most 100 ms apart (ISO/IEC 13818-1, 2.7.2): the most by which one may be ahead of the
+    /// value predicted by the current rate.
     static constexpr std::chrono::milliseconds MAX_PCR_LEAD{100};
-    /// The longest time between the first two PCRs: there is no rate yet to compare it with.
+    /// The longest time between the first two PCRs, when there is no rate yet to compare it with.
     static constexpr std::chrono::seconds MAX_FIRST_INTERVAL{1};
 
     static std::string loggerName() { return Log::makeLoggerName(__FILE__, "Vel::Utils::PCRClockAdapter"); }
 
     /// @param tsiidx of the input, for the log
-    /// @param clock where time comes from; the system's by default
+    /// @param clock the source of time; the system's by default
     explicit PCRClockAdapter(std::uint32_t tsiidx, std::unique_ptr<const MonotonicClock> clock =
                                                        std::make_unique<MonotonicClock>());
 
     std::int32_t bufferPacket(const Ts::TSPacket& packet, bool last) override;
     std::uint32_t getMaxBufferedPackets() const override { return MAX_BUFFERED_PACKETS; }
-    /// Packets have waited in waitUntilDue() already.
+    /// waitUntilDue() has waited already.
     void delayPacket() override {}
     std::int32_t waitUntilDue(const std::stop_token& stop) override;
 
@@ -67,11 +67,11 @@ private:
     std::optional<Ts::PcrRecord> m_LastPcr;
     std::optional<FineInterval> m_PacketTime;  // from the last two PCRs that belong together
     bool m_IsUnpacedReported = false;
-    // Indices of packets: handed in so far, given a due time, released.
+    // Numbers of packets that have been handed in, given a due time, and released.
     std::uint64_t m_PacketCount = 0;
     std::uint64_t m_Scheduled = 0;
     std::uint64_t m_Released = 0;
-    // The due times, up to m_Scheduled: those of packets at equal distances after an origin.
+    // The due times of the packets up to m_Scheduled: m_Spacing apart, counted from an origin.
     std::uint64_t m_OriginIndex = 0;
     FineTime m_OriginTime{0};
     FineInterval m_Spacing{0};

@@ -1,6 +1,5 @@
 #include "tspacket_streaming/pcr_rate_adapter.h"
 
-#include <chrono>
 #include <iterator>
 #include <utility>
 
@@ -10,13 +9,14 @@ namespace Vel::Utils {
 
 namespace {
 
-using Nanoseconds = std::chrono::duration<std::uint64_t, std::nano>;
+using std::chrono::nanoseconds;
 
 /// A PCR is below 2^33 * 300 + 512, so its 1000-fold stays below 2^52. The difference of a wrapped pair is
-/// formed modulo 2^64 and is right once the wrap is added.
+/// formed modulo 2^64 and is correct once the wrap is added.
 std::uint64_t intervalNs(Ts::PcrTicks older, Ts::PcrTicks newer) {
+    using UnsignedNs = std::chrono::duration<std::uint64_t, std::nano>;
     const Ts::PcrTicks ticks = newer - older;
-    return std::chrono::duration_cast<Nanoseconds>(newer >= older ? ticks : ticks + Ts::PCR_WRAP).count();
+    return std::chrono::duration_cast<UnsignedNs>(newer >= older ? ticks : ticks + Ts::PCR_WRAP).count();
 }
 
 }  // namespace
@@ -26,12 +26,12 @@ PCRRateAdapter::PCRRateAdapter(std::stop_token stop, std::unique_ptr<const Monot
       m_Stop(std::move(stop)),
       m_Clock(std::move(clock)) {}
 
-std::optional<std::uint64_t> PCRRateAdapter::extractPcr(const Ts::TSPacket& packet) {
+std::optional<Ts::PcrTicks> PCRRateAdapter::extractPcr(const Ts::TSPacket& packet) {
     if (!packet.hasPcr() || m_PcrPid.value_or(packet.getPid()) != packet.getPid()) {
         return std::nullopt;
     }
     m_PcrPid = packet.getPid();
-    return packet.getPcr();
+    return Ts::PcrTicks(packet.getPcr());
 }
 
 std::int32_t PCRRateAdapter::bufferPacket(const Ts::TSPacket& packet, bool last) {
@@ -48,47 +48,46 @@ void PCRRateAdapter::delayPacket() {
     VEL_ASSERT(static_cast<bool>(m_State));
     m_State->packetDelay(*this);
     --m_HeldPackets;
-    m_LastReleaseNs = m_Clock->getMonotonicNs();
+    m_LastRelease = m_Clock->now();
 }
 
-void PCRRateAdapter::addPcr(std::uint64_t pcr, std::uint32_t packetIndex) {
-    m_PcrHistory.push_back({packetIndex, Ts::PcrTicks(pcr)});
+void PCRRateAdapter::addPcr(Ts::PcrTicks pcr, std::uint32_t packetIndex) {
+    m_PcrHistory.push_back({packetIndex, pcr});
     if (isPacketDelayKnown()) {
-        m_PacketDelayNs = calculatePacketDelayNs();
+        m_PacketDelay = calculatePacketDelay();
     }
     if (m_PcrHistory.size() > PCR_HISTORY) {
         m_PcrHistory.pop_front();
     }
 }
 
-/// Mean over the intervals between neighbouring PCRs, of each interval's time per packet. Every quantity is
-/// cut to 32 bits, 4.29 s per packet, on purpose: so is the sum.
-std::uint32_t PCRRateAdapter::calculatePacketDelayNs() const {
-    std::uint32_t sum = 0;
+/// The mean of the times per packet in the intervals between neighbouring PCRs. All values, including the
+/// sum, are deliberately truncated to 32 bits (4.29 s per packet).
+nanoseconds PCRRateAdapter::calculatePacketDelay() const {
+    std::uint32_t sumNs = 0;
     for (auto newer = std::next(m_PcrHistory.begin()); newer != m_PcrHistory.end(); ++newer) {
         const auto older = std::prev(newer);
         const auto packets = static_cast<std::uint32_t>(newer->packetIndex - older->packetIndex);
-        sum += static_cast<std::uint32_t>(intervalNs(older->pcr, newer->pcr) / packets);
+        sumNs += static_cast<std::uint32_t>(intervalNs(older->pcr, newer->pcr) / packets);
     }
-    return sum / static_cast<std::uint32_t>(m_PcrHistory.size() - 1);
+    return nanoseconds(sumNs / static_cast<std::uint32_t>(m_PcrHistory.size() - 1));
 }
 
 bool PCRRateAdapter::isPacketDelayElapsed() const {
-    return m_LastReleaseNs == 0 || m_PacketDelayNs <= m_Clock->getMonotonicNs() - m_LastReleaseNs;
+    return m_LastRelease == nanoseconds::zero() || m_PacketDelay <= m_Clock->now() - m_LastRelease;
 }
 
 void PCRRateAdapter::sleepPacketDelay() {
     if (m_BatchCount == 0) {
-        m_BatchStartNs = m_Clock->getMonotonicNs();
+        m_BatchStart = m_Clock->now();
     }
-    if (++m_BatchCount < BATCH_RELEASES) {
+    if (++m_BatchCount < BATCH_PACKETS) {
         return;
     }
     m_BatchCount = 0;
-    const std::uint64_t elapsedNs = m_Clock->getMonotonicNs() - m_BatchStartNs;
-    const std::uint64_t batchNs = BATCH_RELEASES * m_PacketDelayNs;
-    if (batchNs > elapsedNs) {
-        m_Clock->sleepNs(batchNs - elapsedNs, m_Stop);
+    const nanoseconds left = BATCH_PACKETS * m_PacketDelay - (m_Clock->now() - m_BatchStart);
+    if (left > nanoseconds::zero()) {
+        m_Clock->sleepFor(left, m_Stop);
     }
 }
 

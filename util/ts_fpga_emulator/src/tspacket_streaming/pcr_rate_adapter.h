@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -15,22 +16,22 @@ namespace Vel::Utils {
 
 /// Replays a stream at the rate at which it was produced. Learns the time per packet from the PCRs of one
 /// PID, holds up to about ten thousand packets, and releases one packet per learnt packet delay on average:
-/// batches of 100 leave as fast as they can, and each lasts at least 100 packet delays. A PCR below its
-/// predecessor is taken as a wrap.
+/// in batches of 100, each of which takes at least 100 packet delays. A PCR that is lower than the previous
+/// one is taken for a wrap.
 ///
 /// The state decides what happens; docs/architecture.md has the table. One adapter serves one stream, on that
 /// stream's thread.
 class PCRRateAdapter final : public IRateAdapter {
 public:
-    /// Packets that may be held before the play-out starts, and how many of them a play-out leaves queued.
+    /// Packets that may be held before the play-out starts, and how many of them stay queued then.
     static constexpr std::uint32_t MAX_BUFFERED_PACKETS = 10000;
     static constexpr std::uint32_t PLAY_OUT_PACKETS = 5000;
-    /// PCRs that are remembered between calls, and releases that share one pacing sleep.
+    /// PCRs that are remembered between calls, and packets that share one pacing sleep.
     static constexpr std::size_t PCR_HISTORY = 10;
-    static constexpr std::uint32_t BATCH_RELEASES = 100;
+    static constexpr std::uint32_t BATCH_PACKETS = 100;
 
-    /// @param stop ends the pacing: from then on packets leave as fast as they are released
-    /// @param clock where time comes from; the system's by default
+    /// @param stop ends the pacing: from then on, packets are sent as fast as they are released
+    /// @param clock the source of time; the system's by default
     explicit PCRRateAdapter(std::stop_token stop = {},
                             std::unique_ptr<const MonotonicClock> clock = std::make_unique<MonotonicClock>());
 
@@ -48,29 +49,28 @@ public:
     std::uint32_t getPacketCount() const { return m_PacketCount; }
     /// At least two PCRs have been seen, so that the packet delay is known.
     bool isPacketDelayKnown() const { return m_PcrHistory.size() > 1; }
-    std::uint64_t getPacketDelayNs() const { return m_PacketDelayNs; }
+    std::chrono::nanoseconds getPacketDelay() const { return m_PacketDelay; }
     /// Destroys the current state, which must not use its own object afterwards.
     void setState(std::unique_ptr<Internal::PCRRateAdapterState> state) { m_State = std::move(state); }
-    /// The packet's PCR, if it has one and is of the PCR PID; the first packet with a PCR decides that PID
+    /// The packet's PCR, if it has one and is of the PCR PID; the first packet with a PCR selects that PID
     /// for good.
-    std::optional<std::uint64_t> extractPcr(const Ts::TSPacket& packet);
-    /// @param pcr 27 MHz ticks
-    void addPcr(std::uint64_t pcr, std::uint32_t packetIndex);
+    std::optional<Ts::PcrTicks> extractPcr(const Ts::TSPacket& packet);
+    void addPcr(Ts::PcrTicks pcr, std::uint32_t packetIndex);
     bool isPacketDelayElapsed() const;
     void sleepPacketDelay();
 
 private:
-    std::uint32_t calculatePacketDelayNs() const;
+    std::chrono::nanoseconds calculatePacketDelay() const;
 
     std::unique_ptr<Internal::PCRRateAdapterState> m_State;  // never empty
     std::deque<Ts::PcrRecord> m_PcrHistory;                  // oldest first
     std::uint32_t m_PacketCount = 0;                         // handed in so far
     std::uint32_t m_HeldPackets = 0;
     std::optional<std::uint32_t> m_PcrPid;
-    std::uint64_t m_PacketDelayNs = 0;
-    std::uint64_t m_LastReleaseNs = 0;  // monotonic; 0: none yet
-    std::uint64_t m_BatchStartNs = 0;   // monotonic
-    std::uint32_t m_BatchCount = 0;     // releases in the current batch
+    std::chrono::nanoseconds m_PacketDelay{0};
+    std::chrono::nanoseconds m_LastRelease{0};  // monotonic; 0: none yet
+    std::chrono::nanoseconds m_BatchStart{0};   // monotonic
+    std::uint32_t m_BatchCount = 0;             // packets in the current batch
     std::stop_token m_Stop;
     std::unique_ptr<const MonotonicClock> m_Clock;
 };

@@ -30,14 +30,14 @@ std::int32_t startPlayOut(PCRRateAdapter& adapter) {
     return static_cast<std::int32_t>(adapter.getBufferedPackets() - PCRRateAdapter::PLAY_OUT_PACKETS);
 }
 
-void paceRelease(PCRRateAdapter& adapter) {
+}  // namespace
+
+void PCRRateAdapterState::packetDelay(PCRRateAdapter& adapter) {
     VEL_ASSERT(!adapter.isBufferEmpty());
     if (adapter.isPacketDelayKnown()) {
         adapter.sleepPacketDelay();
     }
 }
-
-}  // namespace
 
 std::int32_t PCRRateAdapterState_LockPCR::bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet,
                                                        bool last) {
@@ -82,17 +82,9 @@ std::int32_t PCRRateAdapterState_PlayOutBuffer::bufferPacket(PCRRateAdapter& ada
     return adapter.isPacketDelayElapsed() ? 1 : 0;
 }
 
-void PCRRateAdapterState_PlayOutBuffer::packetDelay(PCRRateAdapter& adapter) {
-    paceRelease(adapter);
-}
-
 std::int32_t PCRRateAdapterState_EmptyBuffer::bufferPacket(PCRRateAdapter& /*adapter*/,
                                                            const Ts::TSPacket& /*packet*/, bool /*last*/) {
     throw CppUtil::NotImplementedError("Cannot buffer packets in PCRRateAdapterState_EmptyBuffer");
-}
-
-void PCRRateAdapterState_EmptyBuffer::packetDelay(PCRRateAdapter& adapter) {
-    paceRelease(adapter);
 }
 
 }  // namespace Vel::Utils::Internal

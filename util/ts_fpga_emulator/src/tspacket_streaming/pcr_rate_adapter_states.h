@@ -10,15 +10,16 @@ class PCRRateAdapter;
 
 namespace Internal {
 
-/// What a PCRRateAdapter does with a packet. The states hold no data. Their order is LockPCR, FillBuffer,
-/// PlayOutBuffer, EmptyBuffer; none comes back, and the last packet leads to EmptyBuffer from each of them.
+/// What a PCRRateAdapter does with a packet. The states hold no data. They follow each other in the order
+/// LockPCR, FillBuffer, PlayOutBuffer, EmptyBuffer; the last packet leads to EmptyBuffer from any of them.
 class PCRRateAdapterState {
 public:
     virtual ~PCRRateAdapterState() = default;
     /// Answers as IRateAdapter::bufferPacket() does. May replace the adapter's state and so destroy this
     /// object.
     virtual std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) = 0;
-    virtual void packetDelay(PCRRateAdapter& adapter) = 0;
+    /// Paces a release, once the packet delay is known.
+    virtual void packetDelay(PCRRateAdapter& adapter);
 };
 
 /// Holds every packet until two PCRs are known, or until the buffer is full.
@@ -35,18 +36,16 @@ public:
     void packetDelay(PCRRateAdapter& adapter) override;
 };
 
-/// Releases a packet for each one that comes in, once a packet delay has passed, and half of a full buffer.
+/// Releases a packet for each one that is handed in, if a packet delay has passed, and half of a full buffer.
 class PCRRateAdapterState_PlayOutBuffer final : public PCRRateAdapterState {
 public:
     std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) override;
-    void packetDelay(PCRRateAdapter& adapter) override;
 };
 
-/// The last packet has come: the rest is released.
+/// The last packet has been handed in: the rest is released.
 class PCRRateAdapterState_EmptyBuffer final : public PCRRateAdapterState {
 public:
     std::int32_t bufferPacket(PCRRateAdapter& adapter, const Ts::TSPacket& packet, bool last) override;
-    void packetDelay(PCRRateAdapter& adapter) override;
 };
 
 }  // namespace Internal

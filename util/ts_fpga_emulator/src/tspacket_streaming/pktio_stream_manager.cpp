@@ -45,23 +45,23 @@ void PktioStreamManager::logStatus() {
 }
 
 void PktioStreamManager::handleEvent(std::unique_ptr<FPGAMonEvent> event) {
-    try {
-        switch (event->getType()) {
-            case FPGAMonEventType::InputTSAdded:
-                handleInputTsAdd(static_cast<const FPGAMonEvent_InputTSAdded&>(*event));
-                break;
-            case FPGAMonEventType::InputTSRemoved:
-                handleInputTsRemove(static_cast<const FPGAMonEvent_InputTSRemoved&>(*event));
-                break;
-            case FPGAMonEventType::CPUPIDAdded:
-                handleCpuRouteAdd(static_cast<const FPGAMonEvent_CPUPIDAdded&>(*event));
-                break;
-            case FPGAMonEventType::CPUPIDRemoved:
-                handleCpuRouteRemove(static_cast<const FPGAMonEvent_CPUPIDRemoved&>(*event));
-                break;
+    const auto apply = [&]<typename Event>(void (PktioStreamManager::*handle)(const Event&)) {
+        const auto& change = static_cast<const Event&>(*event);
+        try {
+            (this->*handle)(change);
+        } catch (const std::exception& e) {
+            Log::error(*m_Logger, "Cannot apply this change of TSIIDX {}: {}", change.getTSIIDX(), e.what());
         }
-    } catch (const std::exception& e) {
-        Log::error(*m_Logger, "This change of the tables has no effect: {}", e.what());
+    };
+    switch (event->getType()) {
+        case FPGAMonEventType::InputTSAdded:
+            return apply(&PktioStreamManager::handleInputTsAdd);
+        case FPGAMonEventType::InputTSRemoved:
+            return apply(&PktioStreamManager::handleInputTsRemove);
+        case FPGAMonEventType::CPUPIDAdded:
+            return apply(&PktioStreamManager::handleCpuRouteAdd);
+        case FPGAMonEventType::CPUPIDRemoved:
+            return apply(&PktioStreamManager::handleCpuRouteRemove);
     }
 }
 
@@ -73,7 +73,7 @@ void PktioStreamManager::handleChangeEnd() {
         try {
             input.stream->changeRoutes(input.routes);
         } catch (const std::exception& e) {
-            Log::error(*m_Logger, "Stream of TSIIDX {} cannot start, its next route will try again: {}",
+            Log::error(*m_Logger, "Cannot start the stream of TSIIDX {}; the next route will retry: {}",
                        tsiidx, e.what());
         }
         input.routes.clear();
@@ -115,7 +115,7 @@ void PktioStreamManager::handleInputTsRemove(const FPGAMonEvent_InputTSRemoved& 
     Log::info(*m_Logger, "Detected removed input TS: {} @ TSIIDX {}", event.getUri(), event.getTSIIDX());
     std::unique_lock lock(m_StreamsLock);
     const auto ended = m_ToCpuPktioStreams.extract(event.getTSIIDX());
-    lock.unlock();  // the stream may take its time to end
+    lock.unlock();  // destroying the stream may take a while
 }
 
 void PktioStreamManager::handleCpuRouteAdd(const FPGAMonEvent_CPUPIDAdded& event) {
@@ -139,7 +139,7 @@ void PktioStreamManager::noteRoute(std::uint32_t tsiidx, PktioStreamIn::RouteCha
     }
 }
 
-/// Routes that arrived before their input are handled again now, in the order of their arrival.
+/// Handles the routes that arrived before their input again, in the order in which they arrived.
 void PktioStreamManager::replayPendingRoutes(std::uint32_t tsiidx) {
     for (const PendingRoute& route : m_PendingRoutes) {
         if (route.tsiidx == tsiidx && route.change.isRouted) {

@@ -19,10 +19,10 @@
 
 namespace Vel::Utils {
 
-/// Reacts to the tables: an added input whose URI has a file gets a stream, a removed one loses it, CPU
-/// routes open and close PIDs. Routes of an input that has no stream wait until it has one. Every handler
-/// runs on the monitor thread, so nothing here is locked; destroyed on the main thread, when that thread is
-/// gone.
+/// Reacts to the tables: creates the stream of an input whose URI has a file, removes it with the input, and
+/// routes PIDs. Routes of an input without a stream are kept until it has one. Every handler runs on the
+/// monitor thread; only the set of streams is shared, with logStatus(). Destroyed on the main thread, after
+/// the monitor thread has ended.
 class PktioStreamManager final : public IFPGAEventConsumer {
 public:
     static std::string loggerName() {
@@ -30,22 +30,22 @@ public:
     }
 
     /// @param dispatcher must outlive the manager
-    /// @param stop the program's end, for every stream
+    /// @param stop requested at shutdown; passed to every stream
     PktioStreamManager(PacketDispatcher& dispatcher, StreamMode mode, const UriFileList& files,
                        std::stop_token stop = {}, PcrPacing pacing = PcrPacing::Batches);
-    /// Pending routes go first, then the streams end. Where debug lines are logged, so is the status then.
+    /// Drops the pending routes and stops the streams. Logs the status if debug lines are logged.
     ~PktioStreamManager() override;
 
-    /// Never throws. An event that cannot be followed, because memory is short for example, is logged, and
-    /// nothing else suffers.
+    /// Never throws. An event that cannot be applied, for example for lack of memory, is logged and has no
+    /// other effect.
     void handleEvent(std::unique_ptr<FPGAMonEvent> event) override;
-    /// Gives every stream the routes that the change brought it, all at once: the hardware, too, sees them
-    /// change together. So a stream that starts plays all of them from its first packet, and a row that is
-    /// only rewritten, a removal and an addition, loses no packet.
+    /// Gives each stream its routes of the change in one call, because the hardware sees them change
+    /// together. So a stream that starts plays all of them from its first packet, and a row that is only
+    /// rewritten (a removal and an addition) loses no packet.
     void handleChangeEnd() override;
 
-    /// Logs a line of key=value pairs about each input and one about the program; zeptfem(8) explains them.
-    /// Any one thread at a time, whatever the monitor thread is doing.
+    /// Logs one line of key=value pairs for each input and one for the program; zeptfem(8) explains them. On
+    /// any thread, one at a time, whatever the monitor thread is doing.
     void logStatus();
 
 private:
@@ -70,7 +70,7 @@ private:
     std::shared_ptr<spdlog::logger> m_Logger;
     PacketDispatcher& m_Dispatcher;
     UriFileList m_Files;
-    /// Held while a stream is added or taken out, and while another thread than the monitor's looks at them.
+    /// Held while a stream is added or removed, and while logStatus() reads the set on another thread.
     std::mutex m_StreamsLock;
     std::map<std::uint32_t, InputStream> m_ToCpuPktioStreams;  // by TSIIDX
     std::vector<PendingRoute> m_PendingRoutes;                 // of inputs without a stream, in order

@@ -32,7 +32,10 @@ TsFile::TsFile(const std::string& path, std::stop_token stop)
 bool TsFile::readPacket(std::span<std::uint8_t, Ts::TS_PACKET_SIZE> packet) {
     while (m_Filled - m_Position < packet.size()) {
         if (!fill()) {
-            throwIfFailed();
+            if (m_Error != 0) {
+                throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Name + "\"",
+                                       CppUtil::errnoText(m_Error));
+            }
             return false;
         }
     }
@@ -51,13 +54,6 @@ bool TsFile::isAtEnd() {
 std::uint64_t TsFile::getSize() const {
     struct stat status {};
     return ::fstat(m_File.get(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
-}
-
-void TsFile::throwIfFailed() const {
-    if (m_Error != 0) {
-        throw CppUtil::IOError("Unknown error occurred when reading from \"" + m_Name + "\"",
-                               CppUtil::errnoText(m_Error));
-    }
 }
 
 /// Appends the bytes of one read to the unread rest of the block. False at the end of the file, after a

@@ -36,7 +36,6 @@ public:
 
 private:
     bool fill();
-    void throwIfFailed() const;
 
     std::string m_Name;
     std::stop_token m_Stop;
