@@ -25,11 +25,15 @@ using CppUtil::escapeControls;
 /// Opening a plain file as data device empties it, and a mistyped path must not cost a table or a stream. Nor
 /// may a stream play its own output, so a file that is yet to be created counts as well.
 void requireOtherFile(const std::string& dataDevice, const char* role, const std::string& path) {
+    namespace fs = std::filesystem;
     std::error_code ignored;
-    const auto type = std::filesystem::status(dataDevice, ignored).type();
-    if (type == std::filesystem::file_type::not_found
-            ? dataDevice == path
-            : type == std::filesystem::file_type::regular && CppUtil::isSameFile(dataDevice, path)) {
+    const auto place = [&](const std::string& name) {
+        return fs::weakly_canonical(fs::absolute(name, ignored), ignored);
+    };
+    const fs::file_type type = fs::status(dataDevice, ignored).type();
+    if (type == fs::file_type::not_found
+            ? place(dataDevice) == place(path)
+            : type == fs::file_type::regular && CppUtil::isSameFile(dataDevice, path)) {
         throw CppUtil::InvalidArgumentError(
             fmt::format("The data device \"{}\" is the {} \"{}\" and would be emptied.",
                         escapeControls(dataDevice), role, escapeControls(path)));

@@ -18,6 +18,9 @@ LockedDevice::LockedDevice(const std::string& path, const Drivers::Zep::DeviceIn
     }
     struct stat named {};
     const int found = file < 0 ? ::stat(path.c_str(), &named) : ::fstat(file, &named);
+    if (found != 0 && errno != ENOENT) {
+        throw systemError("Cannot access " + path);
+    }
     if (found != 0 || named.st_dev != locked.st_dev || named.st_ino != locked.st_ino) {
         throw CommandError(DeviceUnusable, path + " was removed or replaced by another file; try again");
     }
