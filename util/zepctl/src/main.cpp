@@ -74,12 +74,12 @@ int main(int argc, char** argv) {
     // Read-only, so that printing to a descriptor that the parent closed still fails.
     Vel::CppUtil::occupyStandardDescriptors(O_RDONLY);
     try {
-        CLI::App app(
-            "Create, edit and show the tables of the transport stream hardware, and inspect its records",
-            "zepctl");
+        CLI::App app("Create, edit and show the tables of the transport stream FPGA, and inspect its records",
+                     "zepctl");
         app.require_subcommand(1);
         app.footer(
-            "Exit status: 0 success, 1 the checked stream is faulty, 2 usage error or value out of range,\n"
+            "Exit status: 0 success, 1 the records that were checked or split have faults,\n"
+            "2 usage error, value out of range, or request that does not fit the present state,\n"
             "3 a file or device cannot be used.\n\n"
             "Example: zepctl create /tmp/zep\n"
             "         zepctl -t /tmp/zep/tsio input add udp://239.1.2.3:5000 3\n"

@@ -61,17 +61,17 @@ void finish(const std::string& report, const std::string& name, const FaultLog& 
 
 RecordCommands::RecordCommands(CLI::App& app) {
     CLI::App* records =
-        app.add_subcommand("records", "Inspect records (a TSIIDX followed by a transport packet)");
+        app.add_subcommand("records", "Inspect records (a TSIIDX followed by a transport stream packet)");
     records->require_subcommand(1);
     records->footer("Example: zepctl records check out.rec");
 
     CLI::App& check = declareCommand(
-        *records, "check", "Check the records of a file; exit status 1 if they are faulty",
+        *records, "check", "Check the records of a file; exit status 1 if they have faults",
         R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte other
 than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are not faults, nor is
-a file without records. The bit rate is that of the recorded packets, 188 bytes each, from the
-first to the last PCR of the input's first PID with a PCR, without intervals in which the PCR
-restarts. The man page lists the keys of the JSON object.
+a file without records. The bit rate counts 188 bytes per recorded packet. It is measured by the
+PCRs of the first PID of the input that carries any, from its first PCR to its last; intervals in
+which the PCR restarts are excluded. The man page lists the keys of the JSON object.
 
 Example: zepctl records check out.rec
          some-receiver | zepctl records check --json - > result.json)",
@@ -82,9 +82,10 @@ Example: zepctl records check out.rec
     CLI::App& split = declareCommand(
         *records, "split", "Write the packets of each input to a transport stream file",
         R"(The packets of TSIIDX 3 are written to DIR/tsiidx-003.ts, and so on. Existing files with these
-names are overwritten, but nothing is changed if one of them is the input, a link, or not a
-plain file. Records with a bad sync byte or a TSIIDX above 255 and a torn last record are
-skipped; the exit status is then 1.
+names are overwritten. If one of these names refers to FILE itself, to a symbolic link, to a file
+with more than one hard link, or to anything but a plain file, the command fails and changes
+nothing. Records with a bad sync byte or a TSIIDX above 255 and a torn last record are skipped;
+the exit status is then 1.
 
 Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)",
         [this] { this->split(); });
@@ -95,10 +96,10 @@ Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)"
         *records, "watch", "Show arriving records live, per input",
         R"(Shows the rate over the last two seconds and overall, and the drift: how much later (+) or
 earlier (-) packets arrive than their PCRs indicate, relative to the first two seconds of the
-time base, in ms and in ppm of PCR time. Records already in a file are counted but not timed.
-If a file is truncated or rewritten, watching restarts at its beginning. A terminal shows one
-table; elsewhere, one line per input is printed every second. Ends on Ctrl-C, or when the last
-writer closes a FIFO.
+time base, in ms and in ppm of the time elapsed on the PCR clock. The drift restarts when the PCR
+jumps (a new time base). Records already in a file are counted but not timed. If a file is
+truncated or rewritten, watching restarts at its beginning. A terminal shows one table; otherwise,
+one line per input is printed every second. Ends on Ctrl-C, or when the last writer closes a FIFO.
 
 Example: zepctl records watch pktio --for 60)",
         [this] { watchRecords(m_File, m_Seconds); });

@@ -57,7 +57,7 @@ TableCommands::TableCommands(CLI::App& app) {
     declareCreate(app);
     declareInput(app);
     declareRoute(app);
-    CLI::App& clear = declareCommand(app, "clear", "Remove all inputs, all routes, or both",
+    CLI::App& clear = declareCommand(app, "clear", "Remove all inputs or all routes; without argument, both",
                                      "Example: zepctl clear routes", [this] { clearTables(); });
     clear.add_option("TABLE", m_Table, "what to clear (default: both)")
         ->check(CLI::IsMember({"inputs", "routes"}));
@@ -101,7 +101,7 @@ void TableCommands::declareInput(CLI::App& app) {
                                           LockedDevice device(m_TsioPath, Zep::TSIO_DEVICE, Access::Change);
                                           InputTable(device.memory()).remove(row);
                                       });
-    remove.add_option("URI", m_Uri, "as it was added")->required();
+    remove.add_option("URI", m_Uri, "as input list prints it")->required();
 
     declareCommand(input, "list", "Print the inputs in the form that input add accepts",
                    "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list",
@@ -126,8 +126,8 @@ void TableCommands::declareRoute(CLI::App& app) {
     declareRouteKey(add);
     CLI::Option* out = add.add_flag("--out", m_OutRoute, "also set the out route");
     add.add_flag("--no-cpu", m_NoCpuRoute, "do not set the CPU route")->needs(out);
-    addNumber(add, "--pididx", m_PIDIDX, Zep::PIDIDX_RANGE, "PIDIDX (default: lowest unused)");
-    addNumber(add, "--filter", m_FiltTabIDX, Zep::FILTTABIDX_RANGE, "FiltTabIDX (default: 255)");
+    addNumber(add, "--pididx", m_PIDIDX, Zep::PIDIDX_RANGE, "row of the O-PID MAP (default: lowest unused)");
+    addNumber(add, "--filter", m_FiltTabIDX, Zep::FILTTABIDX_RANGE, "index of a filter table (default: 255)");
 
     declareRouteKey(declareCommand(route, "remove", "Remove the routes of a PID of an input",
                                    "Example: zepctl route remove 3 0x100", [this] {
@@ -167,18 +167,19 @@ void TableCommands::clearTables() {
 }
 
 void TableCommands::declareDump(CLI::App& app) {
-    constexpr Zep::Range ROWS{0, Zep::OPidMap::TABLE.rows};  // of the longest table
+    constexpr std::uint32_t ROWS = Zep::OPidMap::TABLE.rows;  // of the longest table
     CLI::App& dump = declareCommand(
         app, "dump", "Print the rows of a table that are in use",
-        "In pidlut and physinmap, every row that has not been cleared counts as in use; an all-zero row is "
-        "not a cleared one.\n\n"
+        "An empty row of pidlut or physinmap is recognised by a special value, not by zeros. An\n"
+        "all-zero row is therefore printed, although it routes nothing (in physinmap, it feeds input 0).\n\n"
         "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1",
         [this] { printOutput(dumpTable(m_Table, m_DumpOptions, m_TsioPath, m_RouterPath)); });
     dump.add_option("TABLE", m_Table, "the table")->required()->check(CLI::IsMember(dumpTableNames()));
-    addNumber(dump, "--first", m_DumpOptions.first, ROWS, "first row (default: first row of the table)");
-    addNumber(dump, "--count", m_DumpOptions.count, ROWS, "number of rows (default: all that follow)");
+    addNumber(dump, "--first", m_DumpOptions.first, {0, ROWS - 1},
+              "first row (default: first row of the table)");
+    addNumber(dump, "--count", m_DumpOptions.count, {0, ROWS}, "number of rows (default: all that follow)");
     addNumber(dump, "--bank", m_DumpOptions.bank, {0, 1},
-              "bank of pidlut: 0 is the one in use (default), 1 the other one");
+              "bank of pidlut: 0 (default) is the one in use, 1 the other one; not the bank select bit");
     dump.add_flag("--all", m_DumpOptions.includeAll, "also print rows that are not in use");
 }
 
