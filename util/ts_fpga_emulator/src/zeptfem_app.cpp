@@ -22,18 +22,10 @@ namespace {
 
 using CppUtil::escapeControls;
 
-/// Opening a plain file as data device empties it, and a mistyped path must not cost a table or a stream. Nor
-/// may a stream play its own output, so a file that is yet to be created counts as well.
+/// Opening a plain file as data device empties it, and a mistyped path must not cost a table or a stream.
 void requireOtherFile(const std::string& dataDevice, const char* role, const std::string& path) {
-    namespace fs = std::filesystem;
     std::error_code ignored;
-    const auto place = [&](const std::string& name) {
-        return fs::weakly_canonical(fs::absolute(name, ignored), ignored);
-    };
-    const fs::file_type type = fs::status(dataDevice, ignored).type();
-    if (type == fs::file_type::not_found
-            ? place(dataDevice) == place(path)
-            : type == fs::file_type::regular && CppUtil::isSameFile(dataDevice, path)) {
+    if (std::filesystem::is_regular_file(dataDevice, ignored) && CppUtil::isSameFile(dataDevice, path)) {
         throw CppUtil::InvalidArgumentError(
             fmt::format("The data device \"{}\" is the {} \"{}\" and would be emptied.",
                         escapeControls(dataDevice), role, escapeControls(path)));
@@ -117,12 +109,16 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
 
     auto tsio = std::make_shared<Pci::PciIf>(settings.tsioDevice, Drivers::Zep::TSIO_DEVICE.size, 0);
     auto router = std::make_shared<Pci::PciIf>(settings.routerDevice, Drivers::Zep::ROUTER_DEVICE.size, 0);
+    const auto requireInputs = [&] {
+        for (const auto& [uri, file] : settings.files) {
+            requireOtherFile(settings.pktioDataDevice, "input file", file);
+        }
+    };
     requireOtherFile(settings.pktioDataDevice, "control device", settings.tsioDevice);
     requireOtherFile(settings.pktioDataDevice, "control device", settings.routerDevice);
-    for (const auto& [uri, file] : settings.files) {
-        requireOtherFile(settings.pktioDataDevice, "input file", file);
-    }
+    requireInputs();
     m_PacketDispatcher = std::make_unique<PacketDispatcher>(settings.pktioDataDevice, stop);
+    requireInputs();  // a file that has just been created: no stream may play its own output
     m_PktioStreamManager = std::make_unique<PktioStreamManager>(*m_PacketDispatcher, settings.streamMode,
                                                                 settings.files, stop, settings.pcrPacing);
     std::vector<std::unique_ptr<LutMonitor>> monitors;

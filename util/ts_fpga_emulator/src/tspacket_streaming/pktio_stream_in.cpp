@@ -52,9 +52,9 @@ void PktioStreamIn::changeRoutes(std::span<const RouteChange> changes) {
     m_RoutingWaits.notify_one();
     bool startsThread = false;
     for (const auto& [pid, isRouted] : changes) {
-        m_RouteCount -= m_PidFilter.isPidPassed(pid) ? 1 : 0;
+        m_Status.routeCount -= m_PidFilter.isPidPassed(pid) ? 1 : 0;
         isRouted ? m_PidFilter.addPid(pid) : m_PidFilter.removePid(pid);
-        m_RouteCount += m_PidFilter.isPidPassed(pid) ? 1 : 0;
+        m_Status.routeCount += m_PidFilter.isPidPassed(pid) ? 1 : 0;
         startsThread |= isRouted;
     }
     if (startsThread && !m_Thread.joinable()) {

@@ -59,7 +59,7 @@ public:
     /// Logs the status line of this input. On any thread, one at a time.
     void logStatus(const std::string& uri) { m_Status.log(*m_Logger, m_TSIIDX, uri, m_InputFile); }
     /// PIDs that are let through. Thread-safe.
-    std::uint32_t getRouteCount() const { return m_RouteCount; }
+    std::uint32_t getRouteCount() const { return m_Status.routeCount; }
 
 private:
     void streamThread() noexcept;
@@ -78,7 +78,6 @@ private:
     std::unique_ptr<IRateAdapter> m_RateAdapter;  // the streaming thread's
     PacketDispatcher& m_Dispatcher;
     Ts::Misc::PidFilter m_PidFilter VEL_GUARDED_BY(m_FilterLock);
-    std::atomic<std::uint32_t> m_RouteCount = 0;
     std::deque<Ts::LowlevInTSPacket>
         m_PacketQueue;  // the streaming thread's: what the adapter holds, in order
     StreamStatus m_Status;

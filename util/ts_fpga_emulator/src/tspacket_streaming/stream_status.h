@@ -24,6 +24,7 @@ public:
     /// Logs one line of key=value pairs, which zeptfem(8) explains.
     void log(spdlog::logger& logger, std::uint32_t tsiidx, const std::string& uri, const TsFile& file);
 
+    std::atomic<std::uint32_t> routeCount = 0;  // PIDs that pass
     CppUtil::Counter packetsRead;
     CppUtil::Counter packetsReleased;  // written, dropped, or not routed
     CppUtil::Counter packetsWritten;

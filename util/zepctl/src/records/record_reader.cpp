@@ -74,7 +74,7 @@ bool RecordReader::restartIfRewritten() {
         m_Known.clear();
         return true;
     }
-    if (m_Given != 0) {
+    if (m_Given != 0 || m_Known.empty()) {
         m_Known.assign(m_Block.begin(), m_Block.begin() + static_cast<std::ptrdiff_t>(m_Given + m_Torn));
         m_KnownOffset = position - static_cast<off_t>(m_Known.size());
     }

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "command_error.h"
+#include "plain_file.h"
 #include "vel/cpp_utils/text.h"
 
 namespace Vel::Zepctl {
@@ -59,24 +60,34 @@ void RecordSplit::prepareDirectory() const {
     }
     for (std::uint32_t tsiidx = 0; tsiidx <= MAX_TSIIDX; ++tsiidx) {
         const std::string path = getPath(tsiidx);
-        struct stat status {};
-        const bool isTaken = ::lstat(path.c_str(), &status) == 0;
-        const bool isInput = status.st_dev == m_Input.st_dev && status.st_ino == m_Input.st_ino;
-        if (isTaken && (isInput || !S_ISREG(status.st_mode) || status.st_nlink != 1)) {
-            const char* reason = isInput ? "the input file" : "not a plain file with a single link";
-            throw CommandError(DeviceUnusable, fmt::format("Cannot create {}: it is {}",
-                                                           CppUtil::escapeControls(path), reason));
+        if (struct stat status{}; ::lstat(path.c_str(), &status) == 0) {
+            requireOutput(path, status);
         }
     }
 }
 
-/// The name may have been taken by something else since it was checked. So an old file is not opened but
-/// replaced: a file that is created exclusively cannot be a link, a FIFO or a device.
-void RecordSplit::open(Output& output, const std::string& path) {
-    output.name = CppUtil::escapeControls(path);
-    if (::unlink(path.c_str()) == 0 || errno == ENOENT) {
-        output.file.reset(std::fopen(path.c_str(), "wbxe"));
+void RecordSplit::requireOutput(const std::string& path, const struct stat& status) const {
+    const bool isInput = status.st_dev == m_Input.st_dev && status.st_ino == m_Input.st_ino;
+    if (isInput || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
+        const char* reason = isInput ? "the input file" : "not a plain file with a single link";
+        throw CommandError(DeviceUnusable,
+                           fmt::format("Cannot create {}: it is {}", CppUtil::escapeControls(path), reason));
     }
+}
+
+/// The name may have been taken by something else since it was checked, so the opened file is checked again.
+void RecordSplit::open(Output& output, const std::string& path) const {
+    output.name = CppUtil::escapeControls(path);
+    CppUtil::FileDescriptor file = openForWriting(path, O_WRONLY, true);
+    struct stat status {};
+    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
+        throw systemError("Cannot create " + output.name);
+    }
+    requireOutput(path, status);
+    if (::ftruncate(file.get(), 0) != 0) {
+        throw systemError("Cannot create " + output.name);
+    }
+    output.file.reset(::fdopen(file.release(), "wb"));
     if (!output.file) {
         throw systemError("Cannot create " + output.name);
     }

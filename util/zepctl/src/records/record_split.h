@@ -47,7 +47,8 @@ public:
 private:
     std::string getPath(std::uint32_t tsiidx) const;
     void prepareDirectory() const;
-    static void open(Output& output, const std::string& path);
+    void requireOutput(const std::string& path, const struct stat& status) const;
+    void open(Output& output, const std::string& path) const;
 
     std::string m_Directory;
     struct stat m_Input;

@@ -54,6 +54,14 @@ CppUtil::FileDescriptor blockEndingSignals() {
     return descriptor;
 }
 
+/// Waits until standard output is writable. False as soon as `signals` is readable.
+bool waitForOutput(int signals) {
+    std::array<pollfd, 2> ready{{{signals, POLLIN, 0}, {STDOUT_FILENO, POLLOUT, 0}}};
+    while (::poll(ready.data(), ready.size(), -1) == -1) {
+    }
+    return ready[0].revents == 0;
+}
+
 /// Whether standard output understands control sequences.
 bool isTerminal() {
     const char* type = std::getenv("TERM");
@@ -208,6 +216,9 @@ void watchRecords(const std::string& path, std::optional<double> seconds) {
     bool isClosed = false;
     for (; !isStopped && !isClosed && now < end; now = Clock::now()) {
         if (now >= nextPrint) {
+            if (!waitForOutput(signals.get())) {
+                break;
+            }
             table.print(watch.formatRows(now - start, now), false);
             nextPrint = std::max(nextPrint + interval, now);
         }
@@ -222,11 +233,16 @@ void watchRecords(const std::string& path, std::optional<double> seconds) {
         }
         if (reader.restartIfRewritten()) {
             watch = {};
+            isLive = false;
         }
         const auto records = reader.read();
         watch.add(records, isLive ? std::optional(Clock::now()) : std::nullopt);
         isLive |= reader.isAtEnd();
         isClosed = reader.isAtEnd() && !isPlain;
+    }
+    // A signal ends the watch even if nobody reads its output.
+    if (!waitForOutput(signals.get()) && !CppUtil::waitFor(STDOUT_FILENO, POLLOUT, {}, milliseconds(100))) {
+        return;
     }
     watch.end(isClosed ? reader.getTornBytes() : 0);
     const Seconds watched = now - start;

@@ -1,6 +1,7 @@
 #include "tables/input_table.h"
 
 #include <algorithm>
+#include <compare>
 #include <iterator>
 
 #include <fmt/format.h>
@@ -68,14 +69,16 @@ void InputTable::clear() {
 }
 
 void InputTable::checkOrder() const {
-    const auto inputs = list();
-    const auto wrong = std::is_sorted_until(inputs.begin(), inputs.end());
-    if (wrong != inputs.end()) {
-        throw CommandError(
-            DeviceUnusable,
-            fmt::format("The IP LUT is out of order: {} comes after {}; \"zepctl clear inputs\" "
-                        "clears the table",
-                        buildInputUri(*wrong), buildInputUri(*std::prev(wrong))));
+    const IpInEntry* previous = nullptr;
+    for (const IpInEntry& row : m_Rows) {
+        if (row.isEnabled() && previous != nullptr && row < *previous) {
+            throw CommandError(
+                DeviceUnusable,
+                fmt::format("Row {} of the IP LUT is out of order: {} comes after {}; "
+                            "\"zepctl clear inputs\" clears the table",
+                            &row - m_Rows.data(), buildInputUri(row), buildInputUri(*previous)));
+        }
+        previous = row.isEnabled() ? &row : previous;
     }
 }
 

@@ -1,6 +1,7 @@
 #include "tables/route_table.h"
 
 #include <algorithm>
+#include <compare>
 
 #include <fmt/format.h>
 

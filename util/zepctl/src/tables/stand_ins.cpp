@@ -1,6 +1,5 @@
 #include "tables/stand_ins.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -9,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "command_error.h"
+#include "plain_file.h"
 #include "tables/device.h"
 #include "vel/cpp_utils/text.h"
 
@@ -17,8 +17,6 @@ namespace Vel::Zepctl {
 using namespace Drivers::Zep;
 
 namespace {
-
-constexpr mode_t STAND_IN_MODE = 0666;  // less the umask
 
 /// @param kind S_IFREG or S_IFIFO
 void checkExisting(const std::string& path, const struct stat& file, mode_t kind, bool force) {
@@ -47,11 +45,7 @@ void checkName(const std::string& path, mode_t kind, bool force) {
 
 /// Creates the file, or extends it to its size, and keeps what is in it.
 CppUtil::FileDescriptor openStandIn(const std::string& path, std::uint32_t size, bool force) {
-    constexpr int FLAGS = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    CppUtil::FileDescriptor file(::open(path.c_str(), FLAGS | O_CREAT | O_EXCL, STAND_IN_MODE));
-    if (!file.isOpen() && errno == EEXIST && force) {
-        file = CppUtil::FileDescriptor(::open(path.c_str(), FLAGS));
-    }
+    CppUtil::FileDescriptor file = openForWriting(path, O_RDWR, force);
     struct stat status {};
     if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
         throw systemError("Cannot create " + path);
@@ -105,7 +99,7 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
         throw CommandError(DeviceUnusable,
                            "Cannot create directory \"" + directory + "\": " + error.message());
     }
-    if (withFifo && ::mkfifo(fifo.c_str(), STAND_IN_MODE) != 0 && !(errno == EEXIST && force)) {
+    if (withFifo && ::mkfifo(fifo.c_str(), 0666) != 0 && !(errno == EEXIST && force)) {
         throw systemError("Cannot create " + fifo);
     }
     const auto tsioFile = openStandIn(tsio, TSIO_DEVICE.size, force);

@@ -11,8 +11,8 @@ namespace Vel {
 /// Root of every failure that a caller may handle. The complete text is built once, in the constructor: the
 /// message and the location of the throw statement. Most derived classes only add a category prefix.
 ///
-/// Every class takes the detail text first; file and line default to those of the throw statement. Immutable
-/// after construction, so any thread may read it.
+/// Every class takes the detail text first; file and line come last and default to those of the throw
+/// statement. Immutable after construction, so any thread may read it.
 class Error : public std::exception {
 public:
     Error(const std::string& message, const char* file = __builtin_FILE(), int line = __builtin_LINE())
@@ -34,7 +34,8 @@ struct CategoryPrefix {
     char text[SIZE]{};
 };
 
-/// An error whose category stands in front of its detail text.
+/// An error whose category stands in front of its detail text. The prefix is what makes the type: no two
+/// categories share one.
 template <typename Base, CategoryPrefix PREFIX>
 class CategoryError : public Base {
 public:

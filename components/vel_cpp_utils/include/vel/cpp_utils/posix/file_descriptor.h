@@ -24,6 +24,8 @@ public:
 
     int get() const { return m_Fd; }
     bool isOpen() const { return m_Fd != -1; }
+    /// Gives up ownership.
+    [[nodiscard]] int release() { return std::exchange(m_Fd, -1); }
 
     /// Closes it now, for a caller that needs to know of a late write error. False, with errno, when that
     /// fails.
