@@ -78,7 +78,7 @@ int main(int argc, char** argv) {
                      "zepctl");
         app.require_subcommand(1);
         app.footer(
-            "Exit status: 0 success, 1 the records that were checked or split have faults,\n"
+            "Exit status: 0 success, 1 check found faults, or split skipped records,\n"
             "2 usage error, value out of range, or request that does not fit the present state,\n"
             "3 a file or device cannot be used.\n\n"
             "Example: zepctl create /tmp/zep\n"

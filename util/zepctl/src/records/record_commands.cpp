@@ -60,8 +60,8 @@ void finish(const std::string& report, const std::string& name, const FaultLog& 
 }  // namespace
 
 RecordCommands::RecordCommands(CLI::App& app) {
-    CLI::App* records =
-        app.add_subcommand("records", "Inspect records (a TSIIDX followed by a transport stream packet)");
+    CLI::App* records = app.add_subcommand(
+        "records", "Inspect records (each a TSIIDX followed by a transport stream packet)");
     records->require_subcommand(1);
     records->footer("Example: zepctl records check out.rec");
 
@@ -69,9 +69,9 @@ RecordCommands::RecordCommands(CLI::App& app) {
         *records, "check", "Check the records of a file; exit status 1 if they have faults",
         R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte other
 than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are not faults, nor is
-a file without records. The bit rate counts 188 bytes per recorded packet. It is measured by the
-PCRs of the first PID of the input that carries any, from its first PCR to its last; intervals in
-which the PCR restarts are excluded. The man page lists the keys of the JSON object.
+a file without records. The bit rate counts 188 bytes per recorded packet. Time is measured with
+the PCRs of one PID per input, the first on which a PCR occurs, from its first PCR to its last;
+intervals in which the PCR restarts are excluded. The man page lists the keys of the JSON object.
 
 Example: zepctl records check out.rec
          some-receiver | zepctl records check --json - > result.json)",
@@ -82,10 +82,9 @@ Example: zepctl records check out.rec
     CLI::App& split = declareCommand(
         *records, "split", "Write the packets of each input to a transport stream file",
         R"(The packets of TSIIDX 3 are written to DIR/tsiidx-003.ts, and so on. Existing files with these
-names are overwritten. If one of these names refers to FILE itself, to a symbolic link, to a file
-with more than one hard link, or to anything but a plain file, the command fails and changes
-nothing. Records with a bad sync byte or a TSIIDX above 255 and a torn last record are skipped;
-the exit status is then 1.
+names are overwritten. If one of these names is FILE itself, a symbolic link, a file with more than
+one hard link, or anything but a plain file, the command fails and changes nothing. Records with a
+bad sync byte or a TSIIDX above 255 and a torn last record are skipped; the exit status is then 1.
 
 Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)",
         [this] { this->split(); });

@@ -169,9 +169,9 @@ void TableCommands::clearTables() {
 void TableCommands::declareDump(CLI::App& app) {
     constexpr std::uint32_t ROWS = Zep::OPidMap::TABLE.rows;  // of the longest table
     CLI::App& dump = declareCommand(
-        app, "dump", "Print the rows of a table that are in use",
-        "An empty row of pidlut or physinmap is recognised by a special value, not by zeros. An\n"
-        "all-zero row is therefore printed, although it routes nothing (in physinmap, it feeds input 0).\n\n"
+        app, "dump", "Print the rows of a table that are not empty",
+        "An empty row of pidlut or physinmap holds a fill value, not zeros. An all-zero row is therefore\n"
+        "printed. In pidlut it routes nothing; in physinmap it is in use and feeds input 0.\n\n"
         "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1",
         [this] { printOutput(dumpTable(m_Table, m_DumpOptions, m_TsioPath, m_RouterPath)); });
     dump.add_option("TABLE", m_Table, "the table")->required()->check(CLI::IsMember(dumpTableNames()));
@@ -179,8 +179,8 @@ void TableCommands::declareDump(CLI::App& app) {
               "first row (default: first row of the table)");
     addNumber(dump, "--count", m_DumpOptions.count, {0, ROWS}, "number of rows (default: all that follow)");
     addNumber(dump, "--bank", m_DumpOptions.bank, {0, 1},
-              "bank of pidlut: 0 (default) is the one in use, 1 the other one; not the bank select bit");
-    dump.add_flag("--all", m_DumpOptions.includeAll, "also print rows that are not in use");
+              "bank of pidlut; 0: in use (default), 1: the other, whatever the value of the bank select bit");
+    dump.add_flag("--all", m_DumpOptions.includeAll, "also print empty rows");
 }
 
 }  // namespace Vel::Zepctl
