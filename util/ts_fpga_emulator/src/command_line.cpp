@@ -88,7 +88,7 @@ cxxopts::Options declareOptions() {
          flag(""))
         ("h,help", "Displays this help text.", flag("implicit"))
         ("m,pcrmode", "If given, the transport stream files, will be streamed by the rate of the PCR.", flag())
-        ("c,pcrclock", "If given, each packet is sent at the time that the PCRs around it give.", flag())
+        ("c,pcrclock", "If given, each packet is sent at the time derived from the PCRs before and after it.", flag())
         ("v,verbose", "If given, debug messages are logged as well.", flag())
         ("V,version", "Displays the program's name and version.", flag());
     // clang-format on
