@@ -68,7 +68,7 @@ TableCommands::TableCommands(CLI::App& app) {
 
 void TableCommands::declareCreate(CLI::App& app) {
     CLI::App& create = declareCommand(
-        app, "create", "Create files that stand in for the devices, with empty tables",
+        app, "create", "Create files that stand in for the devices, filled with zeros",
         "Prints the zeptfem command line that uses the files.\n\nExample: zepctl create /tmp/zep", [this] {
             createStandIns(m_Directory, m_WithFifo, m_Force);
             printOutput(standInCommandLine(m_Directory) + '\n');
@@ -177,7 +177,8 @@ void TableCommands::declareDump(CLI::App& app) {
     dump.add_option("TABLE", m_Table, "the table")->required()->check(CLI::IsMember(dumpTableNames()));
     addNumber(dump, "--first", m_DumpOptions.first, {0, ROWS - 1},
               "first row (default: first row of the table)");
-    addNumber(dump, "--count", m_DumpOptions.count, {0, ROWS}, "number of rows (default: all that follow)");
+    addNumber(dump, "--count", m_DumpOptions.count, {0, ROWS},
+              "number of rows to read (default: all that follow)");
     addNumber(dump, "--bank", m_DumpOptions.bank, {0, 1},
               "bank of pidlut; 0: in use (default), 1: the other, whatever the value of the bank select bit");
     dump.add_flag("--all", m_DumpOptions.includeAll, "also print empty rows");
