@@ -98,7 +98,7 @@ cxxopts::Options declareOptions() {
 cxxopts::ParseResult parseArguments(cxxopts::Options& options, int argc, const char* const* argv) {
     std::vector<const char*> pointers = {PROGRAM_NAME};
     const std::vector<std::string> arguments =
-        joinValues(options, std::span(argv, static_cast<std::size_t>(argc)).subspan(std::min(argc, 1)));
+        joinValues(options, std::span(argv, static_cast<std::size_t>(argc)).subspan(argc > 0 ? 1 : 0));
     std::ranges::transform(arguments, std::back_inserter(pointers), &std::string::c_str);
     return options.parse(static_cast<int>(pointers.size()), pointers.data());
 }
