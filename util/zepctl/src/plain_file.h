@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <string>
+#include <utility>
 
 #include "vel/cpp_utils/posix/file_descriptor.h"
 

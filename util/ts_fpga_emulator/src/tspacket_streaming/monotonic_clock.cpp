@@ -8,7 +8,6 @@ namespace Vel::Utils {
 
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
 timespec toTimespec(nanoseconds time) {
@@ -26,7 +25,7 @@ std::uint64_t MonotonicClock::getMonotonicNs() const {
 void MonotonicClock::sleepFor(nanoseconds time, const std::stop_token& stop) const {
     // The longest sleep between two checks of the stop request. Each slice is part of what is left, so their
     // overshoots do not add up. One that a signal cuts short is followed by another.
-    constexpr nanoseconds SLICE = milliseconds(100);
+    constexpr nanoseconds SLICE = std::chrono::milliseconds(100);
     const nanoseconds end = now() + time;
     for (nanoseconds left = time; left > nanoseconds::zero() && !stop.stop_requested(); left = end - now()) {
         const timespec slice = toTimespec(std::min(left, SLICE));
@@ -36,7 +35,7 @@ void MonotonicClock::sleepFor(nanoseconds time, const std::stop_token& stop) con
 
 void MonotonicClock::sleepUntil(nanoseconds deadline, const std::stop_token& stop) const {
     // Shorter sleeps are not interruptible, which costs less CPU time.
-    constexpr milliseconds SHORT_SLEEP(1);
+    constexpr std::chrono::milliseconds SHORT_SLEEP(1);
     if (deadline < now() + SHORT_SLEEP) {
         const timespec end = toTimespec(deadline);
         ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr);

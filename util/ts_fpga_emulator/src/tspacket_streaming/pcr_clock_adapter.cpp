@@ -1,17 +1,11 @@
 #include "tspacket_streaming/pcr_clock_adapter.h"
 
 #include <chrono>
-#include <cmath>
 #include <utility>
 
 namespace Vel::Utils {
 
-namespace {
-
-using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
-
-}  // namespace
 
 PCRClockAdapter::PCRClockAdapter(std::uint32_t tsiidx, std::unique_ptr<const MonotonicClock> clock)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())), m_TSIIDX(tsiidx), m_Clock(std::move(clock)) {}
@@ -87,7 +81,7 @@ std::int32_t PCRClockAdapter::waitUntilDue(const std::stop_token& stop) {
     const nanoseconds now = m_Clock->now();
     if (m_Spacing > FineInterval::zero() && now > first + MAX_LATENESS) {
         Log::warning(*m_Logger, "TSIIDX {}: packets are {} ms late; shifting the schedule by that amount",
-                     m_TSIIDX, std::chrono::floor<milliseconds>(now - first).count());
+                     m_TSIIDX, std::chrono::floor<std::chrono::milliseconds>(now - first).count());
         const FineTime lateness = now - first;
         m_OriginTime += lateness;
         m_EndTime += lateness;

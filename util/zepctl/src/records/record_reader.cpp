@@ -30,10 +30,7 @@ RecordReader::RecordReader(const std::string& path)
 
 void RecordReader::waitForData() const {
     // read() would report the end of a FIFO that has had no writer yet; poll() waits for the first one.
-    pollfd file{m_File.get(), POLLIN, 0};
-    while (::poll(&file, 1, -1) == -1) {
-        CppUtil::FileDescriptor::pauseBeforeRetry();
-    }
+    static_cast<void>(CppUtil::waitFor(m_File.get(), POLLIN, {}));
 }
 
 std::span<const std::uint8_t> RecordReader::read() {

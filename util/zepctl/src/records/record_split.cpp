@@ -84,10 +84,9 @@ void RecordSplit::open(Output& output, const std::string& path) const {
         throw systemError("Cannot create " + output.name);
     }
     requireOutput(path, status);
-    if (::ftruncate(file.get(), 0) != 0) {
-        throw systemError("Cannot create " + output.name);
+    if (::ftruncate(file.get(), 0) == 0) {
+        output.file.reset(::fdopen(file.release(), "wb"));
     }
-    output.file.reset(::fdopen(file.release(), "wb"));
     if (!output.file) {
         throw systemError("Cannot create " + output.name);
     }

@@ -75,11 +75,15 @@ struct LocatedFormat {
     spdlog::source_loc where;
 };
 
+/// Not deduced from: the arguments alone decide the types.
+template <typename... Args>
+using Format = LocatedFormat<std::type_identity_t<Args>...>;
+
 /// Formats and queues one line. Never throws: if memory is short, the line is dropped. So logging is safe in
 /// thread bodies, event handlers and destructors.
 template <typename... Args>
-void write(spdlog::logger& logger, spdlog::level::level_enum level,
-           LocatedFormat<std::type_identity_t<Args>...> format, Args&&... args) noexcept {
+void write(spdlog::logger& logger, spdlog::level::level_enum level, Format<Args...> format,
+           Args&&... args) noexcept {
     try {
         // "{}" selects spdlog's formatting overload, the only one that reports its own failures.
         logger.log(format.where, level, "{}", fmt::format(format.text, std::forward<Args>(args)...));
@@ -88,26 +92,22 @@ void write(spdlog::logger& logger, spdlog::level::level_enum level,
 }
 
 template <typename... Args>
-void debug(spdlog::logger& logger, LocatedFormat<std::type_identity_t<Args>...> format,
-           Args&&... args) noexcept {
+void debug(spdlog::logger& logger, Format<Args...> format, Args&&... args) noexcept {
     write(logger, spdlog::level::debug, format, std::forward<Args>(args)...);
 }
 
 template <typename... Args>
-void info(spdlog::logger& logger, LocatedFormat<std::type_identity_t<Args>...> format,
-          Args&&... args) noexcept {
+void info(spdlog::logger& logger, Format<Args...> format, Args&&... args) noexcept {
     write(logger, spdlog::level::info, format, std::forward<Args>(args)...);
 }
 
 template <typename... Args>
-void warning(spdlog::logger& logger, LocatedFormat<std::type_identity_t<Args>...> format,
-             Args&&... args) noexcept {
+void warning(spdlog::logger& logger, Format<Args...> format, Args&&... args) noexcept {
     write(logger, spdlog::level::warn, format, std::forward<Args>(args)...);
 }
 
 template <typename... Args>
-void error(spdlog::logger& logger, LocatedFormat<std::type_identity_t<Args>...> format,
-           Args&&... args) noexcept {
+void error(spdlog::logger& logger, Format<Args...> format, Args&&... args) noexcept {
     write(logger, spdlog::level::err, format, std::forward<Args>(args)...);
 }
 

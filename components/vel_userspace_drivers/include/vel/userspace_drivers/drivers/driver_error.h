@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 #include "vel/cpp_utils/error.h"
 
 namespace Vel::Drivers {
