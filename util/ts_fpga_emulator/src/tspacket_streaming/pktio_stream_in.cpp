@@ -85,11 +85,8 @@ void PktioStreamIn::playFile() {
                m_InputFile.getName(), m_TSIIDX);
     // A relative sleep, of which each batch has one, overshoots by the timer slack: 50 us by default.
     ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
-    auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
     while (!m_Stop.stop_requested()) {
-        if (packet.isDead()) {
-            packet.reset();
-        }
+        auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
         Ts::writeRecordHeader(packet.getWriteDataPtr(), m_TSIIDX);
         if (!m_InputFile.readPacket(
                 std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE))) {
