@@ -11,8 +11,6 @@
 namespace Vel::Zepctl {
 namespace {
 
-using Ts::PcrTicks;
-
 using std::chrono::milliseconds;
 using TestSupport::TemporaryFolder;
 using TestSupport::writeFile;
@@ -91,33 +89,32 @@ TEST(RecordCheck, JudgesContinuityByTheStandard) {
     }
 }
 
-TEST(PcrClock, AddsStepsAcrossTheWrapAndLeavesOutJumps) {
-    PcrClock clock;
-    EXPECT_FALSE(clock.add(Ts::PCR_WRAP - PcrTicks(270'000), false));
-    EXPECT_TRUE(clock.add(PcrTicks(211), false));
-    EXPECT_TRUE(clock.add(PcrTicks(211) + PcrClock::MAX_STEP, false));
-    EXPECT_FALSE(clock.add(PcrTicks(0), false)) << "a step back";
-    EXPECT_FALSE(clock.add(PcrTicks(1) + PcrClock::MAX_STEP, false)) << "a step too long";
-    EXPECT_FALSE(clock.add(PcrTicks(2) + PcrClock::MAX_STEP, true))
-        << "a new time base that looks like a step";
-    EXPECT_NEAR(clock.getElapsed().count(), 1.010 + 211 / 27e6, 1e-9);
-    EXPECT_EQ(clock.getTimeBases(), 4U);
-}
-
-TEST(RecordInput, RatesAreByTheFirstClockAndLeaveOutIntervalsWithANewTimeBase) {
+TEST(RecordInput, TimesThePacketsOfEachStepAndNoOthers) {
     RecordCheck check;
     check.add(
-        bytesOf(recordsOf("0z 0np0 0z 0z 0qnp7000 0np10 "  // the clock of q is that of another program
-                          "0z 0z 0z 0np5 "                 // jumps
+        bytesOf(recordsOf("0zp0 1zp3 0ep5 0z 0np0 0z 0z 0qnp7000 0z 0np10 "  // q has another clock
+                          "0z 0z 0z 0np5 "                                   // jumps
                           "0z 0z 0np15 "
                           "0nd 0z 0z 0z 0np25 "  // announced before the PCR it is about
-                          "0z 0z 0np35 "
-                          "0z 0z 0z 0ndp45 "
+                          "0z 0z 0np35 0z 0np35 0z 0np45 "
                           "0z 0z 0np55 0unp57 0z")));  // the last ones are not followed by a PCR
     const RecordInput& input = check.getInputs().at(3);
-    EXPECT_EQ(input.getPids().at(Ts::NULL_PID).counts.timedPackets, 8U);
-    EXPECT_EQ(input.getTotal().timedPackets, 8U + 1 + 4);
-    EXPECT_DOUBLE_EQ(*input.getBitRate(8), 200 * 188 * 8);
+    EXPECT_EQ(input.getPids().at(Ts::NULL_PID).counts.timedPackets, 3U + 2 + 2 + 2 + 2);
+    EXPECT_EQ(input.getTotal().timedPackets, 11U + 5 + 2);
+    EXPECT_EQ(input.getTotal().pcrs, 10U);
+    EXPECT_DOUBLE_EQ(*input.getBitRate(5), 100 * 188 * 8);
+    EXPECT_EQ(input.getTime().timeBases, 3U);
+    EXPECT_EQ(*input.getPcrPid(), 0x100U);
+
+    // The choice of the PCR PID starts over, and the packets before the new choice are not timed.
+    std::string silence;
+    for (std::uint64_t i = 0; i < Ts::PcrClock::MAX_STEP_PACKETS; ++i) {
+        silence += "0z ";
+    }
+    check.add(bytesOf(recordsOf(silence + "0qnp1 0z 0z 0qnp21")));
+    EXPECT_EQ(input.getTotal().timedPackets, 18U + 3);
+    EXPECT_EQ(input.getTime().timeBases, 4U);
+    EXPECT_EQ(*input.getPcrPid(), 0x101U);
 }
 
 /// Reads once. Returns the continuity counters.
@@ -195,13 +192,12 @@ TEST(ArrivalRate, IsThatOfWholeBursts) {
 /// A stream with a PCR every 20 ms, in bursts of 100 ms.
 struct PacedStream {
     ArrivalDrift drift;
-    PcrClock clock;
-    PcrTicks pcr = Ts::PCR_WRAP - milliseconds(5000);  // wraps on the way
+    ClockTime clock{.timeBases = 1};
     ArrivalTime now = START;
 
     void play(int bursts, double ppm) {
-        for (int i = 0; i < 5 * bursts; ++i, pcr = (pcr + milliseconds(20)) % Ts::PCR_WRAP) {
-            clock.add(pcr, false);
+        for (int i = 0; i < 5 * bursts; ++i) {
+            clock.elapsed += milliseconds(20);
             drift.add(now + milliseconds(i % 5 == 1 ? i / 20 : 0), clock);  // one is taken later and later
             now += std::chrono::nanoseconds(i % 5 == 4 ? static_cast<std::int64_t>(1e8 + 100 * ppm) : 0);
         }
@@ -222,7 +218,7 @@ TEST(ArrivalDrift, IsHowFarArrivalMovesAwayFromThePcr) {
     stream.now += milliseconds(300);
     stream.play(50, 0);
     EXPECT_NEAR(stream.drift.get()->lateness.count(), 300, 0.1) << "a pause";
-    stream.pcr += milliseconds(10'000);
+    ++stream.clock.timeBases;
     stream.play(30, 0);
     EXPECT_FALSE(stream.drift.get()) << "restarts with a new time base";
     stream.play(30, 0);
@@ -233,13 +229,13 @@ TEST(RecordWatch, HasOneRowPerInputAndDoesNotTimeWhatWasThereBefore) {
     RecordWatch watch;
     EXPECT_THAT(watch.formatRows(Seconds(1.4), START), testing::ElementsAre("      1  no records yet"));
     watch.add(bytesOf(recordsOf("0t 1 3")), std::nullopt);
-    for (int i = 0; i <= 6; ++i) {
+    for (int i = 0; i <= 7; ++i) {
         const std::string record = recordsOf(std::to_string(4 + i) + "p" + std::to_string(999 * i));
         watch.add(bytesOf(record), START + milliseconds(1000) * i);
     }
-    EXPECT_THAT(watch.formatRows(Seconds(3725.4), START + milliseconds(6000)),
+    EXPECT_THAT(watch.formatRows(Seconds(3725.4), START + milliseconds(7000)),
                 testing::ElementsAre(
-                    "   3725       3        1.5        1.5           9           1      +4.0    +1001",
+                    "   3725       3        1.5        1.5          10           1      +4.0    +1001",
                     "   3725     255          -          -           1           0         -        -"));
 }
 

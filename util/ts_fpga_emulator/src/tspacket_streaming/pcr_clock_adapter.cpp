@@ -13,7 +13,8 @@ PCRClockAdapter::PCRClockAdapter(std::uint32_t tsiidx, std::unique_ptr<const Mon
 /// Every packet that has a due time is released before the next one is read, so the held packets have none.
 std::int32_t PCRClockAdapter::bufferPacket(const Ts::TSPacket& packet, bool last) {
     ++m_PacketCount;
-    if (const auto pcr = m_PcrReader.read(packet)) {
+    if (const auto pcr = Ts::readPcr(packet); pcr && m_PcrPid.value_or(packet.getPid()) == packet.getPid()) {
+        m_PcrPid = packet.getPid();
         addPcr({m_PacketCount, *pcr}, packet.hasDiscontinuityIndicator());
     }
     const bool isFull = m_PacketCount - m_Released == MAX_BUFFERED_PACKETS;

@@ -63,7 +63,7 @@ private:
     std::shared_ptr<spdlog::logger> m_Logger;
     std::uint32_t m_TSIIDX;
     std::unique_ptr<const MonotonicClock> m_Clock;
-    Ts::PcrReader m_PcrReader;
+    std::optional<std::uint32_t> m_PcrPid;
     std::optional<Ts::PcrRecord> m_LastPcr;
     std::optional<FineInterval> m_PacketTime;  // from the last two PCRs that belong together
     bool m_IsUnpacedReported = false;

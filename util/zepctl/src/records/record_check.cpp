@@ -1,7 +1,7 @@
 #include "records/record_check.h"
 
 #include <algorithm>
-#include <utility>
+#include <cstddef>
 
 namespace Vel::Zepctl {
 
@@ -20,64 +20,60 @@ std::optional<std::uint32_t> RecordContinuity::check(const RecordView& packet) {
     return isRight ? std::nullopt : std::optional(expected);
 }
 
-bool PcrClock::add(Ts::PcrTicks pcr, bool newTimeBase) {
-    const Ts::PcrTicks step = Ts::pcrDistance(m_Last.value_or(pcr), pcr);
-    const bool continues = m_Last && !newTimeBase && step <= MAX_STEP;
-    m_Last = pcr;
-    if (continues) {
-        m_Elapsed += step;
-    } else {
-        ++m_TimeBases;
-    }
-    return continues;
-}
-
 void RecordInput::add(const RecordView& packet, FaultLog& faults) {
     const std::uint32_t number = packet.getPid();
     Pid& pid = m_Pids[number];
-    ++pid.packetsSincePcr;
-    count(pid, &PacketCounts::packets);
+    count(pid.counts, &PacketCounts::packets);
+    followClock(packet, pid.counts);
     if (packet.hasTransportError()) {
         // Any bit of the packet may be wrong, so nothing else in it is checked, nor is the next counter.
-        count(pid, &PacketCounts::transportErrors);
+        count(pid.counts, &PacketCounts::transportErrors);
         faults.add(FaultKind::TransportError, packet, 0, 1);
         pid.continuity.restart();
         return;
     }
     if (packet.isScrambled()) {
-        count(pid, &PacketCounts::scrambled);
+        count(pid.counts, &PacketCounts::scrambled);
     }
     const auto expected = pid.continuity.check(packet);
     if (expected && number != Ts::NULL_PID) {  // the counter of null packets is undefined
-        count(pid, &PacketCounts::continuityErrors);
+        count(pid.counts, &PacketCounts::continuityErrors);
         faults.add(FaultKind::Continuity, packet, *expected, packet.getContinuityCounter());
     }
-    pid.newTimeBase |= packet.hasDiscontinuityIndicator();
     if (Ts::readPcr(packet)) {
-        count(pid, &PacketCounts::pcrs);
-        const bool newTimeBase = std::exchange(pid.newTimeBase, false);
-        if (const auto pcr = m_PcrReader.read(packet)) {
-            takePcr(*pcr, newTimeBase);
-        }
+        count(pid.counts, &PacketCounts::pcrs);
     }
 }
 
-void RecordInput::count(Pid& pid, std::uint64_t PacketCounts::*counter, std::uint64_t packets) {
-    pid.counts.*counter += packets;
-    m_Total.*counter += packets;
+void RecordInput::count(PacketCounts& pid, std::uint64_t PacketCounts::*counter) {
+    ++(pid.*counter);
+    ++(m_Total.*counter);
 }
 
-/// Only now is it known whether the packets since the previous PCR count towards the timed packets.
-void RecordInput::takePcr(Ts::PcrTicks pcr, bool newTimeBase) {
-    const bool isTimed = m_Clock.add(pcr, newTimeBase);
-    for (auto& [number, pid] : m_Pids) {
-        const std::uint64_t packets = std::exchange(pid.packetsSincePcr, 0);
-        count(pid, &PacketCounts::timedPackets, isTimed ? packets : 0);
+void RecordInput::followClock(const RecordView& packet, PacketCounts& pid) {
+    using Kind = Ts::PcrClock::Reading::Kind;
+    m_Recent.push_back(&pid);
+    if (m_Recent.size() > Ts::PcrClock::MAX_STEP_PACKETS) {
+        m_Recent.pop_front();
     }
+    const bool isChosen = m_Clock.getPid().has_value();
+    const auto [kind, packets, time] = m_Clock.read(packet);
+    if (kind == Kind::Nothing || kind == Kind::Candidate) {
+        return;
+    }
+    if (kind == Kind::Step) {
+        m_PcrPid = m_Clock.getPid();
+        m_Time.elapsed += time;
+        const auto end = m_Recent.end();
+        std::for_each(end - static_cast<std::ptrdiff_t>(packets), end,
+                      [this](PacketCounts* timed) { count(*timed, &PacketCounts::timedPackets); });
+    }
+    m_Time.timeBases += kind == Kind::NewTimeBase || !isChosen ? 1 : 0;
+    m_Recent.clear();
 }
 
 std::optional<double> RecordInput::getBitRate(std::uint64_t timedPackets) const {
-    const double elapsed = m_Clock.getElapsed().count();
+    const double elapsed = Seconds(m_Time.elapsed).count();
     return elapsed > 0 ? std::optional(static_cast<double>(timedPackets) * BITS_PER_PACKET / elapsed)
                        : std::nullopt;
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <span>
@@ -35,28 +36,10 @@ private:
     bool m_WasDuplicate = false;                            // it repeated the one before it
 };
 
-/// The time that the PCRs of one PID measure: the sum of the steps from each to the next, across their wrap.
-/// The step to a new time base is left out. Reentrant.
-class PcrClock {
-public:
-    /// Longest step within one time base: ten times the interval that ISO/IEC 13818-1, 2.7.2, allows. A step
-    /// back looks like a step of many hours ahead, so it is above this as well.
-    static constexpr std::chrono::seconds MAX_STEP{1};
-
-    /// Takes the next PCR.
-    /// @param newTimeBase whether the stream announced that a time base begins with this PCR
-    /// @return whether it continues the time base of the previous one
-    bool add(Ts::PcrTicks pcr, bool newTimeBase);
-
-    /// Sum of all steps.
-    Seconds getElapsed() const { return m_Elapsed; }
-    /// Number of time bases so far; 0 before the first PCR.
-    std::uint64_t getTimeBases() const { return m_TimeBases; }
-
-private:
-    std::optional<Ts::PcrTicks> m_Last;
-    Ts::PcrTicks m_Elapsed{0};  // 64 bits are enough for 21,000 years
-    std::uint64_t m_TimeBases = 0;
+/// What the clock of an input has measured. The step to a new time base is left out.
+struct ClockTime {
+    Ts::PcrTicks elapsed{0};      // 64 bits are enough for 21,000 years
+    std::uint64_t timeBases = 0;  // a newly chosen PCR PID begins one as well
 };
 
 /// Counts of one PID, or of all PIDs of an input.
@@ -69,18 +52,19 @@ struct PacketCounts {
     std::uint64_t timedPackets = 0;  // between PCRs of the input's clock, see RecordInput
 };
 
-/// Checks the packets of one input. Its clock is that of the first PID with a PCR. Bit rates are those of the
-/// recorded packets by this clock, from the first PCR to the last, without the intervals in which a new time
-/// base began. PIDs that are not routed are not recorded, so this is not the rate of the input's whole
-/// stream. Reentrant.
+/// Checks the packets of one input. Bit rates are those of the recorded packets by the input's PCR clock,
+/// without the intervals in which a new time base began. PIDs that are not routed are not recorded, so this
+/// is not the rate of the input's whole stream. Reentrant; not copied, since it points into itself.
 class RecordInput {
 public:
     struct Pid {
         PacketCounts counts;
-        std::uint64_t packetsSincePcr = 0;  // of the input's clock
         RecordContinuity continuity;
-        bool newTimeBase = false;  // announced; it begins with the next PCR
     };
+
+    RecordInput() = default;
+    RecordInput(const RecordInput&) = delete;
+    RecordInput& operator=(const RecordInput&) = delete;
 
     /// Checks the next packet, which is the latest record of the log, and logs its faults.
     void add(const RecordView& packet, FaultLog& faults);
@@ -88,24 +72,28 @@ public:
     const PacketCounts& getTotal() const { return m_Total; }
     /// By PID.
     const std::map<std::uint32_t, Pid>& getPids() const { return m_Pids; }
-    /// None without a PCR.
-    std::optional<std::uint32_t> getPcrPid() const { return m_PcrReader.getPid(); }
-    const PcrClock& getClock() const { return m_Clock; }
+    /// The latest choice of the clock; none if no PID has two successive PCRs of one time base.
+    std::optional<std::uint32_t> getPcrPid() const { return m_PcrPid; }
+    const ClockTime& getTime() const { return m_Time; }
     /// The rate in bit/s of the given number of timed packets, 188 bytes each; none if no time is known.
     std::optional<double> getBitRate(std::uint64_t timedPackets) const;
 
 private:
-    /// Adds packets to a counter of the PID and to that of the input.
-    void count(Pid& pid, std::uint64_t PacketCounts::*counter, std::uint64_t packets = 1);
-    void takePcr(Ts::PcrTicks pcr, bool newTimeBase);
+    /// Adds the packet to a counter of the PID and to that of the input.
+    void count(PacketCounts& pid, std::uint64_t PacketCounts::*counter);
+    void followClock(const RecordView& packet, PacketCounts& pid);
 
     PacketCounts m_Total;
     std::map<std::uint32_t, Pid> m_Pids;
-    Ts::PcrReader m_PcrReader;
-    PcrClock m_Clock;
+    Ts::PcrClock m_Clock;
+    std::optional<std::uint32_t> m_PcrPid;
+    ClockTime m_Time;
+    // The PIDs of the latest packets, since the PCR or as far back as a step can reach: only the next PCR
+    // decides whether these packets count towards the timed ones.
+    std::deque<PacketCounts*> m_Recent;
 };
 
-/// Checks a stream of records. It stores nothing per record. Thread-bound.
+/// Checks a stream of records. Thread-bound.
 class RecordCheck {
 public:
     /// Takes the next complete records.

@@ -135,12 +135,12 @@ double ArrivalRate::rateBetween(const Burst& from, const Burst& to) {
     return packets * BITS_PER_PACKET / Seconds(to.start - from.start).count();
 }
 
-void ArrivalDrift::add(ArrivalTime at, const PcrClock& clock) {
-    if (clock.getTimeBases() != m_TimeBase) {
+void ArrivalDrift::add(ArrivalTime at, const ClockTime& clock) {
+    if (clock.timeBases != m_TimeBase) {
         *this = {};
-        m_TimeBase = clock.getTimeBases();
+        m_TimeBase = clock.timeBases;
     }
-    const Seconds pcr = clock.getElapsed();
+    const Seconds pcr = clock.elapsed;
     if (m_TimeBase == 0 || pcr == m_LastPcr) {
         return;
     }
@@ -173,7 +173,7 @@ void RecordWatch::add(std::span<const std::uint8_t> records, std::optional<Arriv
         known.packets += packets;
         if (packets != 0 && arrival) {
             known.rate.add(*arrival, packets);
-            known.drift.add(*arrival, input.getClock());
+            known.drift.add(*arrival, input.getTime());
         }
     }
 }

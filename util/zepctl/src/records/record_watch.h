@@ -54,7 +54,7 @@ struct Drift {
 class ArrivalDrift {
 public:
     /// Takes the clock after the records that arrived at that time. Without a new PCR it is ignored.
-    void add(ArrivalTime at, const PcrClock& clock);
+    void add(ArrivalTime at, const ClockTime& clock);
     /// None until two windows of two seconds are complete.
     std::optional<Drift> get() const;
 

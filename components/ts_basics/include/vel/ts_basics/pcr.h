@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <ratio>
 #include <span>
@@ -29,31 +30,56 @@ constexpr PcrTicks pcrDistance(PcrTicks from, PcrTicks to) {
     return (to + PCR_WRAP - from) % PCR_WRAP;
 }
 
-/// The packet's PCR, below PCR_WRAP. None where the PCR flag is set in an adaptation field without room for
-/// it.
+/// The packet's PCR, below PCR_WRAP. None if the packet is damaged (no sync byte, or a transport error), is a
+/// null packet, or sets the PCR flag in an adaptation field without room for it.
 std::optional<PcrTicks> readPcr(const TSPacket& packet);
 
 /// Whether the packet has the bytes of `original`, except for its PCR: a duplicate carries that of its own
 /// time (ISO/IEC 13818-1, 2.4.3.3).
 bool isDuplicate(const TSPacket& packet, std::span<const std::uint8_t, TS_PACKET_SIZE> original);
 
-/// Reads the PCRs of one PID: that of the first packet with a PCR. Reentrant.
-class PcrReader {
+/// Follows the clock of a stream by the PCRs of one PID: the first PID that delivers two successive PCRs of
+/// one time base. If it delivers none for MAX_STEP_PACKETS, the choice starts over.
+///
+/// A PCR up to MAX_STEP ahead of the previous one of its PID continues the time base, across the wrap. An
+/// equal one is ignored. Any other one starts a new time base, and so does a PCR with a discontinuity
+/// indicator in its packet, or in an earlier intact packet of its PID since the previous PCR. Reentrant.
+class PcrClock {
 public:
-    /// The PCR of the stream's next packet, if it has one and is of the PCR PID.
-    std::optional<PcrTicks> read(const TSPacket& packet) {
-        const auto pcr = readPcr(packet);
-        if (!pcr || m_PID.value_or(packet.getPid()) != packet.getPid()) {
-            return std::nullopt;
-        }
-        m_PID = packet.getPid();
-        return pcr;
-    }
-    /// None before the first PCR.
-    std::optional<std::uint32_t> getPid() const { return m_PID; }
+    /// Ten times the interval that ISO/IEC 13818-1, 2.7.2, allows.
+    static constexpr std::chrono::seconds MAX_STEP{1};
+    static constexpr std::uint64_t MAX_STEP_PACKETS = 10'000;
+
+    /// What a packet means for the clock.
+    struct Reading {
+        enum class Kind : std::uint8_t {
+            Nothing,      ///< it has no PCR that counts
+            Candidate,    ///< a PCR, but no PID has been chosen yet
+            Step,         ///< the clock has moved by `time` in the last `packets` packets, up to this one
+            NewTimeBase,  ///< the PCR does not continue the clock
+        };
+        Kind kind = Kind::Nothing;
+        std::uint64_t packets = 0;  ///< from the packet with the previous PCR of the PID to this one
+        PcrTicks time{0};  ///< from that PCR to this one; 0 across a discontinuity that was announced
+    };
+
+    /// Takes the stream's next packet. Every packet counts, damaged ones too.
+    Reading read(const TSPacket& packet);
+    /// Forgets all PCRs; the next ones choose the PID.
+    void restart();
+    /// None until the choice.
+    std::optional<std::uint32_t> getPid() const { return m_Pid; }
 
 private:
-    std::optional<std::uint32_t> m_PID;
+    struct Candidate {
+        PcrRecord last;
+        bool isDiscontinuous = false;  // announced since then
+    };
+
+    std::uint64_t m_PacketIndex = 0;                  // of the latest packet
+    std::map<std::uint32_t, Candidate> m_Candidates;  // by PID; after the choice, only the chosen one
+    std::optional<std::uint32_t> m_Pid;
+    std::uint64_t m_LastIndex = 0;  // of the chosen PID's previous PCR
 };
 
 }  // namespace Vel::Ts
