@@ -27,6 +27,7 @@ LowlevInTSPacket packetOf(const std::string& word) {
         .discontinuity = has('d'),
         .transportError = has('e'),
         .adaptationLength = static_cast<std::uint8_t>(has('u') ? 6 : 7),
+        .sync = has('y') ? std::uint8_t{0} : SYNC_BYTE,
     };
     if (const auto pcr = word.find_first_of("-0123456789"); pcr != std::string::npos) {
         const std::int64_t ticks = std::stoll(word.substr(pcr)) * MS;
@@ -34,7 +35,6 @@ LowlevInTSPacket packetOf(const std::string& word) {
     }
     auto packet = LowlevInTSPacket::create<TS_PACKET_SIZE>();
     std::ranges::copy(content.bytes(), packet.getDataPtr());
-    packet.getDataPtr()[0] = has('y') ? 0 : SYNC_BYTE;
     return packet;
 }
 

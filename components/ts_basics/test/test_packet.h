@@ -20,6 +20,7 @@ struct TestPacket {
     bool transportError = false;
     bool scrambled = false;
     std::uint8_t adaptationLength = 7;  // where there is an adaptation field
+    std::uint8_t sync = Ts::SYNC_BYTE;
 
     /// The packet as the record of an input.
     std::vector<std::uint8_t> record(std::uint32_t tsiidx) const {
@@ -28,7 +29,7 @@ struct TestPacket {
         Ts::writeRecordHeader(record.data() + Ts::RECORD_SIZE - Ts::RECORD_HEADER_SIZE, number);
         const bool adaptation = pcr || discontinuity;
         std::uint8_t* b = record.data() + Ts::RECORD_HEADER_SIZE;
-        b[0] = Ts::SYNC_BYTE;
+        b[0] = sync;
         b[1] = static_cast<std::uint8_t>((transportError ? 0x80 : 0) | pid >> 8);
         b[2] = static_cast<std::uint8_t>(pid);
         b[3] = static_cast<std::uint8_t>((scrambled ? 0x80 : 0) | (adaptation ? 0x20 : 0) |
