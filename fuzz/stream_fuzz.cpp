@@ -1,5 +1,5 @@
 // A TS file, paced by its PCRs in both ways, against a clock of the target's own: all packets of a whole file
-// leave, whatever its bytes are, and none that was not there.
+// are released, and have due times in order, whatever its bytes are; and none that was not there.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -8,9 +8,10 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "require.h"
-#include "tspacket_streaming/pcr_clock_adapter.h"
+#include "tspacket_streaming/clock_schedule.h"
 #include "tspacket_streaming/pcr_rate_adapter.h"
 #include "tspacket_streaming/ts_file.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
@@ -25,9 +26,6 @@ struct FakeClock : Utils::MonotonicClock {
     std::uint64_t getMonotonicNs() const override { return nowNs += 1000; }
     void sleepFor(std::chrono::nanoseconds time, const std::stop_token& /*stop*/) const override {
         nowNs += static_cast<std::uint64_t>(time.count());
-    }
-    void sleepUntil(std::chrono::nanoseconds deadline, const std::stop_token& /*stop*/) const override {
-        nowNs = std::max(nowNs, static_cast<std::uint64_t>(deadline.count()));
     }
     mutable std::uint64_t nowNs = 0;
 };
@@ -44,13 +42,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return true;
     }();
     REQUIRE(isQuiet);
-    Utils::PCRClockAdapter clockAdapter(3, std::make_unique<FakeClock>());
+    const FakeClock clock;
+    Utils::ClockSchedule schedule(3, size / Ts::TS_PACKET_SIZE % 2 == 0, [&clock] { return clock.now(); });
     std::size_t held = 0;
     std::size_t released = 0;
-    std::size_t due = 0;
-    auto packet = Ts::LowlevInTSPacket::create<Ts::TS_PACKET_SIZE>();
-    while (file.readPacket(
-        std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE))) {
+    std::size_t timed = 0;
+    std::chrono::nanoseconds due{0};
+    while (true) {
+        auto packet = Ts::LowlevInTSPacket::create<Ts::TS_PACKET_SIZE>();
+        if (!file.readPacket(
+                std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE))) {
+            break;
+        }
         const bool last = file.isAtEnd();
         const std::int32_t answer = adapter.bufferPacket(packet, last);
         ++held;
@@ -59,16 +62,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             adapter.delayPacket();
         }
         REQUIRE(adapter.getBufferedPackets() == held);
-        if (clockAdapter.bufferPacket(packet, last) == Utils::IRateAdapter::WHEN_DUE) {
-            while (const std::int32_t count = clockAdapter.waitUntilDue({})) {
-                due += static_cast<std::size_t>(count);
-            }
+        schedule.add(std::move(packet));
+        if (last) {
+            schedule.timeHeld();
         }
-        REQUIRE(due <= released + held &&
-                released + held - due < Utils::PCRClockAdapter::MAX_BUFFERED_PACKETS);
+        for (const auto& next : schedule.takeTimed()) {
+            REQUIRE(next.due >= due);
+            due = next.due;
+            ++timed;
+        }
+        REQUIRE(timed + schedule.getHeldCount() == released + held);
+        REQUIRE(schedule.getHeldCount() < Utils::ClockSchedule::MAX_HELD_PACKETS);
     }
     const std::size_t packets = size / Ts::TS_PACKET_SIZE;
     REQUIRE(released + held == packets);
-    REQUIRE(size % Ts::TS_PACKET_SIZE != 0 || (released == packets && due == packets));
+    REQUIRE(size % Ts::TS_PACKET_SIZE != 0 || (released == packets && timed == packets));
     return 0;
 }
