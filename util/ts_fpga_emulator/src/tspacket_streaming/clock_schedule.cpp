@@ -72,12 +72,13 @@ void ClockSchedule::take(const Ts::PcrClock::Reading& reading, std::size_t count
 /// The step covers all held packets, except where the choice of the PID has just been made, or where packets
 /// of the interval were given due times before its PCR arrived.
 void ClockSchedule::scheduleStep(const Ts::PcrClock::Reading& step, std::size_t count) {
-    const Pace pace{std::chrono::duration_cast<FineTime>(step.time), static_cast<std::int64_t>(step.packets)};
+    const auto packets = static_cast<std::size_t>(step.packets);
+    const Pace pace{std::chrono::duration_cast<FineTime>(step.time), static_cast<std::int64_t>(packets)};
     if (m_Intervals.empty()) {
         m_End = startTime() + pace.of(count - 1) - pace.of(count);
-    } else if (count > step.packets) {
-        scheduleWithoutPcr(count - step.packets);
-        count = step.packets;
+    } else if (count > packets) {
+        scheduleWithoutPcr(count - packets);
+        count = packets;
     }
     schedule(count, pace);
     m_Intervals.push_back(pace);
