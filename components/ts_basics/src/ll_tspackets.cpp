@@ -1,21 +1,9 @@
 #include "vel/ts_basics/ll_tspackets.h"
 
-#include <utility>
-
-#include "vel/cpp_utils/assertion.h"
-#include "vel/ts_basics/ts_error.h"
-
 namespace Vel::Ts {
 
 LowlevInTSPacket::LowlevInTSPacket(std::uint32_t totalSize) : m_TotalSize(totalSize) {
     allocate();
-}
-
-LowlevInTSPacket::LowlevInTSPacket(LowlevInTSPacket&& moveSrc) noexcept {
-    VEL_ASSERT(!moveSrc.isDead());
-    m_Buffer = std::move(moveSrc.m_Buffer);
-    m_Offset = std::exchange(moveSrc.m_Offset, 0);
-    m_TotalSize = moveSrc.m_TotalSize;
 }
 
 void LowlevInTSPacket::reset() {
@@ -34,27 +22,6 @@ void LowlevInTSPacket::allocate() {
             "less than 188 bytes.");
     }
     m_Offset = m_TotalSize - TS_PACKET_SIZE;
-}
-
-const std::uint8_t* LowlevInTSPacket::getDataPtr() const {
-    if (isDead()) {
-        throw TsPacketError("Cannot get const data pointer. Object is dead.");
-    }
-    return m_Buffer.get() + m_Offset;
-}
-
-std::uint8_t* LowlevInTSPacket::getDataPtr() {
-    if (isDead()) {
-        throw TsPacketError("Cannot get data pointer. Object is dead.");
-    }
-    return m_Buffer.get() + m_Offset;
-}
-
-std::uint8_t* LowlevInTSPacket::getWriteDataPtr() {
-    if (isDead()) {
-        throw TsPacketError("Cannot get write data pointer. Object is dead.");
-    }
-    return m_Buffer.get();
 }
 
 }  // namespace Vel::Ts

@@ -1,8 +1,16 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <deque>
 #include <functional>
 #include <future>
+#include <utility>
 
 #include "support.h"
+#include "tspacket_streaming/max_rate_adapter.h"
 #include "tspacket_streaming/pktio_stream_in.h"
+#include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::Utils {
 namespace {
@@ -16,7 +24,7 @@ public:
         EXPECT_EQ(last, m_Next + 1 == m_Answers.size());
         return m_Answers.at(m_Next++);
     }
-    std::uint32_t getMaxBufferedPackets() const override { return 0; }
+    std::uint32_t getMaxBufferedPackets() const override { return 5; }
     void delayPacket() override { m_OnDelay(); }
 
 private:
@@ -59,6 +67,52 @@ TEST(PktioStreamIn, FilterIsCheckedAtTheReleaseAndARouteNeverChangesWithinOne) {
         std::ranges::copy(record(i), std::back_inserter(expected));
     }
     EXPECT_TRUE(TestSupport::eventually([&] { return readFile(folder / "records") == expected; }));
+}
+
+/// The reader of a FIFO stalls: with -c the pacer waits for it, at full rate a streaming thread, and the
+/// others for that one.
+TEST(PktioStreamIn, RoutesAndRemovalsTakeEffectWhileTheDeviceIsFull) {
+    const TemporaryFolder folder;
+    ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
+    const CppUtil::FileDescriptor reader(::open((folder / "fifo").c_str(), O_RDWR | O_NONBLOCK));
+    Bytes file;
+    for (std::uint32_t i = 0; i < 10'000; ++i) {
+        const Bytes packet = TestPacket{.pid = 0x100, .number = i}.bytes();
+        file.insert(file.end(), packet.begin(), packet.end());
+    }
+    writeFile(folder / "input.ts", file);
+    for (const bool isClocked : {false, true}) {
+        SCOPED_TRACE(isClocked);
+        PacketDispatcher dispatcher(folder / "fifo");
+        Pacer pacer(dispatcher);
+        pacer.start();
+        std::deque<PktioStreamIn> streams;
+        using Changes = std::vector<PktioStreamIn::RouteChange>;
+        for (std::uint32_t i = 0; i < 3; ++i) {
+            isClocked ? streams.emplace_back(folder / "input.ts", i, pacer, dispatcher)
+                      : streams.emplace_back(folder / "input.ts", i, std::make_unique<MaxRateAdapter>(),
+                                             dispatcher);
+            streams.back().changeRoutes(Changes{{0x100, true}});
+        }
+        std::array<std::uint8_t, Ts::RECORD_SIZE> record;
+        const auto isFull = [&, last = std::uint64_t{0}]() mutable {
+            return std::exchange(last, dispatcher.getRecordCount()) == last && last > 0;
+        };
+        ASSERT_TRUE(TestSupport::eventually(isFull));
+        for (auto& stream : streams) {
+            stream.changeRoutes(Changes{{0x100, false}});
+        }
+        streams.pop_front();
+        // The packets that waited for the device are no longer routed.
+        for (auto& stream : streams) {
+            stream.changeRoutes(Changes{{0x100, false}});
+        }
+        std::uint64_t records = 0;
+        while (::read(reader.get(), record.data(), record.size()) > 0) {
+            ++records;
+        }
+        EXPECT_EQ(records, dispatcher.getRecordCount());
+    }
 }
 
 }  // namespace

@@ -50,9 +50,6 @@ public:
     void sleepFor(std::chrono::nanoseconds time, const std::stop_token& /*stop*/) const override {
         m_NowNs += static_cast<std::uint64_t>(time.count());
     }
-    void sleepUntil(std::chrono::nanoseconds deadline, const std::stop_token& /*stop*/) const override {
-        m_NowNs = std::max(m_NowNs, static_cast<std::uint64_t>(deadline.count()));
-    }
 
 private:
     std::uint64_t& m_NowNs;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <stop_token>
 
 #include "vel/ts_basics/tspacket.h"
 
@@ -13,22 +12,16 @@ class IRateAdapter {
 public:
     /// Returned by bufferPacket(): drop the oldest queued packet unwritten.
     static constexpr std::int32_t DISCARD_OLDEST = -1;
-    /// Returned by bufferPacket(): call waitUntilDue() and release what it returns, until it returns 0.
-    static constexpr std::int32_t WHEN_DUE = -2;
 
     virtual ~IRateAdapter() = default;
     /// @param packet the one just appended; not kept beyond the call
     /// @param last whether it is the final one of the input
-    /// @return n >= 1: release the n oldest packets now; 0: keep them all; DISCARD_OLDEST or WHEN_DUE
+    /// @return n >= 1: release the n oldest packets now; 0: keep them all; DISCARD_OLDEST
     virtual std::int32_t bufferPacket(const Ts::TSPacket& packet, bool last) = 0;
     /// The largest number of packets that are held back.
     virtual std::uint32_t getMaxBufferedPackets() const = 0;
     /// Called immediately before each packet is sent; may block to pace the output.
     virtual void delayPacket() = 0;
-    /// Blocks until packets are due, or until a stop request. Routes may change in the meantime.
-    /// @return how many of the oldest packets are due now; 0 if no other packet has a due time yet, and on a
-    /// stop request
-    [[nodiscard]] virtual std::int32_t waitUntilDue(const std::stop_token& /*stop*/) { return 0; }
 };
 
 }  // namespace Vel::Utils

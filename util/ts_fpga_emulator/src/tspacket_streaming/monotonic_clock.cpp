@@ -33,16 +33,4 @@ void MonotonicClock::sleepFor(nanoseconds time, const std::stop_token& stop) con
     }
 }
 
-void MonotonicClock::sleepUntil(nanoseconds deadline, const std::stop_token& stop) const {
-    // Shorter sleeps are not interruptible, which costs less CPU time.
-    constexpr std::chrono::milliseconds SHORT_SLEEP(1);
-    if (deadline < now() + SHORT_SLEEP) {
-        const timespec end = toTimespec(deadline);
-        ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr);
-        return;
-    }
-    std::unique_lock lock(m_SleepLock);
-    m_Stopped.wait_until(lock, stop, std::chrono::steady_clock::time_point(deadline), [] { return false; });
-}
-
 }  // namespace Vel::Utils

@@ -1,14 +1,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <stop_token>
 
 namespace Vel::Utils {
 
-/// CLOCK_MONOTONIC, as a class so that a test need not wait. One thread uses an object.
+/// CLOCK_MONOTONIC, as a class so that a test need not wait. Thread-safe.
 class MonotonicClock {
 public:
     virtual ~MonotonicClock() = default;
@@ -18,12 +16,6 @@ public:
     std::chrono::nanoseconds now() const { return std::chrono::nanoseconds(getMonotonicNs()); }
     /// Sleeps for the whole time, or until 100 ms after a stop request at most.
     virtual void sleepFor(std::chrono::nanoseconds time, const std::stop_token& stop) const;
-    /// Sleeps until now() is `deadline`, or until a millisecond after a stop request at most.
-    virtual void sleepUntil(std::chrono::nanoseconds deadline, const std::stop_token& stop) const;
-
-private:
-    mutable std::mutex m_SleepLock;
-    mutable std::condition_variable_any m_Stopped;
 };
 
 }  // namespace Vel::Utils

@@ -20,19 +20,31 @@ namespace Vel::Utils {
 namespace {
 
 constexpr mode_t NEW_FILE_MODE = 0666;
-/// How long a device may accept no data of a record that has been started, after a stop request.
+/// How long a device may accept no data of a record that has been started, when the program ends.
 constexpr std::chrono::seconds PATIENCE(1);
 
 }  // namespace
 
-PacketDispatcher::PacketDispatcher(const std::string& devicePath, std::stop_token stop)
+PacketDispatcher::PacketDispatcher(const std::string& devicePath, const std::stop_token& stop)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())),
-      m_DeviceName(CppUtil::escapeControls(devicePath)),
-      m_Stop(std::move(stop)) {
-    openDevice(devicePath);
+      m_DeviceName(CppUtil::escapeControls(devicePath)) {
+    openDevice(devicePath, stop);
 }
 
 PacketDispatcher::~PacketDispatcher() {
+    using Clock = std::chrono::steady_clock;
+    for (auto end = Clock::now() + PATIENCE; !m_Started.empty();) {
+        const std::size_t before = m_StartedBytes;
+        writeRest();
+        if (m_StartedBytes > before) {
+            end = Clock::now() + PATIENCE;
+        } else if (Clock::now() < end) {
+            CppUtil::FileDescriptor::pauseBeforeRetry();
+        } else {
+            logIncomplete(before, m_Started.size(), fmt::format(", no progress for {} s", PATIENCE.count()));
+            break;
+        }
+    }
     // The failed record was the last one, so no later dispatch() reported the failure.
     if (m_Device == Device::Failed && !m_IsReported) {
         Log::error(*m_Logger, "Cannot write to {}: {}", m_DeviceName, CppUtil::errnoText(m_Error));
@@ -41,11 +53,11 @@ PacketDispatcher::~PacketDispatcher() {
 }
 
 /// Non-blocking, so that neither a FIFO without a reader nor a full one keeps the program from ending.
-void PacketDispatcher::openDevice(const std::string& path) {
+void PacketDispatcher::openDevice(const std::string& path, const std::stop_token& stop) {
     constexpr int FLAGS = O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     std::error_code ignored;
     bool isAnnounced = false;
-    while (!m_Stop.stop_requested()) {
+    while (!stop.stop_requested()) {
         m_File = CppUtil::FileDescriptor(::open(path.c_str(), FLAGS, NEW_FILE_MODE));
         if (m_File.isOpen()) {
             takeDevice();
@@ -60,7 +72,7 @@ void PacketDispatcher::openDevice(const std::string& path) {
         }
         CppUtil::FileDescriptor::pauseBeforeRetry();
     }
-    m_Device = Device::GivenUp;
+    m_Device = Device::NeverOpened;
 }
 
 /// A plain file is emptied only once it is locked: what it holds may be the output of another program. It is
@@ -79,60 +91,94 @@ void PacketDispatcher::takeDevice() {
     m_Device = isReady ? Device::Open : Device::Failed;
 }
 
-bool PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet) {
-    const CppUtil::Lock lock(m_WriteLock);
+bool PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet, const std::stop_token& stop) {
+    FairTurn turn(m_WriteLock);
+    if (!turn.begin(stop)) {
+        return false;
+    }
+    Outcome outcome = tryDispatch(packet);
+    while (outcome == Outcome::DeviceFull && waitForDevice(stop)) {
+        outcome = tryDispatch(packet);
+    }
+    if (outcome == Outcome::Started) {
+        waitForDevice(stop);
+    }
+    return outcome == Outcome::Written || outcome == Outcome::Started;
+}
+
+PacketDispatcher::Outcome PacketDispatcher::tryDispatch(Ts::LowlevInTSPacket& packet) {
     const std::span<const std::uint8_t> record(packet.getWriteDataPtr(), packet.getTotalSize());
+    writeRest();
     if (m_Device == Device::Failed) {
         m_IsReported = true;
         throw CppUtil::IOError("Failed writing TS packets to file: \"" + m_DeviceName + "\"",
                                CppUtil::errnoText(m_Error));
     }
-    if (m_Device == Device::GivenUp) {
-        return false;
+    const std::size_t written = m_Started.empty() && m_Device == Device::Open ? write(record) : 0;
+    if (m_Device != Device::Open) {
+        if (written > 0) {
+            logIncomplete(written, record.size(), " [" + CppUtil::errnoText(m_Error) + "]");
+        }
+        return Outcome::Lost;
     }
-    const std::size_t written = writeRecord(record);
+    if (written == 0) {
+        return Outcome::DeviceFull;
+    }
+    m_RecordCount.increment();
     if (written == record.size()) {
-        m_RecordCount.increment();
-        return true;
+        return Outcome::Written;
     }
-    if (written > 0) {
-        Log::error(*m_Logger, "The last record on {} is incomplete: {} of {} bytes written{}", m_DeviceName,
-                   written, record.size(),
-                   m_Device == Device::Failed ? " [" + CppUtil::errnoText(m_Error) + "]"
-                                              : fmt::format(", no progress for {} s", PATIENCE.count()));
-    }
-    return false;
+    m_Started.assign(record.begin(), record.end());
+    m_StartedBytes = written;
+    return Outcome::Started;
 }
 
-/// The output is always a prefix of the routed packets. So after a stop request, a record that would have to
-/// wait ends the output, but one that has been started is completed, unless the device accepts no data for a
-/// while. Returns the bytes written; if there are too few, m_Device says why.
-std::size_t PacketDispatcher::writeRecord(std::span<const std::uint8_t> record) {
-    std::span<const std::uint8_t> rest = record;
-    std::chrono::milliseconds patience = PATIENCE;  // after a stop request
-    bool isReady = false;
-    while (!rest.empty() && m_Device == Device::Open) {
-        const ssize_t written = ::write(m_File.get(), rest.data(), rest.size());
-        if (written > 0) {
-            rest = rest.subspan(static_cast<std::size_t>(written));
-            patience = PATIENCE;
-            isReady = false;
-        } else if (written < 0 && errno == EAGAIN) {
-            if (std::exchange(isReady, true)) {
-                CppUtil::FileDescriptor::pauseBeforeRetry();
-            }
-            if (!CppUtil::waitFor(m_File.get(), POLLOUT, m_Stop)) {
-                if (rest.size() == record.size() || !CppUtil::waitFor(m_File.get(), POLLOUT, {}, patience)) {
-                    m_Device = Device::GivenUp;
-                }
-                --patience;  // the pause for a device that is ready all the time
-            }
-        } else if (written == 0 || errno != EINTR) {
-            m_Error = written == 0 ? EIO : errno;
-            m_Device = Device::Failed;
+bool PacketDispatcher::waitForDevice(const std::stop_token& stop) {
+    do {
+        if (std::exchange(m_WasWritable, true)) {
+            CppUtil::FileDescriptor::pauseBeforeRetry();
+        }
+        if (!CppUtil::waitFor(m_File.get(), POLLOUT, stop)) {
+            return false;
+        }
+        writeRest();
+    } while (!m_Started.empty());
+    return true;
+}
+
+/// Writes as much as the device takes. Returns the number of bytes; m_Device says whether it failed.
+std::size_t PacketDispatcher::write(std::span<const std::uint8_t> bytes) {
+    std::size_t written = 0;
+    while (written < bytes.size()) {
+        const ssize_t got = ::write(m_File.get(), bytes.data() + written, bytes.size() - written);
+        if (got > 0) {
+            written += static_cast<std::size_t>(got);
+            m_WasWritable = false;
+        } else if (got == 0 || errno != EINTR) {
+            m_Error = got == 0 ? EIO : errno;
+            m_Device = m_Error == EAGAIN ? m_Device : Device::Failed;
+            break;
         }
     }
-    return record.size() - rest.size();
+    return written;
+}
+
+void PacketDispatcher::writeRest() {
+    if (m_Started.empty()) {
+        return;
+    }
+    m_StartedBytes += write(std::span(m_Started).subspan(m_StartedBytes));
+    if (m_Device == Device::Failed) {
+        logIncomplete(m_StartedBytes, m_Started.size(), " [" + CppUtil::errnoText(m_Error) + "]");
+    }
+    if (m_Device == Device::Failed || m_StartedBytes == m_Started.size()) {
+        m_Started.clear();
+    }
+}
+
+void PacketDispatcher::logIncomplete(std::size_t written, std::size_t size, const std::string& reason) const {
+    Log::error(*m_Logger, "The last record on {} is incomplete: {} of {} bytes written{}", m_DeviceName,
+               written, size, reason);
 }
 
 }  // namespace Vel::Utils

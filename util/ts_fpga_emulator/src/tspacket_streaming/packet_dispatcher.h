@@ -6,7 +6,9 @@
 #include <span>
 #include <stop_token>
 #include <string>
+#include <vector>
 
+#include "tspacket_streaming/fair_lock.h"
 #include "vel/cpp_utils/counter.h"
 #include "vel/cpp_utils/log.h"
 #include "vel/cpp_utils/mutex.h"
@@ -15,46 +17,67 @@
 
 namespace Vel::Utils {
 
-/// The only writer of the pktio data device, shared by all streaming threads: dispatch() is thread-safe.
-/// Records are written back to back, each with a write of its own.
+/// The only writer of the pktio data device, shared by all streaming threads. Records are written back to
+/// back, each with a write of its own. Thread-safe.
 class PacketDispatcher {
 public:
+    enum class Outcome {
+        Written,
+        Started,     ///< written in part; the rest is kept for waitForDevice(), and written before any record
+        DeviceFull,  ///< not written; try again after waitForDevice()
+        Lost,        ///< the device failed during this record
+    };
+
     static std::string loggerName() { return Log::makeLoggerName(__FILE__, "Vel::Utils::PacketDispatcher"); }
 
     /// Opens the device for writing; a plain file is created, locked and truncated. Waits until a FIFO has a
-    /// reader, or until a stop request. The first dispatch() reports a failure to open.
-    /// @param stop also interrupts the wait for a reader that stalls: see writeRecord()
+    /// reader, or until a stop request, after which nothing can be written. The first dispatch() reports a
+    /// failure to open.
     /// @throws CppUtil::InvalidArgumentError for a plain file that another dispatcher is writing
-    explicit PacketDispatcher(const std::string& devicePath, std::stop_token stop = {});
+    explicit PacketDispatcher(const std::string& devicePath, const std::stop_token& stop = {});
+    /// Completes a record that has been started, unless the device accepts no data for a second.
     virtual ~PacketDispatcher();
     PacketDispatcher(const PacketDispatcher&) = delete;
     PacketDispatcher& operator=(const PacketDispatcher&) = delete;
 
-    /// Writes the packet's whole buffer as one record, straight from it. False if it was not written: the
-    /// device failed during this record, or output has ended with a stop request.
+    /// Writes the packet's whole buffer as one record, straight from it. Waits for its turn and for a device
+    /// that is full. False if the record was not written: the device failed during it, or it would have had
+    /// to wait after a stop request.
     /// @throws Ts::TsPacketError for a dead packet
     /// @throws CppUtil::IOError when the device could not be opened or an earlier record could not be
     /// written: the call after a failure reports it, and so does every later one
-    bool dispatch(Ts::LowlevInTSPacket& packet);
-    /// Records written so far. Thread-safe.
+    bool dispatch(Ts::LowlevInTSPacket& packet, const std::stop_token& stop = {});
+
+    /// Taken last, after a stream's filter lock. A stream may keep it for several records.
+    FairLock& getWriteLock() VEL_THREAD_SAFETY(lock_returned(m_WriteLock)) { return m_WriteLock; }
+    /// As dispatch(), for the owner of the write lock, but never waits.
+    Outcome tryDispatch(Ts::LowlevInTSPacket& packet) VEL_REQUIRES(m_WriteLock);
+    /// Waits until the device has taken the record that has been started, and more. False on a stop request.
+    bool waitForDevice(const std::stop_token& stop) VEL_REQUIRES(m_WriteLock);
+
+    /// Records written so far.
     std::uint64_t getRecordCount() const { return m_RecordCount.load(); }
 
 private:
-    enum class Device { Open, Failed, GivenUp };
+    enum class Device { Open, Failed, NeverOpened };
 
-    void openDevice(const std::string& path) VEL_REQUIRES(m_WriteLock);
+    void openDevice(const std::string& path, const std::stop_token& stop) VEL_REQUIRES(m_WriteLock);
     void takeDevice() VEL_REQUIRES(m_WriteLock);
-    std::size_t writeRecord(std::span<const std::uint8_t> record) VEL_REQUIRES(m_WriteLock);
+    std::size_t write(std::span<const std::uint8_t> bytes) VEL_REQUIRES(m_WriteLock);
+    void writeRest() VEL_REQUIRES(m_WriteLock);
+    void logIncomplete(std::size_t written, std::size_t size, const std::string& reason) const;
 
     std::shared_ptr<spdlog::logger> m_Logger;
-    CppUtil::Mutex m_WriteLock;  // taken last, after a stream's filter lock; held for one record
+    FairLock m_WriteLock;
     CppUtil::FileDescriptor m_File VEL_GUARDED_BY(m_WriteLock);
     Device m_Device VEL_GUARDED_BY(m_WriteLock) = Device::Failed;
-    int m_Error VEL_GUARDED_BY(m_WriteLock) = 0;            // errno of what failed
-    bool m_IsReported VEL_GUARDED_BY(m_WriteLock) = false;  // a stream has reported the failure
+    int m_Error VEL_GUARDED_BY(m_WriteLock) = 0;             // errno of what failed
+    bool m_IsReported VEL_GUARDED_BY(m_WriteLock) = false;   // a stream has reported the failure
+    bool m_WasWritable VEL_GUARDED_BY(m_WriteLock) = false;  // poll() has said so since the last write
+    std::vector<std::uint8_t> m_Started VEL_GUARDED_BY(m_WriteLock);  // a record; mostly none
+    std::size_t m_StartedBytes VEL_GUARDED_BY(m_WriteLock) = 0;       // of it, written
     CppUtil::Counter m_RecordCount;
     std::string m_DeviceName;  // for messages
-    std::stop_token m_Stop;
 };
 
 }  // namespace Vel::Utils

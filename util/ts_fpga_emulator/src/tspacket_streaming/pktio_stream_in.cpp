@@ -3,7 +3,9 @@
 #include <pthread.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <exception>
+#include <iterator>
 #include <span>
 #include <utility>
 
@@ -20,9 +22,17 @@ PktioStreamIn::PktioStreamIn(const std::string& fileName, std::uint32_t tsiidx,
       m_Shutdown(std::move(stop), [this] { m_Stop.request_stop(); }),
       m_InputFile(fileName, m_Stop.get_token()),
       m_RateAdapter(std::move(adapter)),
+      m_IsPaced(m_RateAdapter && m_RateAdapter->getMaxBufferedPackets() > 1),
       m_Dispatcher(dispatcher) {
     m_PidFilter.blockAll();
     Log::debug(*m_Logger, "Create PktioStreamIn");
+}
+
+PktioStreamIn::PktioStreamIn(const std::string& fileName, std::uint32_t tsiidx, Pacer& pacer,
+                             PacketDispatcher& dispatcher, std::stop_token stop)
+    : PktioStreamIn(fileName, tsiidx, nullptr, dispatcher, std::move(stop)) {
+    pacer.add();
+    m_Pacer = &pacer;
 }
 
 PktioStreamIn::~PktioStreamIn() {
@@ -32,9 +42,12 @@ PktioStreamIn::~PktioStreamIn() {
 }
 
 void PktioStreamIn::stop() {
+    m_Stop.request_stop();
     if (m_Thread.joinable()) {
-        m_Stop.request_stop();
         m_Thread.join();
+    }
+    if (Pacer* const pacer = std::exchange(m_Pacer, nullptr)) {
+        pacer->remove(m_DueInput);
     }
 }
 
@@ -62,12 +75,27 @@ void PktioStreamIn::changeRoutes(std::span<const RouteChange> changes) {
     }
 }
 
-/// An error ends this stream alone.
 void PktioStreamIn::streamThread() noexcept {
     try {
         m_Status.setState(StreamStatus::State::Playing);
         ::pthread_setname_np(::pthread_self(), fmt::format("tsiidx-{}", m_TSIIDX).c_str());
-        playFile();
+        // A relative sleep, of which each batch has one, overshoots by the timer slack: 50 us by default.
+        ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+        Log::debug(*m_Logger, "Starting stream thread. Streaming packets from file {} to TSIIDX {}",
+                   m_InputFile.getName(), m_TSIIDX);
+        m_Pacer == nullptr ? playAdapted() : playClocked();
+        Log::debug(*m_Logger, "Stopping packet stream thread for TSIIDX {} with file {}", m_TSIIDX,
+                   m_InputFile.getName());
+    } catch (...) {
+        const CppUtil::Lock lock(m_FilterLock);
+        failWithCurrentException();
+    }
+}
+
+/// An error ends this stream alone. The streaming thread and the pacer may both find one.
+void PktioStreamIn::failWithCurrentException() noexcept {
+    try {
+        throw;
     } catch (const CppUtil::IOError& e) {
         fail(e.what(), e.getReason());
     } catch (const std::exception& e) {
@@ -76,77 +104,275 @@ void PktioStreamIn::streamThread() noexcept {
 }
 
 void PktioStreamIn::fail(const char* what, const std::string& reason) noexcept {
-    Log::error(*m_Logger, "Stream of TSIIDX {} failed: {}", m_TSIIDX, m_Status.setFailed(what, reason));
+    if (const char* text = m_Status.setFailed(what, reason)) {
+        Log::error(*m_Logger, "Stream of TSIIDX {} failed: {}", m_TSIIDX, text);
+    }
+    m_DueQueue.clear();
+    m_Stop.request_stop();
 }
 
-/// The path of every packet: file, buffer, queue, rate adapter, PID filter, data device.
-void PktioStreamIn::playFile() {
-    Log::debug(*m_Logger, "Starting stream thread. Streaming packets from file {} to TSIIDX {}",
-               m_InputFile.getName(), m_TSIIDX);
-    // A relative sleep, of which each batch has one, overshoots by the timer slack: 50 us by default.
-    ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+/// The path of a packet that is not clocked: file, buffer, queue, rate adapter, PID filter, data device.
+void PktioStreamIn::playAdapted() {
+    Run run{std::unique_lock(m_FilterLock, std::defer_lock), FairTurn(m_Dispatcher.getWriteLock())};
     while (!m_Stop.stop_requested()) {
-        auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
-        Ts::writeRecordHeader(packet.getWriteDataPtr(), m_TSIIDX);
-        if (!m_InputFile.readPacket(
-                std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE))) {
-            finish();
-            continue;
+        if (!m_InputFile.isReady()) {
+            run.end();  // nobody else waits for the file
         }
-        m_Status.packetsRead.increment();
+        Ts::LowlevInTSPacket& packet = m_PacketQueue.emplace_back(takeBuffer());
+        if (!readPacket(packet)) {
+            m_PacketQueue.pop_back();
+            // The adapter has not seen a last packet, so what it still holds is dropped.
+            finish(m_PacketQueue.size());
+            return;
+        }
         const bool last = m_InputFile.isAtEnd();
-        const auto& queued = m_PacketQueue.emplace_back(std::move(packet));
-        const std::int32_t answer = m_RateAdapter->bufferPacket(queued, last);
+        const std::int32_t answer = m_RateAdapter->bufferPacket(packet, last);
         if (answer == IRateAdapter::DISCARD_OLDEST) {
             m_PacketQueue.pop_front();
             m_Status.packetsReleased.increment();
-        } else if (answer == IRateAdapter::WHEN_DUE) {
-            // Waits without holding the filter lock, so that routes can change at any time.
-            while (const std::int32_t count = m_RateAdapter->waitUntilDue(m_Stop.get_token())) {
-                release(count);
-            }
         } else if (answer > 0) {
-            release(answer);
+            release(answer, run);
         }
         if (last) {
-            finish();
+            finish(m_PacketQueue.size());
+            return;
         }
     }
-    Log::debug(*m_Logger, "Stopping packet stream thread for TSIIDX {} with file {}", m_TSIIDX,
-               m_InputFile.getName());
 }
 
-/// Ends the thread's loop. If the file ends in the middle of a packet, the adapter never sees `last`, so what
-/// it still holds is dropped.
-void PktioStreamIn::finish() {
+void PktioStreamIn::Run::end() {
+    device.end();
+    if (filter.owns_lock()) {
+        filter.unlock();
+    }
+}
+
+/// A buffer whose header is written: that of a released packet, if there is one.
+Ts::LowlevInTSPacket PktioStreamIn::takeBuffer() {
+    if (m_Buffers.empty()) {
+        auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
+        Ts::writeRecordHeader(packet.getWriteDataPtr(), m_TSIIDX);
+        return packet;
+    }
+    Ts::LowlevInTSPacket packet = std::move(m_Buffers.back());
+    m_Buffers.pop_back();
+    return packet;
+}
+
+bool PktioStreamIn::readPacket(Ts::LowlevInTSPacket& packet) {
+    const bool isRead = m_InputFile.readPacket(
+        std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE));
+    if (isRead) {
+        m_Status.packetsRead.increment();
+    }
+    return isRead;
+}
+
+/// After the last packet of the file.
+void PktioStreamIn::finish(std::size_t droppedPackets) {
     if (m_Stop.stop_requested()) {
         return;
     }
     m_Status.setState(StreamStatus::State::Finished);
-    m_Stop.request_stop();
-    if (!m_PacketQueue.empty()) {
+    if (droppedPackets > 0) {
         Log::warning(*m_Logger, "{} ends in the middle of a packet; dropping {} packets held for TSIIDX {}",
-                     m_InputFile.getName(), m_PacketQueue.size(), m_TSIIDX);
+                     m_InputFile.getName(), droppedPackets, m_TSIIDX);
+    }
+}
+
+/// A thread that takes the filter lock again and again would usually have it back before a waiting routing
+/// call wakes up. Without a waiter this costs one load.
+void PktioStreamIn::letRoutingCallGoFirst() {
+    if (m_RoutingWaits) {
+        m_RoutingWaits.wait(true);
     }
 }
 
 /// Holds the filter lock through the whole release, including its pacing: a route never changes within one.
-void PktioStreamIn::release(std::int32_t count) {
-    // At full rate, this thread takes the lock for every packet and would usually re-acquire it before a
-    // waiting routing call wakes up, so it lets that call go first. Without a waiter this costs one load.
+/// At full rate, the lock and the device are kept for the next packet.
+void PktioStreamIn::release(std::int32_t count, Run& run) {
     if (m_RoutingWaits) {
-        m_RoutingWaits.wait(true);
+        run.end();
+        letRoutingCallGoFirst();
     }
-    const CppUtil::Lock lock(m_FilterLock);
+    if (!run.filter.owns_lock()) {
+        run.filter.lock();
+    }
     for (; count > 0; --count) {
         m_RateAdapter->delayPacket();
         Ts::LowlevInTSPacket& oldest = m_PacketQueue.front();
-        if (m_PidFilter.isPidPassed(oldest.getPid()) && m_Dispatcher.dispatch(oldest)) {
+        if (m_IsPaced ? writeInRelease(oldest) : writeInRun(oldest, run)) {
             m_Status.packetsWritten.increment();
         }
+        m_Buffers.push_back(std::move(oldest));
         m_PacketQueue.pop_front();
         m_Status.packetsReleased.increment();
     }
+    if (m_IsPaced) {
+        run.end();
+    }
+}
+
+bool PktioStreamIn::writeInRelease(Ts::LowlevInTSPacket& packet) {
+    if (m_IsOutputOver || !m_PidFilter.isPidPassed(packet.getPid())) {
+        return false;
+    }
+    const bool isWritten = m_Dispatcher.dispatch(packet, m_Stop.get_token());
+    m_IsOutputOver = !isWritten && m_Stop.stop_requested();
+    return isWritten;
+}
+
+/// Waits for the device only without the filter lock, so that routes can change meanwhile; and waits for a
+/// routing call only without the device.
+bool PktioStreamIn::writeInRun(Ts::LowlevInTSPacket& packet, Run& run) {
+    using Outcome = PacketDispatcher::Outcome;
+    bool isWritten = false;
+    while (!isWritten && !m_IsOutputOver && m_PidFilter.isPidPassed(packet.getPid())) {
+        if (run.device.isTaken()) {
+            const Outcome outcome = m_Dispatcher.tryDispatch(packet);
+            isWritten = outcome == Outcome::Written || outcome == Outcome::Started;
+            if (outcome == Outcome::Written || outcome == Outcome::Lost) {
+                run.device.endIfOver();
+                break;
+            }
+        }
+        run.filter.unlock();
+        const std::stop_token stop = m_Stop.get_token();
+        m_IsOutputOver = !(run.device.isTaken() ? m_Dispatcher.waitForDevice(stop) : run.device.begin(stop));
+        if (!run.filter.try_lock()) {
+            run.device.end();
+            run.filter.lock();
+        }
+    }
+    return isWritten;
+}
+
+/// The path of a clocked packet: file, buffer, schedule, queue of the pacer. When it is due, releaseDue()
+/// takes it from there to the PID filter and the data device.
+void PktioStreamIn::playClocked() {
+    constexpr std::chrono::milliseconds READ_AHEAD(250);
+    ClockSchedule schedule(m_TSIIDX, m_InputFile.isFeed(), [this] { return m_Pacer->now(); });
+    std::size_t inPacer = 0;  // packets, at most
+    while (!m_Stop.stop_requested()) {
+        if (m_InputFile.isFeed() && !m_InputFile.isReady()) {
+            waitForFeed(schedule);
+        }
+        Ts::LowlevInTSPacket packet = takeBuffer();
+        if (!readPacket(packet)) {
+            break;
+        }
+        schedule.add(std::move(packet));
+        bool isAhead = false;
+        if (schedule.hasTimed()) {
+            inPacer = handOver(schedule.takeTimed());
+            isAhead = schedule.hasPace() && schedule.getEnd() - m_Pacer->now() >= READ_AHEAD;
+        }
+        while (!m_Stop.stop_requested() &&
+               (isAhead || inPacer + schedule.getHeldCount() >= ClockSchedule::MAX_HELD_PACKETS)) {
+            inPacer = waitForPacer(schedule.getEnd());
+            isAhead = false;
+        }
+    }
+    if (m_Stop.stop_requested()) {
+        return;
+    }
+    // What comes after the last PCR is dropped if the file ends in the middle of a packet.
+    if (!m_InputFile.hasIncompletePacket()) {
+        schedule.timeHeld();
+    }
+    handOver(schedule.takeTimed());
+    std::unique_lock lock(m_FilterLock);
+    m_PacerIsDone.wait(lock, m_Stop.get_token(), [this] { return m_DueQueue.empty(); });
+    lock.unlock();
+    finish(schedule.getHeldCount());
+}
+
+/// Waits for data of a live feed. If its PCRs have stopped, what is held is not kept waiting for the next.
+void PktioStreamIn::waitForFeed(ClockSchedule& schedule) {
+    using std::chrono::milliseconds;
+    constexpr milliseconds MAX_HOLD(1000);
+    while (schedule.getHeldCount() > 0) {
+        const auto left = schedule.getHeldSince() + MAX_HOLD - m_Pacer->now();
+        if (m_InputFile.waitForFeed(std::chrono::ceil<milliseconds>(left)) || m_Stop.stop_requested()) {
+            return;
+        }
+        schedule.timeHeld();
+        handOver(schedule.takeTimed());
+    }
+}
+
+/// Gives the pacer packets to send, and takes back the buffers of those that it has sent. Returns how many
+/// the pacer has.
+std::size_t PktioStreamIn::handOver(std::vector<ClockSchedule::TimedPacket> packets) {
+    if (packets.empty()) {
+        return 0;
+    }
+    const auto firstDue = packets.front().due;
+    std::unique_lock lock(m_FilterLock);
+    const bool isIdle = m_DueQueue.empty();
+    std::ranges::move(packets, std::back_inserter(m_DueQueue));
+    std::ranges::move(m_Released, std::back_inserter(m_Buffers));
+    m_Released.clear();
+    const std::size_t count = m_DueQueue.size();
+    lock.unlock();
+    if (isIdle) {
+        m_Pacer->schedule(m_DueInput, firstDue);
+    }
+    return count;
+}
+
+/// Waits until half of what has been read ahead is sent: so the thread rarely wakes up. Returns how many
+/// packets the pacer has.
+std::size_t PktioStreamIn::waitForPacer(std::chrono::nanoseconds readAheadEnd) {
+    const auto isDone = [this] { return m_DueQueue.empty(); };
+    const auto ahead = readAheadEnd - m_Pacer->now();
+    std::unique_lock lock(m_FilterLock);
+    if (ahead > ahead.zero()) {
+        m_PacerIsDone.wait_until(lock, m_Stop.get_token(), m_Pacer->toSteady(readAheadEnd - ahead / 2),
+                                 isDone);
+    } else {
+        m_PacerIsDone.wait(lock, m_Stop.get_token(), isDone);
+    }
+    return m_DueQueue.size();
+}
+
+/// From the pacer's queue to the PID filter and the data device.
+Pacer::Rest PktioStreamIn::releaseDue(std::chrono::nanoseconds limit) noexcept {
+    using Outcome = PacketDispatcher::Outcome;
+    constexpr int GROUP_PACKETS = 100;  // then a routing call or a removal can take effect
+    letRoutingCallGoFirst();
+    const CppUtil::Lock lock(m_FilterLock);
+    FairTurn turn(m_Dispatcher.getWriteLock());
+    static_cast<void>(turn.begin({}));  // never waits: only the pacer writes
+    Pacer::Rest rest;
+    try {
+        for (int n = 0; n < GROUP_PACKETS && !rest.isDeviceFull && !m_DueQueue.empty() &&
+                        m_DueQueue.front().due <= limit;
+             ++n) {
+            Ts::LowlevInTSPacket& packet = m_DueQueue.front().packet;
+            if (m_PidFilter.isPidPassed(packet.getPid())) {
+                const Outcome outcome = m_Dispatcher.tryDispatch(packet);
+                rest.isDeviceFull = outcome == Outcome::Started || outcome == Outcome::DeviceFull;
+                if (outcome == Outcome::DeviceFull) {
+                    break;
+                }
+                if (outcome != Outcome::Lost) {
+                    m_Status.packetsWritten.increment();
+                }
+            }
+            m_Released.push_back(std::move(packet));
+            m_DueQueue.pop_front();
+            m_Status.packetsReleased.increment();
+        }
+    } catch (...) {
+        failWithCurrentException();
+    }
+    if (m_DueQueue.empty()) {
+        m_PacerIsDone.notify_all();
+    } else {
+        rest.nextDue = m_DueQueue.front().due;
+    }
+    return rest;
 }
 
 }  // namespace Vel::Utils

@@ -1,16 +1,24 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <span>
 #include <stop_token>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "tspacket_streaming/clock_schedule.h"
+#include "tspacket_streaming/fair_lock.h"
 #include "tspacket_streaming/irate_adapter.h"
+#include "tspacket_streaming/pacer.h"
 #include "tspacket_streaming/packet_dispatcher.h"
 #include "tspacket_streaming/stream_status.h"
 #include "tspacket_streaming/ts_file.h"
@@ -25,6 +33,9 @@ namespace Vel::Utils {
 /// input's TSIIDX. Only packets whose PID is routed when they are released are written. The streaming thread
 /// starts with the first routed PID and ends with the file, with an error, which it logs, or with this
 /// object.
+///
+/// The streaming thread releases the packets itself, as its rate adapter says; those of a clocked stream are
+/// released by the pacer, and the streaming thread reads ahead.
 ///
 /// Constructed, routed and destroyed on the monitor thread (at shutdown, destroyed on the main thread).
 class PktioStreamIn {
@@ -42,18 +53,26 @@ public:
     /// @param stop requested at shutdown: interrupts every wait of this stream
     PktioStreamIn(const std::string& fileName, std::uint32_t tsiidx, std::unique_ptr<IRateAdapter>&& adapter,
                   PacketDispatcher& dispatcher, std::stop_token stop = {});
+    /// A clocked stream.
+    /// @param pacer must outlive the stream
+    PktioStreamIn(const std::string& fileName, std::uint32_t tsiidx, Pacer& pacer,
+                  PacketDispatcher& dispatcher, std::stop_token stop = {});
     /// Stops the stream; queued packets are dropped.
     virtual ~PktioStreamIn();
     PktioStreamIn(const PktioStreamIn&) = delete;
     PktioStreamIn& operator=(const PktioStreamIn&) = delete;
 
+    /// Tells the stream that changeRoutes() follows: it lets go of its filter lock, and waits for the call.
+    void announceChange() { m_RoutingWaits = true; }
     /// Applies all changes in their order, at the same packet of the stream. The first routed PID starts the
     /// thread, which plays on even when no PID is left. Waits for the release in progress, but not longer:
-    /// the streaming thread lets a waiting call go first.
+    /// the releasing thread lets a waiting call go first.
     /// @throws std::system_error if no thread can be created; all changes are applied, and a later call with
     /// a routed PID retries
     void changeRoutes(std::span<const RouteChange> changes);
-    /// Ends the thread, after the release in progress.
+    /// Asks the thread to end after the release in progress.
+    void requestStop() { m_Stop.request_stop(); }
+    /// Ends the thread, and all use of this stream by the pacer.
     void stop();
 
     /// Logs the status line of this input. On any thread, one at a time.
@@ -62,24 +81,51 @@ public:
     std::uint32_t getRouteCount() const { return m_Status.routeCount; }
 
 private:
+    /// What a stream at full rate keeps from packet to packet, as long as nobody waits for it.
+    struct Run {
+        std::unique_lock<CppUtil::Mutex> filter;
+        FairTurn device;
+        void end();
+    };
+
     void streamThread() noexcept;
     void fail(const char* what, const std::string& reason) noexcept;
-    void playFile();
-    void finish();
-    void release(std::int32_t count);
+    void failWithCurrentException() noexcept;
+    void playAdapted();
+    void playClocked();
+    Ts::LowlevInTSPacket takeBuffer();
+    bool readPacket(Ts::LowlevInTSPacket& packet);
+    void finish(std::size_t droppedPackets);
+    void letRoutingCallGoFirst();
+    void release(std::int32_t count, Run& run);
+    bool writeInRelease(Ts::LowlevInTSPacket& packet);
+    bool writeInRun(Ts::LowlevInTSPacket& packet, Run& run);
+    void waitForFeed(ClockSchedule& schedule);
+    std::size_t handOver(std::vector<ClockSchedule::TimedPacket> packets);
+    std::size_t waitForPacer(std::chrono::nanoseconds readAheadEnd);
+    Pacer::Rest releaseDue(std::chrono::nanoseconds limit) noexcept;
 
     std::shared_ptr<spdlog::logger> m_Logger;
     std::uint32_t m_TSIIDX;
     std::stop_source m_Stop;
     std::stop_callback<std::function<void()>> m_Shutdown;  // requests m_Stop
     TsFile m_InputFile;                                    // the streaming thread's, except for its size
-    CppUtil::Mutex m_FilterLock;                  // taken before the dispatcher's write lock, never after it
-    std::atomic<bool> m_RoutingWaits = false;     // changeRoutes() waits for m_FilterLock
-    std::unique_ptr<IRateAdapter> m_RateAdapter;  // the streaming thread's
+    CppUtil::Mutex m_FilterLock;                           // taken before the dispatcher's write lock
+    std::atomic<bool> m_RoutingWaits = false;              // for m_FilterLock
+    std::unique_ptr<IRateAdapter> m_RateAdapter;  // the streaming thread's; null if the stream is clocked
+    bool m_IsPaced;                               // the adapter holds packets back: not at full rate
+    Pacer* m_Pacer = nullptr;                     // set if the stream is clocked
     PacketDispatcher& m_Dispatcher;
     Ts::Misc::PidFilter m_PidFilter VEL_GUARDED_BY(m_FilterLock);
     std::deque<Ts::LowlevInTSPacket>
-        m_PacketQueue;  // the streaming thread's: what the adapter holds, in order
+        m_PacketQueue;                            // the streaming thread's: what the adapter holds, in order
+    std::vector<Ts::LowlevInTSPacket> m_Buffers;  // the streaming thread's: of released packets, for the next
+    bool m_IsOutputOver = false;  // the streaming thread's: a record was dropped after a stop request
+    // Of a clocked stream: what the pacer has still to send, and what it has sent.
+    std::deque<ClockSchedule::TimedPacket> m_DueQueue VEL_GUARDED_BY(m_FilterLock);
+    std::vector<Ts::LowlevInTSPacket> m_Released VEL_GUARDED_BY(m_FilterLock);
+    Pacer::Input m_DueInput{[this](auto limit) { return releaseDue(limit); }};
+    std::condition_variable_any m_PacerIsDone;  // m_DueQueue is empty
     StreamStatus m_Status;
     std::jthread m_Thread;  // uses all of the above; started and joined on the owner's thread
 };

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "tspacket_streaming/max_rate_adapter.h"
-#include "tspacket_streaming/pcr_clock_adapter.h"
 #include "tspacket_streaming/pcr_rate_adapter.h"
 
 namespace Vel::Utils {
@@ -15,14 +14,19 @@ PktioStreamManager::PktioStreamManager(PacketDispatcher& dispatcher, StreamMode 
       m_Dispatcher(dispatcher),
       m_Files(files),
       m_Mode(mode),
-      m_Pacing(pacing),
       m_Stop(std::move(stop)) {
+    if (mode == StreamMode::PcrRate && pacing == PcrPacing::Clock) {
+        m_Pacer.emplace(dispatcher).start();
+    }
     Log::debug(*m_Logger, "Create PktioStreamManager");
 }
 
 PktioStreamManager::~PktioStreamManager() {
     Log::debug(*m_Logger, "Destroy PktioStreamManager");
     m_PendingRoutes.clear();
+    for (auto& [tsiidx, input] : m_ToCpuPktioStreams) {
+        input.stream->requestStop();
+    }
     for (auto& [tsiidx, input] : m_ToCpuPktioStreams) {
         input.stream->stop();
     }
@@ -66,6 +70,12 @@ void PktioStreamManager::handleEvent(std::unique_ptr<FPGAMonEvent> event) {
 }
 
 void PktioStreamManager::handleChangeEnd() {
+    m_Removed.clear();  // all of them have been asked to stop
+    for (auto& [tsiidx, input] : m_ToCpuPktioStreams) {
+        if (!input.routes.empty()) {
+            input.stream->announceChange();
+        }
+    }
     for (auto& [tsiidx, input] : m_ToCpuPktioStreams) {
         if (input.routes.empty()) {
             continue;
@@ -92,8 +102,7 @@ void PktioStreamManager::handleInputTsAdd(const FPGAMonEvent_InputTSAdded& event
                      tsiidx, playing->second.uri);
         return;
     }
-    auto stream =
-        std::make_unique<PktioStreamIn>(file->second, tsiidx, makeRateAdapter(tsiidx), m_Dispatcher, m_Stop);
+    auto stream = makeStream(file->second, tsiidx);
     {
         const std::lock_guard lock(m_StreamsLock);
         m_ToCpuPktioStreams.emplace(tsiidx, InputStream{event.getUri(), std::move(stream), {}});
@@ -101,21 +110,26 @@ void PktioStreamManager::handleInputTsAdd(const FPGAMonEvent_InputTSAdded& event
     replayPendingRoutes(tsiidx);
 }
 
-std::unique_ptr<IRateAdapter> PktioStreamManager::makeRateAdapter(std::uint32_t tsiidx) const {
-    if (m_Mode != StreamMode::PcrRate) {
-        return std::make_unique<MaxRateAdapter>();
+std::unique_ptr<PktioStreamIn> PktioStreamManager::makeStream(const std::string& file, std::uint32_t tsiidx) {
+    if (m_Pacer) {
+        return std::make_unique<PktioStreamIn>(file, tsiidx, *m_Pacer, m_Dispatcher, m_Stop);
     }
-    if (m_Pacing == PcrPacing::Clock) {
-        return std::make_unique<PCRClockAdapter>(tsiidx);
+    std::unique_ptr<IRateAdapter> adapter;
+    if (m_Mode == StreamMode::PcrRate) {
+        adapter = std::make_unique<PCRRateAdapter>(m_Stop);
+    } else {
+        adapter = std::make_unique<MaxRateAdapter>();
     }
-    return std::make_unique<PCRRateAdapter>(m_Stop);
+    return std::make_unique<PktioStreamIn>(file, tsiidx, std::move(adapter), m_Dispatcher, m_Stop);
 }
 
 void PktioStreamManager::handleInputTsRemove(const FPGAMonEvent_InputTSRemoved& event) {
     Log::info(*m_Logger, "Detected removed input TS: {} @ TSIIDX {}", event.getUri(), event.getTSIIDX());
-    std::unique_lock lock(m_StreamsLock);
-    const auto ended = m_ToCpuPktioStreams.extract(event.getTSIIDX());
-    lock.unlock();  // destroying the stream may take a while
+    const std::lock_guard lock(m_StreamsLock);
+    if (auto removed = m_ToCpuPktioStreams.extract(event.getTSIIDX())) {
+        removed.mapped().stream->requestStop();
+        m_Removed.push_back(std::move(removed.mapped().stream));
+    }
 }
 
 void PktioStreamManager::handleCpuRouteAdd(const FPGAMonEvent_CPUPIDAdded& event) {

@@ -5,12 +5,14 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <vector>
 
 #include "fpga_monitoring/fpga_mon_event.h"
 #include "fpga_monitoring/ifpga_event_consumer.h"
+#include "tspacket_streaming/pacer.h"
 #include "tspacket_streaming/packet_dispatcher.h"
 #include "tspacket_streaming/pktio_stream_in.h"
 #include "tspacket_streaming/stream_mode.h"
@@ -41,7 +43,8 @@ public:
     void handleEvent(std::unique_ptr<FPGAMonEvent> event) override;
     /// Gives each stream its routes of the change in one call, because the hardware sees them change
     /// together. So a stream that starts plays all of them from its first packet, and a row that is only
-    /// rewritten (a removal and an addition) loses no packet.
+    /// rewritten (a removal and an addition) loses no packet. Before that, waits for the end of the streams
+    /// that the change has removed.
     void handleChangeEnd() override;
 
     /// Logs one line of key=value pairs for each input and one for the program; zeptfem(8) explains them. On
@@ -63,19 +66,20 @@ private:
     void handleInputTsRemove(const FPGAMonEvent_InputTSRemoved& event);
     void handleCpuRouteAdd(const FPGAMonEvent_CPUPIDAdded& event);
     void handleCpuRouteRemove(const FPGAMonEvent_CPUPIDRemoved& event);
-    std::unique_ptr<IRateAdapter> makeRateAdapter(std::uint32_t tsiidx) const;
+    std::unique_ptr<PktioStreamIn> makeStream(const std::string& file, std::uint32_t tsiidx);
     void noteRoute(std::uint32_t tsiidx, PktioStreamIn::RouteChange change);
     void replayPendingRoutes(std::uint32_t tsiidx);
 
     std::shared_ptr<spdlog::logger> m_Logger;
     PacketDispatcher& m_Dispatcher;
     UriFileList m_Files;
+    std::optional<Pacer> m_Pacer;  // with -c
     /// Held while a stream is added or removed, and while logStatus() reads the set on another thread.
     std::mutex m_StreamsLock;
     std::map<std::uint32_t, InputStream> m_ToCpuPktioStreams;  // by TSIIDX
+    std::vector<std::unique_ptr<PktioStreamIn>> m_Removed;     // by the change in progress, and ending
     std::vector<PendingRoute> m_PendingRoutes;                 // of inputs without a stream, in order
     StreamMode m_Mode;
-    PcrPacing m_Pacing;
     std::stop_token m_Stop;
     std::chrono::steady_clock::time_point m_Start = std::chrono::steady_clock::now();
 };

@@ -10,6 +10,9 @@
 namespace Vel::Utils {
 
 const char* StreamStatus::setFailed(const char* what, const std::string& reason) noexcept {
+    if (m_State == State::Failed) {
+        return nullptr;
+    }
     try {
         m_Failure = reason.empty() ? what : fmt::format("{} [{}]", what, reason);
     } catch (const std::bad_alloc&) {

@@ -19,7 +19,7 @@ public:
 
     void setState(State state) { m_State = state; }
     /// Keeps the text and the system's reason for the status line, and returns both; without memory for them,
-    /// `what` alone.
+    /// `what` alone. Null if the stream has failed before.
     const char* setFailed(const char* what, const std::string& reason) noexcept;
     /// Logs one line of key=value pairs, which zeptfem(8) explains.
     void log(spdlog::logger& logger, std::uint32_t tsiidx, const std::string& uri, const TsFile& file);

@@ -51,6 +51,15 @@ bool TsFile::isAtEnd() {
     return m_Position == m_Filled && m_EndOfFile;
 }
 
+bool TsFile::waitForFeed(std::chrono::milliseconds limit) const {
+    return CppUtil::waitFor(m_File.get(), POLLIN, m_Stop, limit);
+}
+
+bool TsFile::isFeed() const {
+    struct stat status {};
+    return ::fstat(m_File.get(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
 std::uint64_t TsFile::getSize() const {
     struct stat status {};
     return ::fstat(m_File.get(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;

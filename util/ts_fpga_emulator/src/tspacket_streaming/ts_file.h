@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -28,6 +29,17 @@ public:
     /// Whether nothing at all follows. False on a stop request, and if reading fails: the next readPacket()
     /// reports that, once the packets before it have been used.
     [[nodiscard]] bool isAtEnd();
+
+    /// Whether the next packet can be read, and isAtEnd() be answered after it, without waiting for the file.
+    [[nodiscard]] bool isReady() const {
+        return m_Filled - m_Position > Ts::TS_PACKET_SIZE || m_EndOfFile || m_Error != 0;
+    }
+    /// Whether bytes have been read that do not make a whole packet yet.
+    bool hasIncompletePacket() const { return m_Position != m_Filled; }
+    /// Waits until a live feed has data or has ended. False after the limit, and on a stop request.
+    [[nodiscard]] bool waitForFeed(std::chrono::milliseconds limit) const;
+    /// Whether it is not a plain file, and so can be late.
+    bool isFeed() const;
 
     /// The path, for messages.
     const std::string& getName() const { return m_Name; }

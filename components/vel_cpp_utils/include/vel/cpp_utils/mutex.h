@@ -18,6 +18,7 @@ namespace Vel::CppUtil {
 class VEL_THREAD_SAFETY(capability("mutex")) Mutex {
 public:
     void lock() VEL_THREAD_SAFETY(acquire_capability()) { m_Mutex.lock(); }
+    bool try_lock() VEL_THREAD_SAFETY(try_acquire_capability(true)) { return m_Mutex.try_lock(); }
     void unlock() VEL_THREAD_SAFETY(release_capability()) { m_Mutex.unlock(); }
 
 private:

@@ -1,0 +1,161 @@
+#include "tspacket_streaming/pacer.h"
+
+#include <deque>
+#include <latch>
+#include <vector>
+
+#include "support.h"
+#include "tspacket_streaming/fair_lock.h"
+
+namespace Vel::Utils {
+namespace {
+
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+constexpr nanoseconds START = std::chrono::seconds(5);
+
+/// Packets of several inputs, released on a clock that passes only in sleeps and, on request, in releases.
+struct Play {
+    explicit Play(std::vector<std::deque<nanoseconds>> inputs) : due(std::move(inputs)) {
+        for (std::size_t i = 0; i < due.size(); ++i) {
+            pacer.add();
+            handles.push_back({[this, i](nanoseconds limit) { return release(i, limit); }});
+        }
+        for (std::size_t i = 0; i < due.size(); ++i) {
+            pacer.schedule(handles[i], START + due[i].front());
+        }
+    }
+
+    Pacer::Rest release(std::size_t i, nanoseconds limit) {
+        for (; !due[i].empty() && START + due[i].front() <= limit; due[i].pop_front()) {
+            if (onRelease(i)) {
+                return {START + due[i].front(), true};
+            }
+            sent.emplace_back(i, now() - due[i].front());
+        }
+        return {due[i].empty() ? std::nullopt : std::optional(START + due[i].front()), false};
+    }
+
+    void run() {
+        for (auto rest = pacer.releaseDue(); rest.nextDue; rest = pacer.releaseDue()) {
+            ++wakeUps;
+            nowNs = std::max(
+                nowNs, static_cast<std::uint64_t>(pacer.toSteady(*rest.nextDue).time_since_epoch().count()));
+        }
+    }
+
+    nanoseconds now() const { return nanoseconds(nowNs) - START; }
+
+    std::uint64_t nowNs = START.count();
+    std::vector<std::deque<nanoseconds>> due;                                   // since START
+    std::function<bool(std::size_t i)> onRelease = [](auto) { return false; };  // whether the device is full
+    std::vector<std::pair<std::size_t, nanoseconds>> sent;                      // input and lateness
+    int wakeUps = 0;
+    PacketDispatcher dispatcher{"/dev/null"};
+    std::deque<Pacer::Input> handles;
+    Pacer pacer{dispatcher, std::make_unique<FakeClock>(nowNs)};
+};
+
+std::deque<nanoseconds> every(microseconds interval, int count, microseconds first = {}) {
+    std::deque<nanoseconds> times;
+    for (int i = 0; i < count; ++i) {
+        times.push_back(first + i * interval);
+    }
+    return times;
+}
+
+TEST(Pacer, WakesUpForGroupsOfAllInputsTogether) {
+    std::vector<std::deque<nanoseconds>> inputs;
+    for (int i = 0; i < 64; ++i) {
+        inputs.push_back(every(microseconds(1500), 1000, microseconds(i * 23)));
+    }
+    Play play(std::move(inputs));
+    play.run();
+    EXPECT_EQ(play.sent.size(), 64'000U);
+    for (const auto& [input, lateness] : play.sent) {
+        ASSERT_LE(lateness, nanoseconds(0));
+        ASSERT_GE(lateness, -Pacer::GROUP_TIME);
+    }
+    EXPECT_LE(play.wakeUps, 6001) << "4000 per second";
+}
+
+TEST(Pacer, LatePacketsAreSentAtOnceAndALatePacerShiftsAllInputs) {
+    for (const int stallMs : {900, 1100, 60'000}) {
+        SCOPED_TRACE(stallMs);
+        Play play({every(milliseconds(1), 3000), every(milliseconds(10), 300)});
+        play.onRelease = [&](auto) {
+            play.nowNs += play.sent.size() == 1100 ? static_cast<std::uint64_t>(stallMs) * 1'000'000 : 0;
+            return false;
+        };
+        play.run();
+        ASSERT_EQ(play.sent.size(), 3300U);
+        const nanoseconds shift = play.sent.back().second;
+        if (stallMs < 1000) {
+            EXPECT_LE(shift, nanoseconds(0)) << "the schedule stays";
+        } else {
+            EXPECT_NEAR(static_cast<double>(shift.count()) / 1e6, stallMs, 11);
+        }
+        EXPECT_EQ(std::ranges::count_if(play.sent, [&](const auto& packet) { return packet.second > shift; }),
+                  stallMs < 1000 ? 990 : 2)
+            << "only what was due during a short stall is late";
+    }
+}
+
+TEST(Pacer, AFullDeviceEndsATurnAndNothingIsLost) {
+    Play play({every(milliseconds(1), 100), every(milliseconds(1), 100)});
+    int calls = 0;
+    play.onRelease = [&](auto) { return ++calls % 3 == 0; };
+    play.run();
+    EXPECT_EQ(play.sent.size(), 200U);
+}
+
+TEST(Pacer, AnInputIsRemovedAfterItsReleaseInProgress) {
+    Play play({every(milliseconds(1), 100), every(milliseconds(1), 100)});
+    std::latch isReleasing(1);
+    std::atomic<bool> isReleased = false;
+    play.onRelease = [&](std::size_t i) {
+        if (i == 0 && !isReleased) {
+            isReleasing.count_down();
+            std::this_thread::sleep_for(milliseconds(50));
+            isReleased = true;
+        }
+        return false;
+    };
+    std::jthread pacing([&] { play.run(); });
+    isReleasing.wait();
+    play.pacer.remove(play.handles[0]);
+    EXPECT_TRUE(isReleased);
+    pacing.join();
+    EXPECT_EQ(play.sent.size(), 101U) << "it gets no further turn";
+}
+
+TEST(FairLock, GoesToTheLongestWaiterAndAStoppedOneLeavesTheQueue) {
+    FairLock lock;
+    ASSERT_TRUE(lock.lock({}));
+    std::vector<int> order;
+    std::vector<std::jthread> waiters;
+    std::atomic<int> left = 0;
+    for (int i = 0; i < 5; ++i) {
+        waiters.emplace_back([&, i](const std::stop_token& stop) {
+            if (!lock.lock(stop)) {
+                ++left;
+                return;
+            }
+            order.push_back(i);
+            lock.unlock();
+        });
+        // Until it waits: then its turn comes before that of the next one.
+        ASSERT_TRUE(TestSupport::eventually(
+            [&] { return lock.getWaiterCount() == static_cast<std::size_t>(i) + 1; }));
+    }
+    waiters[2].request_stop();
+    EXPECT_TRUE(TestSupport::eventually([&] { return left == 1; }));
+    lock.unlock();
+    waiters.clear();
+    EXPECT_EQ(order, (std::vector{0, 1, 3, 4}));
+}
+
+}  // namespace
+}  // namespace Vel::Utils
