@@ -118,23 +118,25 @@ void PktioStreamIn::playAdapted() {
         if (!m_InputFile.isReady()) {
             run.end();  // nobody else waits for the file
         }
-        Ts::LowlevInTSPacket& packet = m_PacketQueue.emplace_back(takeBuffer());
+        if (m_HeldCount == m_PacketQueue.size()) {
+            m_PacketQueue.push_back(createPacket());
+        }
+        Ts::LowlevInTSPacket& packet = m_PacketQueue[m_HeldCount];
         if (!readPacket(packet)) {
-            m_PacketQueue.pop_back();
             // The adapter has not seen a last packet, so what it still holds is dropped.
-            finish(m_PacketQueue.size());
+            finish(m_HeldCount);
             return;
         }
+        ++m_HeldCount;
         const bool last = m_InputFile.isAtEnd();
         const std::int32_t answer = m_RateAdapter->bufferPacket(packet, last);
         if (answer == IRateAdapter::DISCARD_OLDEST) {
-            m_PacketQueue.pop_front();
-            m_Status.packetsReleased.increment();
+            removeOldest();
         } else if (answer > 0) {
             release(answer, run);
         }
         if (last) {
-            finish(m_PacketQueue.size());
+            finish(m_HeldCount);
             return;
         }
     }
@@ -147,15 +149,10 @@ void PktioStreamIn::Run::end() {
     }
 }
 
-/// A buffer whose header is written: that of a released packet, if there is one.
-Ts::LowlevInTSPacket PktioStreamIn::takeBuffer() {
-    if (m_Buffers.empty()) {
-        auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
-        Ts::writeRecordHeader(packet.getWriteDataPtr(), m_TSIIDX);
-        return packet;
-    }
-    Ts::LowlevInTSPacket packet = std::move(m_Buffers.back());
-    m_Buffers.pop_back();
+/// Its header is written once: it stays that of this stream when the buffer is used again.
+Ts::LowlevInTSPacket PktioStreamIn::createPacket() const {
+    auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
+    Ts::writeRecordHeader(packet.getWriteDataPtr(), m_TSIIDX);
     return packet;
 }
 
@@ -204,13 +201,20 @@ void PktioStreamIn::release(std::int32_t count, Run& run) {
         if (m_IsPaced ? writeInRelease(oldest) : writeInRun(oldest, run)) {
             m_Status.packetsWritten.increment();
         }
-        m_Buffers.push_back(std::move(oldest));
-        m_PacketQueue.pop_front();
-        m_Status.packetsReleased.increment();
+        removeOldest();
     }
     if (m_IsPaced) {
         run.end();
     }
+}
+
+/// Its buffer becomes the last one that is free. The only packet stays where the next one is read.
+void PktioStreamIn::removeOldest() {
+    if (--m_HeldCount > 0) {
+        m_PacketQueue.push_back(std::move(m_PacketQueue.front()));
+        m_PacketQueue.pop_front();
+    }
+    m_Status.packetsReleased.increment();
 }
 
 bool PktioStreamIn::writeInRelease(Ts::LowlevInTSPacket& packet) {
@@ -257,11 +261,14 @@ void PktioStreamIn::playClocked() {
         if (m_InputFile.isFeed() && !m_InputFile.isReady()) {
             waitForFeed(schedule);
         }
-        Ts::LowlevInTSPacket packet = takeBuffer();
-        if (!readPacket(packet)) {
+        if (m_Buffers.empty()) {
+            m_Buffers.push_back(createPacket());
+        }
+        if (!readPacket(m_Buffers.back())) {
             break;
         }
-        schedule.add(std::move(packet));
+        schedule.add(std::move(m_Buffers.back()));
+        m_Buffers.pop_back();
         bool isAhead = false;
         if (schedule.hasTimed()) {
             inPacer = handOver(schedule.takeTimed());

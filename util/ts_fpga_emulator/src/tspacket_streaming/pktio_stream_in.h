@@ -93,11 +93,12 @@ private:
     void failWithCurrentException() noexcept;
     void playAdapted();
     void playClocked();
-    Ts::LowlevInTSPacket takeBuffer();
+    Ts::LowlevInTSPacket createPacket() const;
     bool readPacket(Ts::LowlevInTSPacket& packet);
     void finish(std::size_t droppedPackets);
     void letRoutingCallGoFirst();
     void release(std::int32_t count, Run& run);
+    void removeOldest();
     bool writeInRelease(Ts::LowlevInTSPacket& packet);
     bool writeInRun(Ts::LowlevInTSPacket& packet, Run& run);
     void waitForFeed(ClockSchedule& schedule);
@@ -117,11 +118,13 @@ private:
     Pacer* m_Pacer = nullptr;                     // set if the stream is clocked
     PacketDispatcher& m_Dispatcher;
     Ts::Misc::PidFilter m_PidFilter VEL_GUARDED_BY(m_FilterLock);
-    std::deque<Ts::LowlevInTSPacket>
-        m_PacketQueue;                            // the streaming thread's: what the adapter holds, in order
-    std::vector<Ts::LowlevInTSPacket> m_Buffers;  // the streaming thread's: of released packets, for the next
+    // The streaming thread's: first the packets that the adapter holds, in order, then free buffers.
+    std::deque<Ts::LowlevInTSPacket> m_PacketQueue;
+    std::size_t m_HeldCount = 0;
     bool m_IsOutputOver = false;  // the streaming thread's: a record was dropped after a stop request
-    // Of a clocked stream: what the pacer has still to send, and what it has sent.
+    // Of a clocked stream: free buffers (the streaming thread's), what the pacer has to send, and what it has
+    // sent.
+    std::vector<Ts::LowlevInTSPacket> m_Buffers;
     std::deque<ClockSchedule::TimedPacket> m_DueQueue VEL_GUARDED_BY(m_FilterLock);
     std::vector<Ts::LowlevInTSPacket> m_Released VEL_GUARDED_BY(m_FilterLock);
     Pacer::Input m_DueInput{[this](auto limit) { return releaseDue(limit); }};
