@@ -241,6 +241,12 @@ TEST(ClockSchedule, AFeedThatIsLateKeepsItsSpacingAndAFileIsNeverLate) {
               "[info] TSIIDX 3: the feed is 1 ms late; its packets are now sent 101 ms later\n"
               "[info] TSIIDX 3: the feed is 29900 ms late; its packets are now sent 30000 ms later (2 times "
               "since the last report)\n");
+    Play jumping(true);
+    for (; jumping.packets < 50; jumping.now += MS) {
+        const std::uint32_t i = jumping.packets;
+        jumping.add({.pcr = i % 10 == 5 ? std::optional((1000 - i) * PCR_MS) : std::nullopt});
+    }
+    EXPECT_EQ(jumping.schedule.getHeldSince().count(), START + 5 * MS) << "no later PCR continues the clock";
     Play file;
     feed(file, 491, 0);
     feed(file, 10, 30'000);

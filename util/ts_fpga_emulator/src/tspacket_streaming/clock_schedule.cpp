@@ -53,7 +53,9 @@ void ClockSchedule::take(const Ts::PcrClock::Reading& reading, std::size_t count
     if (reading.kind == Kind::Nothing) {
         return;
     }
-    if (m_IsFeed) {
+    // Before the choice, a PCR that does not continue the clock of its PID is not a reason to wait longer.
+    const bool isJump = reading.kind == Kind::Candidate && reading.packets > 0;
+    if (m_IsFeed && !isJump) {
         m_HeldSince = m_Now();
     }
     const bool isGap = reading.time > Ts::PcrClock::MAX_STEP && reading.time < Ts::PCR_WRAP / 2;

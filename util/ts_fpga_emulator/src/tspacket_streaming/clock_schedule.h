@@ -60,8 +60,8 @@ public:
 
     /// Number of packets that wait for a PCR.
     std::size_t getHeldCount() const { return m_Held.size(); }
-    /// Of a feed that has held packets: when the oldest of them arrived, or when the latest PCR did that
-    /// counts or may be chosen to, whichever is later.
+    /// Of a feed that has held packets: when the oldest of them arrived, or the latest PCR that counts,
+    /// whichever is later. Until the PCR PID is chosen, the first PCR of each PID counts.
     std::chrono::nanoseconds getHeldSince() const { return m_HeldSince; }
     /// Due time of the latest packet that has one. The read-ahead ends there.
     std::chrono::nanoseconds getEnd() const { return std::chrono::floor<std::chrono::nanoseconds>(m_End); }
