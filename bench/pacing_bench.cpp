@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -95,10 +96,30 @@ std::unique_ptr<Player> startInputs(const RateFile& file, std::int64_t inputs, c
     return player;
 }
 
-/// The minimal code that keeps the times of all inputs, which are due at evenly spread times: a sleep until
-/// the absolute time of each due group, and one write per record.
+/// A file that is read in blocks, as the program does.
+struct BareInput {
+    explicit BareInput(const std::string& path) : file(::open(path.c_str(), O_RDONLY)) {}
+    const std::uint8_t* next() {
+        if (position == block.size()) {
+            benchmark::DoNotOptimize(::read(file.get(), block.data(), block.size()));
+            position = 0;
+        }
+        return block.data() + std::exchange(position, position + Ts::TS_PACKET_SIZE);
+    }
+
+    CppUtil::FileDescriptor file;
+    std::vector<std::uint8_t> block = std::vector<std::uint8_t>(std::size_t{348} * Ts::TS_PACKET_SIZE);
+    std::size_t position = block.size();
+};
+
+/// The minimal code that does the same job: reads all inputs, whose packets are due at evenly spread times,
+/// sleeps until the absolute time of each due group, and writes each record.
 void playBare(const RateFile& file, std::int64_t inputs, const std::string& device) {
     const CppUtil::FileDescriptor out(::open(device.c_str(), O_WRONLY));
+    std::deque<BareInput> sources;
+    for (std::int64_t n = 0; n < inputs; ++n) {
+        sources.emplace_back(file.path);
+    }
     ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     const double begin = secondsOf(CLOCK_MONOTONIC);
     const auto dueTime = [&](std::size_t i) {
@@ -111,7 +132,9 @@ void playBare(const RateFile& file, std::int64_t inputs, const std::string& devi
         const timespec deadline{static_cast<time_t>(due), static_cast<long>(std::fmod(due, 1) * 1e9)};
         ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr);
         for (; i < all && dueTime(i) <= due + DUE_GROUP; ++i) {
-            Ts::writeRecordHeader(record, static_cast<std::uint32_t>(i % static_cast<std::size_t>(inputs)));
+            const std::size_t tsiidx = i % sources.size();
+            Ts::writeRecordHeader(record, static_cast<std::uint32_t>(tsiidx));
+            std::copy_n(sources[tsiidx].next(), Ts::TS_PACKET_SIZE, record + Ts::RECORD_HEADER_SIZE);
             benchmark::DoNotOptimize(::write(out.get(), record, sizeof record));
         }
     }

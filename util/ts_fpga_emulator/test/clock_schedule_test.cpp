@@ -45,7 +45,7 @@ struct Play {
     }
     void take() {
         ASSERT_EQ(schedule.hasTimed(), schedule.getHeldCount() + due.size() < packets);
-        for (const auto& [packet, time] : schedule.takeTimed()) {
+        for (const auto& [packet, time, pid] : schedule.takeTimed()) {
             ASSERT_EQ(Ts::readRecordHeader(packet.getDataPtr() + 184), due.size()) << "order";
             due.push_back(time.count() - START);
         }

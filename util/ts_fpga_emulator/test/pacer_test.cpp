@@ -29,7 +29,8 @@ struct Play {
     }
 
     Pacer::Rest release(std::size_t i, nanoseconds limit) {
-        for (; !due[i].empty() && START + due[i].front() <= limit; due[i].pop_front()) {
+        for (int n = 0; n < most && !due[i].empty() && START + due[i].front() <= limit;
+             ++n, due[i].pop_front()) {
             if (onRelease(i)) {
                 return {START + due[i].front(), true};
             }
@@ -52,6 +53,7 @@ struct Play {
     std::vector<std::deque<nanoseconds>> due;                                   // since START
     std::function<bool(std::size_t i)> onRelease = [](auto) { return false; };  // whether the device is full
     std::vector<std::pair<std::size_t, nanoseconds>> sent;                      // input and lateness
+    int most = 1'000'000;                                                       // packets of one release
     int wakeUps = 0;
     PacketDispatcher dispatcher{"/dev/null"};
     std::deque<Pacer::Input> handles;
@@ -103,6 +105,40 @@ TEST(Pacer, LatePacketsAreSentAtOnceAndALatePacerShiftsAllInputs) {
     }
 }
 
+TEST(Pacer, ShiftsBeforeAStreamSeesTheLateTime) {
+    Play play({{milliseconds(10)}});
+    play.nowNs += 3'000'000'000;
+    EXPECT_EQ(play.pacer.now(), START + milliseconds(10)) << "else a feed would take itself for late";
+    play.nowNs += 500'000'000;
+    EXPECT_EQ(play.pacer.now(), START + milliseconds(510));
+    EXPECT_EQ(play.pacer.progress(), START + milliseconds(10));
+}
+
+TEST(Pacer, ADeviceThatIsTooSlowButNeverStallsShiftsTheSchedule) {
+    Play play({every(milliseconds(1), 5000), every(milliseconds(1), 5000)});
+    int calls = 0;
+    play.onRelease = [&](auto) {
+        play.nowNs += 1'000'000;  // twice as long as the streams allow
+        return ++calls % 3 == 0;
+    };
+    play.run();
+    EXPECT_EQ(play.sent.size(), 10'000U);
+    EXPECT_GT(play.pacer.toSteady({}).time_since_epoch(), std::chrono::seconds(4));
+}
+
+TEST(Pacer, ABacklogDoesNotDelayOtherInputs) {
+    Play play({std::deque<nanoseconds>(20'000), every(milliseconds(1), 10)});
+    play.most = 100;
+    play.onRelease = [&](auto) {
+        play.nowNs += 1000;
+        return false;
+    };
+    play.run();
+    for (const auto& [input, lateness] : play.sent) {
+        EXPECT_TRUE(input == 0 || lateness <= microseconds(150)) << lateness.count();
+    }
+}
+
 TEST(Pacer, AFullDeviceEndsATurnAndNothingIsLost) {
     Play play({every(milliseconds(1), 100), every(milliseconds(1), 100)});
     int calls = 0;
@@ -144,7 +180,7 @@ TEST(FairLock, GoesToTheLongestWaiterAndAStoppedOneLeavesTheQueue) {
                 return;
             }
             order.push_back(i);
-            lock.unlock();
+            lock.handOver();
         });
         // Until it waits: then its turn comes before that of the next one.
         ASSERT_TRUE(TestSupport::eventually(
@@ -152,9 +188,29 @@ TEST(FairLock, GoesToTheLongestWaiterAndAStoppedOneLeavesTheQueue) {
     }
     waiters[2].request_stop();
     EXPECT_TRUE(TestSupport::eventually([&] { return left == 1; }));
-    lock.unlock();
+    lock.handOver();
     waiters.clear();
     EXPECT_EQ(order, (std::vector{0, 1, 3, 4}));
+}
+
+TEST(FairLock, ExcludesOthersHoweverItIsReleased) {
+    FairLock lock;
+    int owners = 0;
+    int uses = 0;
+    std::vector<std::jthread> users;
+    for (int i = 0; i < 4; ++i) {
+        users.emplace_back([&, i] {
+            for (int n = 0; n < 20'000; ++n) {
+                ASSERT_TRUE(lock.lock({}));
+                EXPECT_EQ(++owners, 1);
+                ++uses;
+                --owners;
+                n % 8 == i ? lock.handOver() : lock.unlock();
+            }
+        });
+    }
+    users.clear();
+    EXPECT_EQ(uses, 80'000);
 }
 
 }  // namespace

@@ -125,7 +125,8 @@ void ClockSchedule::schedule(std::size_t count, Pace pace) {
     }
     for (std::size_t later = count; later > 0; --later) {
         const auto due = std::chrono::floor<nanoseconds>(m_End - pace.of(later - 1));
-        m_Timed.push_back(TimedPacket{std::move(m_Held.front()), due});
+        const std::uint32_t pid = m_Held.front().getPid();
+        m_Timed.push_back(TimedPacket{std::move(m_Held.front()), due, pid});
         m_Held.pop_front();
     }
 }

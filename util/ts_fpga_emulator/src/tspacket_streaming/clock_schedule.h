@@ -39,6 +39,7 @@ public:
     struct TimedPacket {
         Ts::LowlevInTSPacket packet;
         std::chrono::nanoseconds due;  ///< never before that of the packet before it
+        std::uint32_t pid;  ///< known without a look at the packet, which has left the cache by then
     };
 
     static std::string loggerName() { return Log::makeLoggerName(__FILE__, "Vel::Utils::ClockSchedule"); }

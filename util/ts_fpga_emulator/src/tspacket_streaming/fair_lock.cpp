@@ -12,44 +12,62 @@ bool FairLock::lock(const std::stop_token& stop) {
     Waiter self;
     m_Waiters.push_back(&self);
     m_WaiterCount = m_Waiters.size();
-    if (!self.granted.wait(lock, stop, [&] { return self.hasLock; })) {
-        std::erase(m_Waiters, &self);
-        m_WaiterCount = m_Waiters.size();
-    }
-    return self.hasLock;
+    const auto canGoOn = [&] {
+        self.isWokenUp = false;
+        return self.hasLock || !m_IsHeld;
+    };
+    const bool isLocked = self.change.wait(lock, stop, canGoOn);
+    m_IsHeld |= isLocked;
+    std::erase(m_Waiters, &self);
+    m_WaiterCount = m_Waiters.size();
+    return isLocked;
 }
 
-/// Hands the lock to the next waiter, so that no other thread can take it first.
 void FairLock::unlock() {
     const std::lock_guard lock(m_Mutex);
+    release(false);
+}
+
+void FairLock::handOver() {
+    const std::lock_guard lock(m_Mutex);
+    release(true);
+}
+
+/// Notifies under m_Mutex, without which the waiter cannot go away.
+void FairLock::release(bool toFirst) {
     if (m_Waiters.empty()) {
         m_IsHeld = false;
         return;
     }
-    Waiter& next = *m_Waiters.front();
-    m_Waiters.pop_front();
-    m_WaiterCount = m_Waiters.size();
-    next.hasLock = true;
-    next.granted.notify_one();  // under m_Mutex, without which the waiter cannot go away
+    Waiter& first = *m_Waiters.front();
+    m_IsHeld = first.hasLock = toFirst;
+    if (!std::exchange(first.isWokenUp, true)) {
+        first.change.notify_one();
+    }
 }
 
 bool FairTurn::begin(const std::stop_token& stop) {
     m_IsTaken = m_Lock.lock(stop);
-    m_Begin = std::chrono::steady_clock::now();
+    m_Begin = m_LastLook = std::chrono::steady_clock::now();
     return m_IsTaken;
 }
 
+/// Looking at the clock can take as long as a fast piece, so this does so only now and then.
 void FairTurn::endIfOver() {
-    constexpr std::uint32_t PIECES_PER_LOOK = 8;  // looking at the clock can take as long as a fast piece
-    if (m_Lock.getWaiterCount() > 0 && ++m_Pieces % PIECES_PER_LOOK == 0 &&
-        std::chrono::steady_clock::now() - m_Begin >= MAX_TIME) {
+    constexpr std::uint32_t PIECES = 8;
+    if (m_Lock.getWaiterCount() == 0 || (m_PiecesToLook > 0 && --m_PiecesToLook > 0)) {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    m_PiecesToLook = std::exchange(m_LastLook, now) > now - MAX_TIME / PIECES ? PIECES : 1;
+    if (now - m_Begin >= MAX_TIME) {
         end();
     }
 }
 
 void FairTurn::end() {
     if (std::exchange(m_IsTaken, false)) {
-        m_Lock.unlock();
+        m_Lock.handOver();
     }
 }
 

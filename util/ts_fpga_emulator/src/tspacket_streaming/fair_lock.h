@@ -13,22 +13,27 @@
 
 namespace Vel::Utils {
 
-/// A lock that goes to the thread that has waited longest, so that none starves however often another one
-/// takes it. Thread-safe.
+/// A lock whose owner decides whether the thread that has waited longest gets it next. Thread-safe.
 class VEL_THREAD_SAFETY(capability("mutex")) FairLock {
 public:
     /// Waits for the lock. A waiting thread leaves the queue at once on a stop request; then the lock is not
     /// taken, and the result is false. A lock that is free is always taken.
     [[nodiscard]] bool lock(const std::stop_token& stop) VEL_THREAD_SAFETY(try_acquire_capability(true));
+    /// The next thread that asks gets the lock: no thread has to be woken up for each short use of it.
     void unlock() VEL_THREAD_SAFETY(release_capability());
+    /// The thread that has waited longest gets the lock, so that none starves.
+    void handOver() VEL_THREAD_SAFETY(release_capability());
     /// Number of threads that wait.
     std::size_t getWaiterCount() const { return m_WaiterCount.load(std::memory_order_relaxed); }
 
 private:
     struct Waiter {
-        std::condition_variable_any granted;
+        std::condition_variable_any change;
         bool hasLock = false;
+        bool isWokenUp = false;
     };
+
+    void release(bool toFirst);
 
     std::mutex m_Mutex;  // guards the rest
     bool m_IsHeld = false;
@@ -37,7 +42,7 @@ private:
 };
 
 /// A stretch of work under a FairLock: the owner keeps the lock for as long as nobody else wants it, and
-/// otherwise for MAX_TIME. Thread-bound.
+/// otherwise for MAX_TIME. Then the lock is handed over. Thread-bound.
 class FairTurn {
 public:
     static constexpr std::chrono::microseconds MAX_TIME{500};
@@ -57,8 +62,9 @@ public:
 private:
     FairLock& m_Lock;
     bool m_IsTaken = false;
-    std::uint32_t m_Pieces = 0;
+    std::uint32_t m_PiecesToLook = 0;
     std::chrono::steady_clock::time_point m_Begin;
+    std::chrono::steady_clock::time_point m_LastLook;
 };
 
 }  // namespace Vel::Utils

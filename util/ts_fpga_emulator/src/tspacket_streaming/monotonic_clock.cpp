@@ -33,4 +33,9 @@ void MonotonicClock::sleepFor(nanoseconds time, const std::stop_token& stop) con
     }
 }
 
+void MonotonicClock::sleepUntil(nanoseconds deadline) const {
+    const timespec end = toTimespec(deadline);
+    ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr);
+}
+
 }  // namespace Vel::Utils

@@ -16,6 +16,8 @@ public:
     std::chrono::nanoseconds now() const { return std::chrono::nanoseconds(getMonotonicNs()); }
     /// Sleeps for the whole time, or until 100 ms after a stop request at most.
     virtual void sleepFor(std::chrono::nanoseconds time, const std::stop_token& stop) const;
+    /// Sleeps until now() is `deadline`, which is not far: nothing but a signal interrupts it.
+    void sleepUntil(std::chrono::nanoseconds deadline) const;
 };
 
 }  // namespace Vel::Utils

@@ -36,9 +36,37 @@ void Pacer::remove(Input& input) {
     --m_InputCount;
 }
 
+nanoseconds Pacer::now() {
+    const std::lock_guard lock(m_Lock);
+    return takeTime();
+}
+
+nanoseconds Pacer::progress() {
+    const std::lock_guard lock(m_Lock);
+    const nanoseconds time = takeTime();
+    return m_Turns.empty() ? time : std::min(time, m_Turns.front().since);
+}
+
+/// With m_Lock.
+nanoseconds Pacer::takeTime() {
+    const nanoseconds time = m_Clock->now() - m_Shift.load();
+    const nanoseconds lateness = m_Turns.empty() ? nanoseconds(0) : time - m_Turns.front().since;
+    if (lateness <= MAX_LATENESS) {
+        return time;
+    }
+    m_Shift = m_Shift.load() + lateness;
+    m_Unreported += lateness;
+    for (Turn& turn : m_Turns) {
+        turn.due = turn.since;  // was put behind others by a time that is now in the future
+    }
+    std::ranges::make_heap(m_Turns, std::greater(), &Turn::due);
+    return time - lateness;
+}
+
 void Pacer::schedule(Input& input, nanoseconds due) {
     const std::lock_guard lock(m_Lock);
-    push({std::max(due, now()), &input});
+    due = std::max(due, takeTime());  // a late file or feed does not make the pacer late
+    push({due, due, &input});
     if (m_Turns.front().input == &input) {
         m_Earlier.notify_one();
     }
@@ -49,41 +77,40 @@ void Pacer::push(Turn turn) {
     std::ranges::push_heap(m_Turns, std::greater(), &Turn::due);
 }
 
+/// An input that has more to send than one release takes has its next turn after all others that are due.
 Pacer::Rest Pacer::releaseDue() {
-    shiftIfBehind();
-    const nanoseconds time = now();
     std::unique_lock lock(m_Lock);
-    while (!m_Turns.empty() && m_Turns.front().due <= time + GROUP_TIME) {
-        std::ranges::pop_heap(m_Turns, std::greater(), &Turn::due);
-        m_Releasing = m_Turns.back().input;
-        m_Turns.pop_back();
+    const nanoseconds time = takeTime();
+    nanoseconds limit = time + GROUP_TIME;
+    if (!m_Turns.empty() && m_Turns.front().since <= time) {
+        limit = std::max(limit, m_Turns.front().due);  // of an input that others have just gone before
+    }
+    const nanoseconds shift = std::exchange(m_Unreported, nanoseconds(0));
+    if (shift > nanoseconds(0)) {
         lock.unlock();
-        const Rest rest = m_Releasing->releaseDue(time + GROUP_TIME);
+        Log::warning(*m_Logger, "Packets are {} ms late; shifting the schedule of all inputs by that amount",
+                     std::chrono::floor<std::chrono::milliseconds>(shift).count());
         lock.lock();
-        Input* const input = std::exchange(m_Releasing, nullptr);
+    }
+    bool isDeviceFull = false;
+    while (!isDeviceFull && !m_Turns.empty() && m_Turns.front().due <= limit) {
+        std::ranges::pop_heap(m_Turns, std::greater(), &Turn::due);
+        const Turn turn = m_Turns.back();
+        m_Turns.pop_back();
+        m_Releasing = turn.input;
+        lock.unlock();
+        const Rest rest = turn.input->releaseDue(limit);
+        lock.lock();
+        m_Releasing = nullptr;
+        isDeviceFull = rest.isDeviceFull;
         if (std::exchange(m_IsLast, false)) {
             m_LetGo.notify_all();
         } else if (rest.nextDue) {
-            push({std::max(*rest.nextDue, time), input});
-        }
-        if (rest.isDeviceFull) {
-            return rest;
+            const nanoseconds since = std::max(*rest.nextDue, turn.since);
+            push({isDeviceFull ? since : std::max(since, limit + nanoseconds(1)), since, turn.input});
         }
     }
-    return {m_Turns.empty() ? std::nullopt : std::optional(m_Turns.front().due), false};
-}
-
-void Pacer::shiftIfBehind() {
-    nanoseconds lateness{0};
-    {
-        const std::lock_guard lock(m_Lock);
-        lateness = m_Turns.empty() ? lateness : now() - m_Turns.front().due;
-    }
-    if (lateness > MAX_LATENESS) {
-        m_Shift = m_Shift.load() + lateness;
-        Log::warning(*m_Logger, "Packets are {} ms late; shifting the schedule of all inputs by that amount",
-                     std::chrono::floor<std::chrono::milliseconds>(lateness).count());
-    }
+    return {m_Turns.empty() ? std::nullopt : std::optional(m_Turns.front().since), isDeviceFull};
 }
 
 void Pacer::run(const std::stop_token& stop) noexcept {
@@ -101,14 +128,22 @@ void Pacer::run(const std::stop_token& stop) noexcept {
 
 /// Until the first turn, or until another one comes before it.
 void Pacer::sleep(const std::stop_token& stop) {
+    constexpr std::chrono::microseconds SHORT_SLEEP(500);
     std::unique_lock lock(m_Lock);
     if (m_Turns.empty()) {
         m_Earlier.wait(lock, stop, [this] { return !m_Turns.empty(); });
         return;
     }
-    const nanoseconds due = m_Turns.front().due;
-    m_Earlier.wait_until(lock, stop, toSteady(due),
-                         [&] { return !m_Turns.empty() && m_Turns.front().due < due; });
+    const Turn first = m_Turns.front();
+    const auto end = toSteady(first.since);
+    // Interrupting a short sleep is not worth the cost of being able to.
+    if (end.time_since_epoch() - m_Clock->now() < SHORT_SLEEP) {
+        lock.unlock();
+        m_Clock->sleepUntil(end.time_since_epoch());
+        return;
+    }
+    m_Earlier.wait_until(lock, stop, end,
+                         [&] { return !m_Turns.empty() && m_Turns.front().due < first.due; });
 }
 
 }  // namespace Vel::Utils

@@ -28,8 +28,8 @@ class Pacer {
 public:
     /// What is due within this time is sent together.
     static constexpr std::chrono::microseconds GROUP_TIME{250};
-    /// Packets that are late are sent at once. If the pacer itself is later than this, for example because
-    /// the device was blocked, the schedule of all inputs is shifted instead.
+    /// Packets that are late are sent at once. If the pacer itself is later than this, because the device or
+    /// the processor is too slow, was blocked or stopped, the schedule of all inputs is shifted instead.
     static constexpr std::chrono::seconds MAX_LATENESS{1};
 
     /// What is left after a release.
@@ -54,8 +54,11 @@ public:
     /// Starts the thread. Not called by a test that calls releaseDue() itself.
     void start();
 
-    /// The pacer's time.
-    std::chrono::nanoseconds now() const { return m_Clock->now() - m_Shift.load(); }
+    /// The pacer's time. Whoever asks first after the pacer has fallen behind shifts the schedule.
+    std::chrono::nanoseconds now();
+    /// The pacer's time, but not beyond a packet that should have been sent: a feed is not late by the time
+    /// during which the pacer was.
+    std::chrono::nanoseconds progress();
     /// When the pacer's time will be `time`, unless the schedule is shifted before.
     std::chrono::steady_clock::time_point toSteady(std::chrono::nanoseconds time) const {
         return std::chrono::steady_clock::time_point(time + m_Shift.load());
@@ -73,13 +76,14 @@ public:
 
 private:
     struct Turn {
-        std::chrono::nanoseconds due;  // of the input's next packet, but not earlier than when it was known
+        std::chrono::nanoseconds due;    // the order of the inputs
+        std::chrono::nanoseconds since;  // when the input could have had its turn
         Input* input;
     };
 
     void run(const std::stop_token& stop) noexcept;
-    void shiftIfBehind();
     void sleep(const std::stop_token& stop);
+    std::chrono::nanoseconds takeTime();
     void push(Turn turn);
 
     std::shared_ptr<spdlog::logger> m_Logger;
@@ -87,10 +91,11 @@ private:
     std::unique_ptr<const MonotonicClock> m_Clock;
     std::atomic<std::chrono::nanoseconds> m_Shift{std::chrono::nanoseconds::zero()};
     std::mutex m_Lock;  // guards the following; never held while another lock is taken or a record is written
-    std::vector<Turn> m_Turns;     // a heap, earliest first; one for each input that has packets to send
-    std::size_t m_InputCount = 0;  // m_Turns has room for all of them
-    Input* m_Releasing = nullptr;  // in use outside the lock; set by the pacer's thread alone
-    bool m_IsLast = false;         // remove() waits for m_Releasing
+    std::vector<Turn> m_Turns;  // a heap, earliest first; one for each input that has packets to send
+    std::chrono::nanoseconds m_Unreported{0};  // shifts that have not been logged
+    std::size_t m_InputCount = 0;              // m_Turns has room for all of them
+    Input* m_Releasing = nullptr;              // in use outside the lock; set by the pacer's thread alone
+    bool m_IsLast = false;                     // remove() waits for m_Releasing
     std::condition_variable m_LetGo;
     std::condition_variable_any m_Earlier;  // an input's turn comes before all others
     std::jthread m_Thread;

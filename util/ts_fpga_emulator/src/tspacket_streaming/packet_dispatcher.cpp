@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <mutex>
 #include <system_error>
 #include <utility>
 
@@ -20,7 +21,7 @@ namespace Vel::Utils {
 namespace {
 
 constexpr mode_t NEW_FILE_MODE = 0666;
-/// How long a device may accept no data of a record that has been started, when the program ends.
+/// How long a device may accept no data of a record that has been started, after a stop request.
 constexpr std::chrono::seconds PATIENCE(1);
 
 }  // namespace
@@ -32,18 +33,10 @@ PacketDispatcher::PacketDispatcher(const std::string& devicePath, const std::sto
 }
 
 PacketDispatcher::~PacketDispatcher() {
-    using Clock = std::chrono::steady_clock;
-    for (auto end = Clock::now() + PATIENCE; !m_Started.empty();) {
-        const std::size_t before = m_StartedBytes;
-        writeRest();
-        if (m_StartedBytes > before) {
-            end = Clock::now() + PATIENCE;
-        } else if (Clock::now() < end) {
-            CppUtil::FileDescriptor::pauseBeforeRetry();
-        } else {
-            logIncomplete(before, m_Started.size(), fmt::format(", no progress for {} s", PATIENCE.count()));
-            break;
-        }
+    writeRest();
+    if (!m_Started.empty()) {
+        logIncomplete(m_StartedBytes, m_Started.size(),
+                      fmt::format(", no progress for {} s", PATIENCE.count()));
     }
     // The failed record was the last one, so no later dispatch() reported the failure.
     if (m_Device == Device::Failed && !m_IsReported) {
@@ -92,10 +85,8 @@ void PacketDispatcher::takeDevice() {
 }
 
 bool PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet, const std::stop_token& stop) {
-    FairTurn turn(m_WriteLock);
-    if (!turn.begin(stop)) {
-        return false;
-    }
+    static_cast<void>(m_WriteLock.lock({}));  // an owner that waits for the device gives up on a stop request
+    const std::lock_guard lock(m_WriteLock, std::adopt_lock);
     Outcome outcome = tryDispatch(packet);
     while (outcome == Outcome::DeviceFull && waitForDevice(stop)) {
         outcome = tryDispatch(packet);
@@ -124,8 +115,8 @@ PacketDispatcher::Outcome PacketDispatcher::tryDispatch(Ts::LowlevInTSPacket& pa
     if (written == 0) {
         return Outcome::DeviceFull;
     }
-    m_RecordCount.increment();
     if (written == record.size()) {
+        m_RecordCount.increment();
         return Outcome::Written;
     }
     m_Started.assign(record.begin(), record.end());
@@ -133,17 +124,25 @@ PacketDispatcher::Outcome PacketDispatcher::tryDispatch(Ts::LowlevInTSPacket& pa
     return Outcome::Started;
 }
 
+/// After a stop request, completes a record that has been started, unless the device takes nothing for a
+/// while. What is left of it then is written before the next record, or when the program ends.
 bool PacketDispatcher::waitForDevice(const std::stop_token& stop) {
-    do {
+    for (std::chrono::milliseconds patience = PATIENCE; patience.count() > 0; --patience) {
+        const std::size_t before = m_StartedBytes;
+        if (!CppUtil::waitFor(m_File.get(), POLLOUT, stop) &&
+            (m_Started.empty() || !CppUtil::waitFor(m_File.get(), POLLOUT, {}, patience))) {
+            return false;
+        }
         if (std::exchange(m_WasWritable, true)) {
             CppUtil::FileDescriptor::pauseBeforeRetry();
         }
-        if (!CppUtil::waitFor(m_File.get(), POLLOUT, stop)) {
-            return false;
-        }
         writeRest();
-    } while (!m_Started.empty());
-    return true;
+        if (m_Started.empty()) {
+            return !stop.stop_requested();
+        }
+        patience = m_StartedBytes == before && stop.stop_requested() ? patience : PATIENCE;
+    }
+    return false;
 }
 
 /// Writes as much as the device takes. Returns the number of bytes; m_Device says whether it failed.
@@ -171,7 +170,10 @@ void PacketDispatcher::writeRest() {
     if (m_Device == Device::Failed) {
         logIncomplete(m_StartedBytes, m_Started.size(), " [" + CppUtil::errnoText(m_Error) + "]");
     }
-    if (m_Device == Device::Failed || m_StartedBytes == m_Started.size()) {
+    if (m_StartedBytes == m_Started.size()) {
+        m_RecordCount.increment();
+        m_Started.clear();
+    } else if (m_Device == Device::Failed) {
         m_Started.clear();
     }
 }

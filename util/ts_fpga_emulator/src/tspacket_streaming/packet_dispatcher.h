@@ -35,14 +35,13 @@ public:
     /// failure to open.
     /// @throws CppUtil::InvalidArgumentError for a plain file that another dispatcher is writing
     explicit PacketDispatcher(const std::string& devicePath, const std::stop_token& stop = {});
-    /// Completes a record that has been started, unless the device accepts no data for a second.
     virtual ~PacketDispatcher();
     PacketDispatcher(const PacketDispatcher&) = delete;
     PacketDispatcher& operator=(const PacketDispatcher&) = delete;
 
-    /// Writes the packet's whole buffer as one record, straight from it. Waits for its turn and for a device
-    /// that is full. False if the record was not written: the device failed during it, or it would have had
-    /// to wait after a stop request.
+    /// Writes the packet's whole buffer as one record, straight from it. Waits for other writers, and for a
+    /// device that is full. False if the record was not written: the device failed during it, or it would
+    /// have had to wait after a stop request.
     /// @throws Ts::TsPacketError for a dead packet
     /// @throws CppUtil::IOError when the device could not be opened or an earlier record could not be
     /// written: the call after a failure reports it, and so does every later one
@@ -52,7 +51,8 @@ public:
     FairLock& getWriteLock() VEL_THREAD_SAFETY(lock_returned(m_WriteLock)) { return m_WriteLock; }
     /// As dispatch(), for the owner of the write lock, but never waits.
     Outcome tryDispatch(Ts::LowlevInTSPacket& packet) VEL_REQUIRES(m_WriteLock);
-    /// Waits until the device has taken the record that has been started, and more. False on a stop request.
+    /// Waits until the device has taken the record that has been started, and is ready for more. False on a
+    /// stop request; then the record is still completed, unless the device takes nothing for a second.
     bool waitForDevice(const std::stop_token& stop) VEL_REQUIRES(m_WriteLock);
 
     /// Records written so far.

@@ -22,7 +22,7 @@ PktioStreamIn::PktioStreamIn(const std::string& fileName, std::uint32_t tsiidx,
       m_Shutdown(std::move(stop), [this] { m_Stop.request_stop(); }),
       m_InputFile(fileName, m_Stop.get_token()),
       m_RateAdapter(std::move(adapter)),
-      m_IsPaced(m_RateAdapter && m_RateAdapter->getMaxBufferedPackets() > 1),
+      m_IsPaced(!m_RateAdapter || m_RateAdapter->getMaxBufferedPackets() > 1),
       m_Dispatcher(dispatcher) {
     m_PidFilter.blockAll();
     Log::debug(*m_Logger, "Create PktioStreamIn");
@@ -90,6 +90,16 @@ void PktioStreamIn::streamThread() noexcept {
         const CppUtil::Lock lock(m_FilterLock);
         failWithCurrentException();
     }
+    freeBuffers();
+}
+
+/// Those of a stream that has ended: it may stay in the table for long.
+void PktioStreamIn::freeBuffers() noexcept {
+    const CppUtil::Lock lock(m_FilterLock);
+    m_NextDue = 0;
+    std::vector<ClockSchedule::TimedPacket>().swap(m_Due);
+    std::vector<Ts::LowlevInTSPacket>().swap(m_Buffers);
+    m_PacketQueue.clear();
 }
 
 /// An error ends this stream alone. The streaming thread and the pacer may both find one.
@@ -107,7 +117,7 @@ void PktioStreamIn::fail(const char* what, const std::string& reason) noexcept {
     if (const char* text = m_Status.setFailed(what, reason)) {
         Log::error(*m_Logger, "Stream of TSIIDX {} failed: {}", m_TSIIDX, text);
     }
-    m_DueQueue.clear();
+    m_NextDue = m_Due.size();
     m_Stop.request_stop();
 }
 
@@ -115,7 +125,7 @@ void PktioStreamIn::fail(const char* what, const std::string& reason) noexcept {
 void PktioStreamIn::playAdapted() {
     Run run{std::unique_lock(m_FilterLock, std::defer_lock), FairTurn(m_Dispatcher.getWriteLock())};
     while (!m_Stop.stop_requested()) {
-        if (!m_InputFile.isReady()) {
+        if (!m_InputFile.isReady(Ts::TS_PACKET_SIZE + 1)) {
             run.end();  // nobody else waits for the file
         }
         if (m_HeldCount == m_PacketQueue.size()) {
@@ -255,11 +265,13 @@ bool PktioStreamIn::writeInRun(Ts::LowlevInTSPacket& packet, Run& run) {
 /// takes it from there to the PID filter and the data device.
 void PktioStreamIn::playClocked() {
     constexpr std::chrono::milliseconds READ_AHEAD(250);
-    ClockSchedule schedule(m_TSIIDX, m_InputFile.isFeed(), [this] { return m_Pacer->now(); });
+    const bool isFeed = m_InputFile.isFeed();
+    ClockSchedule schedule(m_TSIIDX, isFeed, [this] { return m_Pacer->progress(); });
     std::size_t inPacer = 0;  // packets, at most
+    bool isOverdue = false;   // what is held of a feed
     while (!m_Stop.stop_requested()) {
-        if (m_InputFile.isFeed() && !m_InputFile.isReady()) {
-            waitForFeed(schedule);
+        if (isFeed && !m_InputFile.isReady(Ts::TS_PACKET_SIZE)) {
+            waitForFeed(schedule, isOverdue);
         }
         if (m_Buffers.empty()) {
             m_Buffers.push_back(createPacket());
@@ -289,49 +301,58 @@ void PktioStreamIn::playClocked() {
     }
     handOver(schedule.takeTimed());
     std::unique_lock lock(m_FilterLock);
-    m_PacerIsDone.wait(lock, m_Stop.get_token(), [this] { return m_DueQueue.empty(); });
+    m_PacerIsDone.wait(lock, m_Stop.get_token(), [this] { return m_NextDue == m_Due.size(); });
     lock.unlock();
     finish(schedule.getHeldCount());
 }
 
-/// Waits for data of a live feed. If its PCRs have stopped, what is held is not kept waiting for the next.
-void PktioStreamIn::waitForFeed(ClockSchedule& schedule) {
+/// Waits for data of a live feed. If its PCRs have stopped, what is held is not kept waiting for the next
+/// one, except that data which is already there is read once more.
+void PktioStreamIn::waitForFeed(ClockSchedule& schedule, bool& isOverdue) {
     using std::chrono::milliseconds;
     constexpr milliseconds MAX_HOLD(1000);
-    while (schedule.getHeldCount() > 0) {
-        const auto left = schedule.getHeldSince() + MAX_HOLD - m_Pacer->now();
-        if (m_InputFile.waitForFeed(std::chrono::ceil<milliseconds>(left)) || m_Stop.stop_requested()) {
-            return;
-        }
+    if (schedule.getHeldCount() == 0) {
+        return;
+    }
+    const auto held = std::chrono::floor<milliseconds>(m_Pacer->progress() - schedule.getHeldSince());
+    const bool wasOverdue = std::exchange(isOverdue, held >= MAX_HOLD);
+    if ((isOverdue && wasOverdue) ||
+        !m_InputFile.waitForFeed(std::clamp(MAX_HOLD - held, milliseconds(1), MAX_HOLD))) {
         schedule.timeHeld();
         handOver(schedule.takeTimed());
+        isOverdue = false;
     }
 }
 
-/// Gives the pacer packets to send, and takes back the buffers of those that it has sent. Returns how many
-/// the pacer has.
+/// Gives the pacer packets to send, and takes back the buffers of those that it has sent. Returns how many it
+/// has to send.
 std::size_t PktioStreamIn::handOver(std::vector<ClockSchedule::TimedPacket> packets) {
     if (packets.empty()) {
         return 0;
     }
     const auto firstDue = packets.front().due;
+    std::vector<ClockSchedule::TimedPacket> due;
     std::unique_lock lock(m_FilterLock);
-    const bool isIdle = m_DueQueue.empty();
-    std::ranges::move(packets, std::back_inserter(m_DueQueue));
-    std::ranges::move(m_Released, std::back_inserter(m_Buffers));
-    m_Released.clear();
-    const std::size_t count = m_DueQueue.size();
+    const std::size_t left = m_Due.size() - m_NextDue;
+    due.reserve(left + packets.size());
+    std::move(m_Due.end() - static_cast<std::ptrdiff_t>(left), m_Due.end(), std::back_inserter(due));
+    std::ranges::move(packets, std::back_inserter(due));
+    due.swap(m_Due);
+    const std::size_t sent = std::exchange(m_NextDue, 0);
     lock.unlock();
-    if (isIdle) {
+    if (left == 0) {
         m_Pacer->schedule(m_DueInput, firstDue);
     }
-    return count;
+    for (std::size_t i = 0; i < sent; ++i) {
+        m_Buffers.push_back(std::move(due[i].packet));
+    }
+    return left + packets.size();
 }
 
 /// Waits until half of what has been read ahead is sent: so the thread rarely wakes up. Returns how many
 /// packets the pacer has.
 std::size_t PktioStreamIn::waitForPacer(std::chrono::nanoseconds readAheadEnd) {
-    const auto isDone = [this] { return m_DueQueue.empty(); };
+    const auto isDone = [this] { return m_NextDue == m_Due.size(); };
     const auto ahead = readAheadEnd - m_Pacer->now();
     std::unique_lock lock(m_FilterLock);
     if (ahead > ahead.zero()) {
@@ -340,7 +361,7 @@ std::size_t PktioStreamIn::waitForPacer(std::chrono::nanoseconds readAheadEnd) {
     } else {
         m_PacerIsDone.wait(lock, m_Stop.get_token(), isDone);
     }
-    return m_DueQueue.size();
+    return m_Due.size() - m_NextDue;
 }
 
 /// From the pacer's queue to the PID filter and the data device.
@@ -349,16 +370,15 @@ Pacer::Rest PktioStreamIn::releaseDue(std::chrono::nanoseconds limit) noexcept {
     constexpr int GROUP_PACKETS = 100;  // then a routing call or a removal can take effect
     letRoutingCallGoFirst();
     const CppUtil::Lock lock(m_FilterLock);
-    FairTurn turn(m_Dispatcher.getWriteLock());
-    static_cast<void>(turn.begin({}));  // never waits: only the pacer writes
+    static_cast<void>(m_Dispatcher.getWriteLock().lock({}));  // never waits: only the pacer writes
+    const std::lock_guard device(m_Dispatcher.getWriteLock(), std::adopt_lock);
     Pacer::Rest rest;
     try {
-        for (int n = 0; n < GROUP_PACKETS && !rest.isDeviceFull && !m_DueQueue.empty() &&
-                        m_DueQueue.front().due <= limit;
+        for (int n = 0; n < GROUP_PACKETS && !rest.isDeviceFull && m_NextDue < m_Due.size() &&
+                        m_Due[m_NextDue].due <= limit;
              ++n) {
-            Ts::LowlevInTSPacket& packet = m_DueQueue.front().packet;
-            if (m_PidFilter.isPidPassed(packet.getPid())) {
-                const Outcome outcome = m_Dispatcher.tryDispatch(packet);
+            if (m_PidFilter.isPidPassed(m_Due[m_NextDue].pid)) {
+                const Outcome outcome = m_Dispatcher.tryDispatch(m_Due[m_NextDue].packet);
                 rest.isDeviceFull = outcome == Outcome::Started || outcome == Outcome::DeviceFull;
                 if (outcome == Outcome::DeviceFull) {
                     break;
@@ -367,17 +387,16 @@ Pacer::Rest PktioStreamIn::releaseDue(std::chrono::nanoseconds limit) noexcept {
                     m_Status.packetsWritten.increment();
                 }
             }
-            m_Released.push_back(std::move(packet));
-            m_DueQueue.pop_front();
+            ++m_NextDue;
             m_Status.packetsReleased.increment();
         }
     } catch (...) {
         failWithCurrentException();
     }
-    if (m_DueQueue.empty()) {
+    if (m_NextDue == m_Due.size()) {
         m_PacerIsDone.notify_all();
     } else {
-        rest.nextDue = m_DueQueue.front().due;
+        rest.nextDue = m_Due[m_NextDue].due;
     }
     return rest;
 }

@@ -62,8 +62,9 @@ public:
     PktioStreamIn(const PktioStreamIn&) = delete;
     PktioStreamIn& operator=(const PktioStreamIn&) = delete;
 
-    /// Tells the stream that changeRoutes() follows: it lets go of its filter lock, and waits for the call.
-    void announceChange() { m_RoutingWaits = true; }
+    /// Tells the stream that changeRoutes() follows. At full rate it lets go of its filter lock, and waits
+    /// for the call; a paced stream, which must not wait long, does so only once the call has begun.
+    void announceChange() { m_RoutingWaits = !m_IsPaced; }
     /// Applies all changes in their order, at the same packet of the stream. The first routed PID starts the
     /// thread, which plays on even when no PID is left. Waits for the release in progress, but not longer:
     /// the releasing thread lets a waiting call go first.
@@ -89,6 +90,7 @@ private:
     };
 
     void streamThread() noexcept;
+    void freeBuffers() noexcept;
     void fail(const char* what, const std::string& reason) noexcept;
     void failWithCurrentException() noexcept;
     void playAdapted();
@@ -101,7 +103,7 @@ private:
     void removeOldest();
     bool writeInRelease(Ts::LowlevInTSPacket& packet);
     bool writeInRun(Ts::LowlevInTSPacket& packet, Run& run);
-    void waitForFeed(ClockSchedule& schedule);
+    void waitForFeed(ClockSchedule& schedule, bool& isOverdue);
     std::size_t handOver(std::vector<ClockSchedule::TimedPacket> packets);
     std::size_t waitForPacer(std::chrono::nanoseconds readAheadEnd);
     Pacer::Rest releaseDue(std::chrono::nanoseconds limit) noexcept;
@@ -111,25 +113,25 @@ private:
     std::stop_source m_Stop;
     std::stop_callback<std::function<void()>> m_Shutdown;  // requests m_Stop
     TsFile m_InputFile;                                    // the streaming thread's, except for its size
-    CppUtil::Mutex m_FilterLock;                           // taken before the dispatcher's write lock
-    std::atomic<bool> m_RoutingWaits = false;              // for m_FilterLock
     std::unique_ptr<IRateAdapter> m_RateAdapter;  // the streaming thread's; null if the stream is clocked
     bool m_IsPaced;                               // the adapter holds packets back: not at full rate
-    Pacer* m_Pacer = nullptr;                     // set if the stream is clocked
-    PacketDispatcher& m_Dispatcher;
-    Ts::Misc::PidFilter m_PidFilter VEL_GUARDED_BY(m_FilterLock);
     // The streaming thread's: first the packets that the adapter holds, in order, then free buffers.
     std::deque<Ts::LowlevInTSPacket> m_PacketQueue;
     std::size_t m_HeldCount = 0;
     bool m_IsOutputOver = false;  // the streaming thread's: a record was dropped after a stop request
-    // Of a clocked stream: free buffers (the streaming thread's), what the pacer has to send, and what it has
-    // sent.
-    std::vector<Ts::LowlevInTSPacket> m_Buffers;
-    std::deque<ClockSchedule::TimedPacket> m_DueQueue VEL_GUARDED_BY(m_FilterLock);
-    std::vector<Ts::LowlevInTSPacket> m_Released VEL_GUARDED_BY(m_FilterLock);
+    Pacer* m_Pacer = nullptr;     // set if the stream is clocked
+    std::vector<Ts::LowlevInTSPacket> m_Buffers;  // the streaming thread's, of a clocked stream: free buffers
+    // What the pacer uses for every packet stands together.
     Pacer::Input m_DueInput{[this](auto limit) { return releaseDue(limit); }};
-    std::condition_variable_any m_PacerIsDone;  // m_DueQueue is empty
+    PacketDispatcher& m_Dispatcher;
+    CppUtil::Mutex m_FilterLock;               // taken before the dispatcher's write lock
+    std::atomic<bool> m_RoutingWaits = false;  // for m_FilterLock
+    // Of a clocked stream: packets with a due time, of which the first m_NextDue have been sent.
+    std::vector<ClockSchedule::TimedPacket> m_Due VEL_GUARDED_BY(m_FilterLock);
+    std::size_t m_NextDue VEL_GUARDED_BY(m_FilterLock) = 0;
     StreamStatus m_Status;
+    Ts::Misc::PidFilter m_PidFilter VEL_GUARDED_BY(m_FilterLock);
+    std::condition_variable_any m_PacerIsDone;  // all of m_Due has been sent
     std::jthread m_Thread;  // uses all of the above; started and joined on the owner's thread
 };
 

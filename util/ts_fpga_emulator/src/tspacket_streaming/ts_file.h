@@ -30,9 +30,10 @@ public:
     /// reports that, once the packets before it have been used.
     [[nodiscard]] bool isAtEnd();
 
-    /// Whether the next packet can be read, and isAtEnd() be answered after it, without waiting for the file.
-    [[nodiscard]] bool isReady() const {
-        return m_Filled - m_Position > Ts::TS_PACKET_SIZE || m_EndOfFile || m_Error != 0;
+    /// Whether the next `bytes` can be read without waiting for the file; isAtEnd() needs one more than the
+    /// packet before it.
+    [[nodiscard]] bool isReady(std::size_t bytes) const {
+        return m_Filled - m_Position >= bytes || m_EndOfFile || m_Error != 0;
     }
     /// Whether bytes have been read that do not make a whole packet yet.
     bool hasIncompletePacket() const { return m_Position != m_Filled; }

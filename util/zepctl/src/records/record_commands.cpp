@@ -70,7 +70,7 @@ RecordCommands::RecordCommands(CLI::App& app) {
         R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte other
 than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are not faults, nor is
 a file without records. The bit rate counts 188 bytes per recorded packet. Time is measured with
-the PCRs of one PID per input, the first on which a PCR occurs, from its first PCR to its last;
+the PCRs of one PID per input, the first with two successive PCRs, from its first PCR to its last;
 intervals in which the PCR restarts are excluded. The man page lists the keys of the JSON object.
 
 Example: zepctl records check out.rec
