@@ -75,22 +75,19 @@ void ClockSchedule::take(const Ts::PcrClock::Reading& reading, std::size_t count
 /// of the interval were given due times before its PCR arrived.
 void ClockSchedule::scheduleStep(const Ts::PcrClock::Reading& step, std::size_t count) {
     const auto packets = static_cast<std::size_t>(step.packets);
-    const Pace pace{std::chrono::duration_cast<FineTime>(step.time), static_cast<std::int64_t>(packets)};
-    if (m_Intervals.empty()) {
+    const Ts::PcrPace pace{step.time, static_cast<std::int64_t>(packets)};
+    if (m_Intervals.isEmpty()) {
         m_End = startTime() + pace.of(count - 1) - pace.of(count);
     } else if (count > packets) {
         scheduleWithoutPcr(count - packets);
         count = packets;
     }
     schedule(count, pace);
-    m_Intervals.push_back(pace);
-    if (m_Intervals.size() > MEAN_INTERVALS) {
-        m_Intervals.pop_front();
-    }
+    m_Intervals.add(pace);
 }
 
 void ClockSchedule::scheduleWithoutPcr(std::size_t count) {
-    if (m_Intervals.empty()) {
+    if (m_Intervals.isEmpty()) {
         if (!std::exchange(m_IsUnpaced, true)) {
             Log::warning(*m_Logger,
                          "TSIIDX {}: no two PCRs in the first {} packets give a rate; sending them unpaced",
@@ -100,18 +97,12 @@ void ClockSchedule::scheduleWithoutPcr(std::size_t count) {
         schedule(count, {});
         return;
     }
-    Pace mean{.packets = 0};
-    FineTime longest{0};
-    for (const Pace& interval : m_Intervals) {
-        mean = {mean.time + interval.time, mean.packets + interval.packets};
-        longest = std::max(longest, interval.time);
-    }
-    schedule(count, mean.of(count) > longest ? Pace{longest, static_cast<std::int64_t>(count)} : mean);
+    schedule(count, m_Intervals.paceOf(count));
 }
 
 /// Gives the oldest `count` held packets due times after m_End. They are counted back from the last one,
 /// whose time is a whole number where it has a PCR, so no rounding errors add up.
-void ClockSchedule::schedule(std::size_t count, Pace pace) {
+void ClockSchedule::schedule(std::size_t count, Ts::PcrPace pace) {
     m_End += pace.of(count);
     if (m_IsFeed) {
         const auto first = std::chrono::floor<nanoseconds>(m_End - pace.of(count - 1));

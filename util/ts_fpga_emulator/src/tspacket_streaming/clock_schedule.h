@@ -7,13 +7,13 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <ratio>
 #include <string>
 #include <vector>
 
 #include "vel/cpp_utils/log.h"
 #include "vel/ts_basics/ll_tspackets.h"
 #include "vel/ts_basics/pcr.h"
+#include "vel/ts_basics/pcr_pace.h"
 
 namespace Vel::Utils {
 
@@ -21,16 +21,14 @@ namespace Vel::Utils {
 /// evenly over the interval between the two PCRs around them (ISO/IEC 13818-1, 2.4.2.2); Ts::PcrClock decides
 /// which PCRs these are. Packets before the second PCR use the first interval.
 ///
-/// Packets without an interval (before a new time base or after the last PCR) are due at the mean rate of the
-/// last MEAN_INTERVALS intervals, but all of them together within the longest of these. Before the first
-/// interval they are due immediately.
+/// Packets without an interval (before a new time base or after the last PCR) are due at the pace of
+/// Ts::RecentIntervals. Before the first interval they are due immediately.
 ///
 /// A feed can be late itself. Its schedule then shifts, so that its packets keep their spacing. Used by one
 /// streaming thread.
 class ClockSchedule {
 public:
     static constexpr std::size_t MAX_HELD_PACKETS = Ts::PcrClock::MAX_STEP_PACKETS;
-    static constexpr std::size_t MEAN_INTERVALS = 10;
     /// How long the packets of a feed are delayed, so that later ones may arrive late by as much.
     static constexpr std::chrono::milliseconds FEED_RESERVE{100};
     /// The shortest time between two reports of a late feed.
@@ -67,29 +65,15 @@ public:
     /// Due time of the latest packet that has one. The read-ahead ends there.
     std::chrono::nanoseconds getEnd() const { return std::chrono::floor<std::chrono::nanoseconds>(m_End); }
     /// Whether packets have been given due times: an interval is known, or the stream is played unpaced.
-    bool hasPace() const { return m_IsUnpaced || !m_Intervals.empty(); }
+    bool hasPace() const { return m_IsUnpaced || !m_Intervals.isEmpty(); }
 
 private:
-    /// 1/27 ns: whole numbers of it hold PCR ticks (1000) and nanoseconds (27). 64 bits last for ten years
-    /// since the system's start.
-    using FineTime = std::chrono::duration<std::int64_t, std::ratio<1, 27'000'000'000>>;
-
-    /// An interval between two PCRs, or several of them.
-    struct Pace {
-        FineTime time{0};
-        std::int64_t packets = 1;
-
-        /// The time of `count` packets, rounded up. The mean interval takes at most 10 s, which is below
-        /// 2^38; times MAX_HELD_PACKETS, it is below 2^52.
-        FineTime of(std::size_t count) const {
-            return (time * static_cast<std::int64_t>(count) + FineTime(packets - 1)) / packets;
-        }
-    };
+    using FineTime = Ts::FineTime;
 
     void take(const Ts::PcrClock::Reading& reading, std::size_t count);
     void scheduleStep(const Ts::PcrClock::Reading& step, std::size_t count);
     void scheduleWithoutPcr(std::size_t count);
-    void schedule(std::size_t count, Pace pace);
+    void schedule(std::size_t count, Ts::PcrPace pace);
     void chooseAgain();
     FineTime startTime() const;
     void reportLate(std::chrono::nanoseconds now, std::chrono::nanoseconds delay);
@@ -101,8 +85,8 @@ private:
     Ts::PcrClock m_Clock;
     std::deque<Ts::LowlevInTSPacket> m_Held;
     std::vector<TimedPacket> m_Timed;
-    FineTime m_End{0};             // due time of the latest packet in m_Timed, ever
-    std::deque<Pace> m_Intervals;  // the last MEAN_INTERVALS, oldest first
+    FineTime m_End{0};  // due time of the latest packet in m_Timed, ever
+    Ts::RecentIntervals m_Intervals;
     std::chrono::nanoseconds m_HeldSince{0};
     bool m_IsUnpaced = false;  // packets were sent before the first interval was known, and this was logged
     bool m_IsGapReported = false;
