@@ -2,22 +2,13 @@
 
 #include <algorithm>
 
+#include "packet_layout.h"
 #include "vel/ts_basics/pcr.h"
 #include "vel/ts_basics/ts_error.h"
 
 namespace Vel::Ts {
 
 namespace {
-
-// Header byte 1 and 3, ISO/IEC 13818-1, 2.4.3.2; adaptation field flags in byte 5, 2.4.3.4.
-constexpr std::uint8_t PAYLOAD_UNIT_START = 0x40;
-constexpr std::uint8_t PID_HIGH_BITS = 0x1F;
-constexpr std::uint8_t ADAPTATION_FIELD = 0x20;
-constexpr std::uint8_t PAYLOAD = 0x10;
-constexpr std::uint8_t CONTINUITY_COUNTER = 0x0F;
-constexpr std::uint8_t DISCONTINUITY_INDICATOR = 0x80;
-constexpr std::uint8_t PCR_FLAG = 0x10;
-constexpr std::uint32_t HEADER_SIZE = 4;
 
 /// Where the payload starts, counted from the first byte of the packet `b`; at most 188.
 std::uint32_t payloadOffset(const std::uint8_t* b) {

@@ -65,10 +65,14 @@ public:
 
     /// Takes the stream's next packet. Every packet counts, damaged ones too.
     Reading read(const TSPacket& packet);
+    /// As read(), for a packet without adaptation field, which means nothing for the clock.
+    void skip() { ++m_PacketIndex; }
     /// Forgets all PCRs; the next ones choose the PID.
     void restart();
     /// None until the choice.
     std::optional<std::uint32_t> getPid() const { return m_Pid; }
+    /// Number of packets taken so far.
+    std::uint64_t getPacketCount() const { return m_PacketIndex; }
 
 private:
     struct Candidate {
