@@ -1,7 +1,6 @@
 #include "vel/ts_basics/stream_loop.h"
 
 #include <algorithm>
-#include <initializer_list>
 #include <utility>
 
 #include "packet_layout.h"
@@ -56,19 +55,12 @@ std::uint64_t advanceStamp(std::uint8_t* field, std::uint64_t offset, unsigned b
     return time;
 }
 
-/// Whether a PES packet of that stream_id has flags and times (ISO/IEC 13818-1, 2.4.3.7).
+/// Whether a PES packet of that stream_id has flags and times (ISO/IEC 13818-1, 2.4.3.7): all have, except
+/// program_stream_map, padding_stream, private_stream_2, ECM, EMM, DSMCC_stream, H.222.1 type E, and
+/// program_stream_directory.
 bool hasPesFlags(std::uint8_t streamId) {
-    constexpr std::uint8_t PROGRAM_STREAM_MAP = 0xBC;
-    constexpr std::uint8_t PADDING = 0xBE;
-    constexpr std::uint8_t PRIVATE_2 = 0xBF;
-    constexpr std::uint8_t ECM = 0xF0;
-    constexpr std::uint8_t EMM = 0xF1;
-    constexpr std::uint8_t DSMCC = 0xF2;
-    constexpr std::uint8_t H222_1_TYPE_E = 0xF8;
-    constexpr std::uint8_t PROGRAM_STREAM_DIRECTORY = 0xFF;
-    const auto without = {PROGRAM_STREAM_MAP,      PADDING, PRIVATE_2, ECM, EMM, DSMCC, H222_1_TYPE_E,
-                          PROGRAM_STREAM_DIRECTORY};
-    return std::ranges::find(without, streamId) == without.end();
+    constexpr std::array<std::uint8_t, 8> WITHOUT = {0xBC, 0xBE, 0xBF, 0xF0, 0xF1, 0xF2, 0xF8, 0xFF};
+    return std::ranges::find(WITHOUT, streamId) == WITHOUT.end();
 }
 
 }  // namespace
@@ -86,26 +78,28 @@ void StreamLoop::continuePacket(TSPacket& packet) {
     }
     Pid& pid = m_Pids[m_Index[number]];
     continueCounter(pid, b[3]);
-    std::size_t payload = HEADER_SIZE;
-    if ((b[3] & ADAPTATION_FIELD) == 0) {
-        m_Clock.pcrs.skip();
-    } else {
+    const bool hasField = (b[3] & ADAPTATION_FIELD) != 0;
+    const std::size_t payload = HEADER_SIZE + (hasField ? 1U + b[4] : 0);
+    if (hasField && b[4] != 0 && (b[5] & (DISCONTINUITY_INDICATOR | PCR_FLAG | OPCR_FLAG)) != 0) {
         followClock(packet);
-        const std::size_t length = b[4];
-        payload += 1 + length;
-        const bool hasPcr = length > 0 && (b[5] & PCR_FLAG) != 0;
-        const bool hasOpcr = length > 0 && (b[5] & OPCR_FLAG) != 0;
-        const std::size_t pcrEnd = 1 + (hasPcr ? PCR_SIZE : 0);  // after the flags
-        if (hasPcr && pcrEnd <= length && length <= MAX_ADAPTATION_FIELD_LENGTH) {
-            advancePcr(b + 6, m_Offset);
-        }
-        if (hasOpcr && pcrEnd + PCR_SIZE <= length && length <= MAX_ADAPTATION_FIELD_LENGTH) {
-            advancePcr(b + 5 + pcrEnd, m_Offset);
-        }
+        continueField(b + HEADER_SIZE);
+    } else {
+        m_Clock.pcrs.skip();
     }
     if ((b[1] & PAYLOAD_UNIT_START) != 0 && (b[3] & (SCRAMBLING_CONTROL | PAYLOAD)) == PAYLOAD &&
         payload < TS_PACKET_SIZE) {
         continuePesHeader(pid, std::span(b + payload, TS_PACKET_SIZE - payload));
+    }
+}
+
+/// @param field an adaptation field: its length, its flags, and then PCR and OPCR
+void StreamLoop::continueField(std::uint8_t* field) const {
+    std::size_t end = 1;  // of the flags, and of each that is there
+    for (const std::uint8_t flag : {PCR_FLAG, OPCR_FLAG}) {
+        if ((field[1] & flag) != 0 && end + PCR_SIZE <= field[0] && field[0] <= MAX_ADAPTATION_FIELD_LENGTH) {
+            advancePcr(field + 1 + end, m_Offset);
+            end += PCR_SIZE;
+        }
     }
 }
 
@@ -128,17 +122,15 @@ void StreamLoop::continueCounter(Pid& pid, std::uint8_t& byte) {
 /// fields that follow: PTS, DTS, ESCR and others.
 void StreamLoop::continuePesHeader(Pid& pid, std::span<std::uint8_t> payload) {
     constexpr std::size_t FIELDS = 9;
-    constexpr std::uint8_t FLAGS_MASK = 0xC0;
-    constexpr std::uint8_t FLAGS_START = 0x80;
-    constexpr unsigned NO_PTS = 0;
-    constexpr unsigned DTS_ALONE = 1;  // forbidden
+    constexpr unsigned FLAGS_MARKER = 2;  // the first two bits of the flags
+    constexpr unsigned DTS_ALONE = 1;     // forbidden
     constexpr std::uint8_t ESCR_FLAG = 0x20;
     if (payload.size() < FIELDS || load<3>(payload.data()) != 1 || !hasPesFlags(payload[3]) ||
-        (payload[6] & FLAGS_MASK) != FLAGS_START) {
+        payload[6] >> 6 != FLAGS_MARKER) {
         return;
     }
     const unsigned ptsDtsFlags = payload[7] >> 6;
-    const std::size_t stamps = ptsDtsFlags == NO_PTS ? 0 : ptsDtsFlags - 1;
+    const std::size_t stamps = ptsDtsFlags == 0 ? 0 : ptsDtsFlags - 1;
     const bool hasEscr = (payload[7] & ESCR_FLAG) != 0;
     const std::size_t length = payload[8];
     if (ptsDtsFlags == DTS_ALONE || length > payload.size() - FIELDS ||

@@ -65,7 +65,7 @@ public:
 
     /// Takes the stream's next packet. Every packet counts, damaged ones too.
     Reading read(const TSPacket& packet);
-    /// As read(), for a packet without adaptation field, which means nothing for the clock.
+    /// As read(), for a packet without PCR and discontinuity indicator.
     void skip() { ++m_PacketIndex; }
     /// Forgets all PCRs; the next ones choose the PID.
     void restart();

@@ -56,6 +56,7 @@ private:
     };
 
     void followClock(const TSPacket& packet);
+    void continueField(std::uint8_t* field) const;
     void continueCounter(Pid& pid, std::uint8_t& byte);
     void continuePesHeader(Pid& pid, std::span<std::uint8_t> payload);
     std::uint64_t findExtension(std::uint64_t length) const;
