@@ -90,7 +90,8 @@ cxxopts::Options declareOptions() {
         ("m,pcrmode", "If given, the transport stream files, will be streamed by the rate of the PCR.", flag())
         ("c,pcrclock", "If given, each packet is sent at the time derived from the PCRs before and after it.", flag())
         ("v,verbose", "If given, debug messages are logged as well.", flag())
-        ("V,version", "Displays the program's name and version.", flag());
+        ("V,version", "Displays the program's name and version.", flag())
+        ("l,loop", "If given, files are repeated endlessly, with continuous clock and counters.", flag());
     // clang-format on
     return options;
 }
@@ -121,6 +122,7 @@ Settings readSettings(const cxxopts::ParseResult& options) {
         settings.pcrPacing = PcrPacing::Clock;
     }
     const bool isPaced = options.count("pcrmode") + options.count("pcrclock") > 0;
+    settings.isLooped = options.count("loop") > 0;
     settings.streamMode = isPaced ? StreamMode::PcrRate : StreamMode::MaxRate;
     return settings;
 }

@@ -19,6 +19,7 @@ struct Settings {
     std::string pktioDataDevice;
     StreamMode streamMode = StreamMode::MaxRate;
     PcrPacing pcrPacing = PcrPacing::Batches;
+    bool isLooped = false;
 };
 
 /// The program's options, with their help texts.

@@ -119,8 +119,9 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
     requireInputs();
     m_PacketDispatcher = std::make_unique<PacketDispatcher>(settings.pktioDataDevice, stop);
     requireInputs();  // a file that has just been created: no stream may play its own output
-    m_PktioStreamManager = std::make_unique<PktioStreamManager>(*m_PacketDispatcher, settings.streamMode,
-                                                                settings.files, stop, settings.pcrPacing);
+    m_PktioStreamManager =
+        std::make_unique<PktioStreamManager>(*m_PacketDispatcher, settings.streamMode, settings.files, stop,
+                                             settings.pcrPacing, settings.isLooped);
     std::vector<std::unique_ptr<LutMonitor>> monitors;
     monitors.push_back(std::make_unique<IpLutMonitor>(std::move(tsio), *m_PktioStreamManager, stop));
     monitors.push_back(std::make_unique<PidLutMonitor>(std::move(router), *m_PktioStreamManager, stop));
@@ -143,6 +144,9 @@ void ZEPTFEMApplication::logSettings(const Settings& settings) const {
                    settings.pcrPacing == PcrPacing::Clock
                        ? "each packet at its PCR time (-c)"
                        : "batches of 100 packets at the mean PCR rate (-m)");
+    }
+    if (settings.isLooped) {
+        Log::debug(*m_Logger, "Files are repeated endlessly (-l)");
     }
 }
 

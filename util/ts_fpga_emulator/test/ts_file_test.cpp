@@ -30,13 +30,15 @@ TEST(TsFile, PacketsAreReadInOrderAndTheEndIsSeenExactly) {
         const std::string bytes = patternBytes(size);
         writeFile(folder / "ts", bytes);
         TsFile file(folder / "ts", {});
-        for (std::size_t at = 0; at + SIZE <= size; at += SIZE) {
-            ASSERT_TRUE(file.readPacket(packet));
-            ASSERT_EQ(std::string(packet.begin(), packet.end()), bytes.substr(at, SIZE));
-            ASSERT_EQ(file.isAtEnd(), at + SIZE == size) << at << " of " << size;
+        for (int pass = 0; pass < 2; ++pass, file.rewind()) {
+            for (std::size_t at = 0; at + SIZE <= size; at += SIZE) {
+                ASSERT_TRUE(file.readPacket(packet));
+                ASSERT_EQ(std::string(packet.begin(), packet.end()), bytes.substr(at, SIZE));
+                ASSERT_EQ(file.isAtEnd(), at + SIZE == size) << at << " of " << size;
+            }
+            EXPECT_FALSE(file.readPacket(packet));
+            EXPECT_FALSE(file.readPacket(packet)) << "an end is final";
         }
-        EXPECT_FALSE(file.readPacket(packet));
-        EXPECT_FALSE(file.readPacket(packet)) << "an end is final";
     }
     // If a look-ahead fails, the next read reports the error.
     TsFile directory(folder / ".", {});

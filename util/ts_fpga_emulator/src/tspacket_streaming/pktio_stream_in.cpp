@@ -70,6 +70,7 @@ void PktioStreamIn::changeRoutes(std::span<const RouteChange> changes) {
         m_Status.routeCount += m_PidFilter.isPidPassed(pid) ? 1 : 0;
         startsThread |= isRouted;
     }
+    m_IsRouted.notify_one();
     if (startsThread && !m_Thread.joinable()) {
         m_Thread = std::jthread(&PktioStreamIn::streamThread, this);
     }
@@ -83,6 +84,9 @@ void PktioStreamIn::streamThread() noexcept {
         ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
         Log::debug(*m_Logger, "Starting stream thread. Streaming packets from file {} to TSIIDX {}",
                    m_InputFile.getName(), m_TSIIDX);
+        if (m_Status.pass > 0 && !m_InputFile.isFeed()) {
+            m_Loop.emplace();
+        }
         m_Pacer == nullptr ? playAdapted() : playClocked();
         Log::debug(*m_Logger, "Stopping packet stream thread for TSIIDX {} with file {}", m_TSIIDX,
                    m_InputFile.getName());
@@ -125,6 +129,9 @@ void PktioStreamIn::fail(const char* what, const std::string& reason) noexcept {
 void PktioStreamIn::playAdapted() {
     Run run{std::unique_lock(m_FilterLock, std::defer_lock), FairTurn(m_Dispatcher.getWriteLock())};
     while (!m_Stop.stop_requested()) {
+        if (m_Loop && !m_IsPaced && m_Status.routeCount == 0) {
+            waitForRoute(run);
+        }
         if (!m_InputFile.isReady(Ts::TS_PACKET_SIZE + 1)) {
             run.end();  // nobody else waits for the file
         }
@@ -138,7 +145,7 @@ void PktioStreamIn::playAdapted() {
             return;
         }
         ++m_HeldCount;
-        const bool last = m_InputFile.isAtEnd();
+        const bool last = !m_Loop && m_InputFile.isAtEnd();
         const std::int32_t answer = m_RateAdapter->bufferPacket(packet, last);
         if (answer == IRateAdapter::DISCARD_OLDEST) {
             removeOldest();
@@ -167,12 +174,44 @@ Ts::LowlevInTSPacket PktioStreamIn::createPacket() const {
 }
 
 bool PktioStreamIn::readPacket(Ts::LowlevInTSPacket& packet) {
-    const bool isRead = m_InputFile.readPacket(
-        std::span<std::uint8_t, Ts::TS_PACKET_SIZE>(packet.getDataPtr(), Ts::TS_PACKET_SIZE));
-    if (isRead) {
-        m_Status.packetsRead.increment();
+    const std::span<std::uint8_t, Ts::TS_PACKET_SIZE> bytes(packet.getDataPtr(), Ts::TS_PACKET_SIZE);
+    while (!m_InputFile.readPacket(bytes)) {
+        if (!m_Loop || !startNextPass()) {
+            return false;
+        }
     }
-    return isRead;
+    m_Status.packetsRead.increment();
+    if (m_Loop) {
+        m_Loop->continuePacket(packet);
+    }
+    return true;
+}
+
+/// False on a stop request, and after a pass without a whole packet, which is the last one.
+bool PktioStreamIn::startNextPass() {
+    const std::uint64_t read = m_Status.packetsRead.load();
+    const bool isIncomplete = m_InputFile.hasIncompletePacket();
+    if (m_Stop.stop_requested() || read == m_Status.packetsBeforePass) {
+        return false;
+    }
+    if (isIncomplete && !std::exchange(m_IsIncompleteReported, true)) {
+        Log::warning(*m_Logger, "TSIIDX {}: {} ends in the middle of a packet; skipping the rest of it",
+                     m_TSIIDX, m_InputFile.getName());
+    }
+    if (!m_Loop->endPass() && !std::exchange(m_IsLengthReported, true)) {
+        Log::warning(*m_Logger, "TSIIDX {}: no two PCRs of {} give its length; its clock is not continued",
+                     m_TSIIDX, m_InputFile.getName());
+    }
+    m_Status.packetsBeforePass = read;
+    ++m_Status.pass;
+    m_InputFile.rewind();
+    return true;
+}
+
+void PktioStreamIn::waitForRoute(Run& run) {
+    run.end();
+    std::unique_lock lock(m_FilterLock);
+    m_IsRouted.wait(lock, m_Stop.get_token(), [this] { return m_Status.routeCount > 0; });
 }
 
 /// After the last packet of the file.
@@ -181,6 +220,15 @@ void PktioStreamIn::finish(std::size_t droppedPackets) {
         return;
     }
     m_Status.setState(StreamStatus::State::Finished);
+    if (m_Loop) {
+        Log::warning(*m_Logger, "TSIIDX {}: {} has no whole packet left; dropping {} held packets", m_TSIIDX,
+                     m_InputFile.getName(), droppedPackets);
+        return;
+    }
+    if (m_Status.pass > 0) {
+        Log::warning(*m_Logger, "TSIIDX {}: {} is not a plain file, so it was played once", m_TSIIDX,
+                     m_InputFile.getName());
+    }
     if (droppedPackets > 0) {
         Log::warning(*m_Logger, "{} ends in the middle of a packet; dropping {} packets held for TSIIDX {}",
                      m_InputFile.getName(), droppedPackets, m_TSIIDX);
@@ -296,7 +344,7 @@ void PktioStreamIn::playClocked() {
         return;
     }
     // What comes after the last PCR is dropped if the file ends in the middle of a packet.
-    if (!m_InputFile.hasIncompletePacket()) {
+    if (m_Loop || !m_InputFile.hasIncompletePacket()) {
         schedule.timeHeld();
     }
     handOver(schedule.takeTimed());

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <stop_token>
 #include <string>
@@ -26,13 +27,14 @@
 #include "vel/cpp_utils/mutex.h"
 #include "vel/ts_basics/ll_tspackets.h"
 #include "vel/ts_basics/pid_filter.h"
+#include "vel/ts_basics/stream_loop.h"
 
 namespace Vel::Utils {
 
-/// One input of the emulated FPGA: plays one transport stream file, once, into the data device, under the
-/// input's TSIIDX. Only packets whose PID is routed when they are released are written. The streaming thread
-/// starts with the first routed PID and ends with the file, with an error, which it logs, or with this
-/// object.
+/// One input of the emulated FPGA: plays one transport stream file, once or endlessly, into the data device,
+/// under the input's TSIIDX. Only packets whose PID is routed when they are released are written. The
+/// streaming thread starts with the first routed PID and ends with the file, with an error, which it logs, or
+/// with this object.
 ///
 /// The streaming thread releases the packets itself, as its rate adapter says; those of a clocked stream are
 /// released by the pacer, and the streaming thread reads ahead.
@@ -62,6 +64,8 @@ public:
     PktioStreamIn(const PktioStreamIn&) = delete;
     PktioStreamIn& operator=(const PktioStreamIn&) = delete;
 
+    /// Repeats the file endlessly, with continuous clock and counters. Called before changeRoutes().
+    void loop() { m_Status.pass = 1; }
     /// Tells the stream that changeRoutes() follows. At full rate it lets go of its filter lock, and waits
     /// for the call; a paced stream, which must not wait long, does so only once the call has begun.
     void announceChange() { m_RoutingWaits = !m_IsPaced; }
@@ -97,6 +101,8 @@ private:
     void playClocked();
     Ts::LowlevInTSPacket createPacket() const;
     bool readPacket(Ts::LowlevInTSPacket& packet);
+    bool startNextPass();
+    void waitForRoute(Run& run);
     void finish(std::size_t droppedPackets);
     void letRoutingCallGoFirst();
     void release(std::int32_t count, Run& run);
@@ -118,6 +124,9 @@ private:
     // The streaming thread's: first the packets that the adapter holds, in order, then free buffers.
     std::deque<Ts::LowlevInTSPacket> m_PacketQueue;
     std::size_t m_HeldCount = 0;
+    std::optional<Ts::StreamLoop> m_Loop;  // the streaming thread's: set if the file is repeated
+    bool m_IsIncompleteReported = false;   // the streaming thread's, as the next one
+    bool m_IsLengthReported = false;
     bool m_IsOutputOver = false;  // the streaming thread's: a record was dropped after a stop request
     Pacer* m_Pacer = nullptr;     // set if the stream is clocked
     std::vector<Ts::LowlevInTSPacket> m_Buffers;  // the streaming thread's, of a clocked stream: free buffers
@@ -129,6 +138,7 @@ private:
     // Of a clocked stream: packets with a due time, of which the first m_NextDue have been sent.
     std::vector<ClockSchedule::TimedPacket> m_Due VEL_GUARDED_BY(m_FilterLock);
     std::size_t m_NextDue VEL_GUARDED_BY(m_FilterLock) = 0;
+    std::condition_variable_any m_IsRouted;  // at least one PID is
     StreamStatus m_Status;
     Ts::Misc::PidFilter m_PidFilter VEL_GUARDED_BY(m_FilterLock);
     std::condition_variable_any m_PacerIsDone;  // all of m_Due has been sent

@@ -9,11 +9,13 @@
 namespace Vel::Utils {
 
 PktioStreamManager::PktioStreamManager(PacketDispatcher& dispatcher, StreamMode mode,
-                                       const UriFileList& files, std::stop_token stop, PcrPacing pacing)
+                                       const UriFileList& files, std::stop_token stop, PcrPacing pacing,
+                                       bool isLooped)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())),
       m_Dispatcher(dispatcher),
       m_Files(files),
       m_Mode(mode),
+      m_IsLooped(isLooped),
       m_Stop(std::move(stop)) {
     if (mode == StreamMode::PcrRate && pacing == PcrPacing::Clock) {
         m_Pacer.emplace(dispatcher).start();
@@ -103,6 +105,9 @@ void PktioStreamManager::handleInputTsAdd(const FPGAMonEvent_InputTSAdded& event
         return;
     }
     auto stream = makeStream(file->second, tsiidx);
+    if (m_IsLooped) {
+        stream->loop();
+    }
     {
         const std::lock_guard lock(m_StreamsLock);
         m_ToCpuPktioStreams.emplace(tsiidx, InputStream{event.getUri(), std::move(stream), {}});

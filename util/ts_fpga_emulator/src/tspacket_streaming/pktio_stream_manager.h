@@ -34,7 +34,8 @@ public:
     /// @param dispatcher must outlive the manager
     /// @param stop requested at shutdown; passed to every stream
     PktioStreamManager(PacketDispatcher& dispatcher, StreamMode mode, const UriFileList& files,
-                       std::stop_token stop = {}, PcrPacing pacing = PcrPacing::Batches);
+                       std::stop_token stop = {}, PcrPacing pacing = PcrPacing::Batches,
+                       bool isLooped = false);
     /// Drops the pending routes and stops the streams. Logs the status if debug lines are logged.
     ~PktioStreamManager() override;
 
@@ -80,6 +81,7 @@ private:
     std::vector<std::unique_ptr<PktioStreamIn>> m_Removed;     // by the change in progress, and ending
     std::vector<PendingRoute> m_PendingRoutes;                 // of inputs without a stream, in order
     StreamMode m_Mode;
+    bool m_IsLooped;  // files are repeated endlessly
     std::stop_token m_Stop;
     std::chrono::steady_clock::time_point m_Start = std::chrono::steady_clock::now();
 };

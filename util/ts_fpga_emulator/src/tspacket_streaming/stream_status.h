@@ -28,6 +28,9 @@ public:
     CppUtil::Counter packetsRead;
     CppUtil::Counter packetsReleased;  // written, dropped, or not routed
     CppUtil::Counter packetsWritten;
+    // Of a looped stream.
+    std::atomic<std::uint64_t> pass = 0;  // 1 is the first one
+    std::atomic<std::uint64_t> packetsBeforePass = 0;
 
 private:
     std::atomic<State> m_State = State::Waiting;

@@ -51,6 +51,11 @@ bool TsFile::isAtEnd() {
     return m_Position == m_Filled && m_EndOfFile;
 }
 
+void TsFile::rewind() {
+    m_Position = m_Filled = 0;
+    m_EndOfFile = ::lseek(m_File.get(), 0, SEEK_SET) != 0;
+}
+
 bool TsFile::waitForFeed(std::chrono::milliseconds limit) const {
     return CppUtil::waitFor(m_File.get(), POLLIN, m_Stop, limit);
 }

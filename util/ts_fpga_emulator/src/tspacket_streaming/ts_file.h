@@ -29,6 +29,9 @@ public:
     /// Whether nothing at all follows. False on a stop request, and if reading fails: the next readPacket()
     /// reports that, once the packets before it have been used.
     [[nodiscard]] bool isAtEnd();
+    /// Continues with the first packet, of a plain file only. What is left of an incomplete packet is
+    /// dropped.
+    void rewind();
 
     /// Whether the next `bytes` can be read without waiting for the file; isAtEnd() needs one more than the
     /// packet before it.
