@@ -1,5 +1,6 @@
 // A TS file, paced by its PCRs in both ways, against a clock of the target's own: all packets of a whole file
-// are released, and have due times in order, whatever its bytes are; and none that was not there.
+// are released, and have due times in order, whatever its bytes are; and none that was not there. In a loop,
+// the second pass is as much later for every PCR.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -16,6 +18,7 @@
 #include "tspacket_streaming/ts_file.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/ts_basics/ll_tspackets.h"
+#include "vel/ts_basics/stream_loop.h"
 
 namespace {
 
@@ -29,6 +32,29 @@ struct FakeClock : Utils::MonotonicClock {
     }
     mutable std::uint64_t nowNs = 0;
 };
+
+void checkLoop(const std::uint8_t* data, std::size_t packets) {
+    Ts::StreamLoop loop;
+    std::optional<Ts::PcrTicks> advance;
+    for (const bool isFirst : {true, false}) {
+        for (std::size_t i = 0; i < packets; ++i) {
+            const std::uint8_t* const original = data + i * Ts::TS_PACKET_SIZE;
+            auto packet = Ts::LowlevInTSPacket::create<Ts::TS_PACKET_SIZE>();
+            std::copy_n(original, Ts::TS_PACKET_SIZE, packet.getDataPtr());
+            const auto before = Ts::readPcr(packet);
+            loop.continuePacket(packet);
+            const auto after = Ts::readPcr(packet);
+            REQUIRE(before.has_value() == after.has_value());
+            REQUIRE(!isFirst || std::equal(original, original + Ts::TS_PACKET_SIZE, packet.getDataPtr()));
+            if (!isFirst && before) {
+                const auto moved = Ts::pcrDistance(*before, *after);
+                REQUIRE(moved == advance.value_or(moved) && moved.count() % Ts::PCR_TICKS_PER_BASE == 0);
+                advance = moved;
+            }
+        }
+        loop.endPass();
+    }
+}
 
 }  // namespace
 
@@ -75,6 +101,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         REQUIRE(schedule.getHeldCount() < Utils::ClockSchedule::MAX_HELD_PACKETS);
     }
     const std::size_t packets = size / Ts::TS_PACKET_SIZE;
+    checkLoop(data, packets);
     REQUIRE(released + held == packets);
     REQUIRE(size % Ts::TS_PACKET_SIZE != 0 || (released == packets && timed == packets));
     return 0;
