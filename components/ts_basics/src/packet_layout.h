@@ -19,4 +19,14 @@ inline constexpr std::uint8_t DISCONTINUITY_INDICATOR = 0x80;  // byte 5
 inline constexpr std::uint8_t PCR_FLAG = 0x10;
 inline constexpr std::uint8_t OPCR_FLAG = 0x08;
 
+/// @param b the bytes of a packet, as in isIntact()
+inline std::uint32_t pidOf(const std::uint8_t* b) {
+    return (b[1] & PID_HIGH_BITS) * 256U + b[2];
+}
+
+/// Whether what the packet says counts. Null packets say nothing, whatever their bytes are.
+inline bool isIntact(const std::uint8_t* b) {
+    return b[0] == SYNC_BYTE && (b[1] & TRANSPORT_ERROR) == 0 && pidOf(b) != NULL_PID;
+}
+
 }  // namespace Vel::Ts

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "packet_layout.h"
+
 namespace Vel::Ts {
 
 namespace {
@@ -12,11 +14,6 @@ namespace {
 constexpr std::size_t PCR_OFFSET = 6;
 constexpr std::size_t PCR_SIZE = 6;
 
-/// Null packets have no clock, whatever their bytes are.
-bool isIntact(const TSPacket& packet) {
-    return packet.hasSyncByte() && !packet.hasTransportError() && packet.getPid() != NULL_PID;
-}
-
 }  // namespace
 
 std::optional<PcrTicks> readPcr(const TSPacket& packet) {
@@ -24,7 +21,7 @@ std::optional<PcrTicks> readPcr(const TSPacket& packet) {
     constexpr std::uint8_t MIN_LENGTH = 1 + PCR_SIZE;  // the flags and the PCR
     const std::uint8_t* bytes = packet.getDataPtr();
     if (!packet.hasPcr() || bytes[LENGTH_OFFSET] < MIN_LENGTH ||
-        bytes[LENGTH_OFFSET] > MAX_ADAPTATION_FIELD_LENGTH || !isIntact(packet)) {
+        bytes[LENGTH_OFFSET] > MAX_ADAPTATION_FIELD_LENGTH || !isIntact(bytes)) {
         return std::nullopt;
     }
     return PcrTicks(packet.getPcr()) % PCR_WRAP;  // an extension above 299 can lift it past the wrap
@@ -43,7 +40,7 @@ PcrClock::Reading PcrClock::read(const TSPacket& packet) {
         restart();
     }
     const auto pcr = readPcr(packet);
-    const bool isDiscontinuous = packet.hasDiscontinuityIndicator() && isIntact(packet);
+    const bool isDiscontinuous = packet.hasDiscontinuityIndicator() && isIntact(packet.getDataPtr());
     if (!pcr && !isDiscontinuous) {
         return {};
     }

@@ -67,16 +67,16 @@ bool hasPesFlags(std::uint8_t streamId) {
 
 void StreamLoop::continuePacket(TSPacket& packet) {
     std::uint8_t* const b = packet.getDataPtr();
-    const std::uint32_t number = (b[1] & PID_HIGH_BITS) * 256U + b[2];
-    if (b[0] != SYNC_BYTE || (b[1] & TRANSPORT_ERROR) != 0 || number == NULL_PID) {
+    if (!isIntact(b)) {
         m_Clock.pcrs.skip();
         return;
     }
-    if (m_Index[number] == 0) {
-        m_Index[number] = static_cast<std::uint16_t>(m_Pids.size());
+    std::uint16_t& index = m_Index[pidOf(b)];
+    if (index == 0) {
+        index = static_cast<std::uint16_t>(m_Pids.size());
         m_Pids.emplace_back();
     }
-    Pid& pid = m_Pids[m_Index[number]];
+    Pid& pid = m_Pids[index];
     continueCounter(pid, b[3]);
     const bool hasField = (b[3] & ADAPTATION_FIELD) != 0;
     const std::size_t payload = HEADER_SIZE + (hasField ? 1U + b[4] : 0);

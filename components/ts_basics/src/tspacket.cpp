@@ -28,8 +28,7 @@ bool TSPacket::hasSyncByte() const {
 }
 
 std::uint32_t TSPacket::getPid() const {
-    const std::uint8_t* b = getDataPtr();
-    return (b[1] & PID_HIGH_BITS) * 256U + b[2];
+    return pidOf(getDataPtr());
 }
 
 void TSPacket::setPid(std::uint32_t pid) {
