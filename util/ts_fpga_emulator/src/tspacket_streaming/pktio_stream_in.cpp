@@ -190,11 +190,10 @@ bool PktioStreamIn::readPacket(Ts::LowlevInTSPacket& packet) {
 /// False on a stop request, and after a pass without a whole packet, which is the last one.
 bool PktioStreamIn::startNextPass() {
     const std::uint64_t read = m_Status.packetsRead.load();
-    const bool isIncomplete = m_InputFile.hasIncompletePacket();
     if (m_Stop.stop_requested() || read == m_Status.packetsBeforePass) {
         return false;
     }
-    if (isIncomplete && !std::exchange(m_IsIncompleteReported, true)) {
+    if (m_InputFile.hasIncompletePacket() && !std::exchange(m_IsIncompleteReported, true)) {
         Log::warning(*m_Logger, "TSIIDX {}: {} ends in the middle of a packet; skipping the rest of it",
                      m_TSIIDX, m_InputFile.getName());
     }
