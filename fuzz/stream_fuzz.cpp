@@ -1,6 +1,6 @@
 // A TS file, paced by its PCRs in both ways, against a clock of the target's own: all packets of a whole file
 // are released, and have due times in order, whatever its bytes are; and none that was not there. In a loop,
-// the second pass is as much later for every PCR.
+// the second pass advances every PCR by the same amount.
 
 #include <sys/mman.h>
 #include <unistd.h>

@@ -60,7 +60,7 @@ std::uint64_t advanceStamp(std::uint8_t* field, std::uint64_t offset, unsigned b
 /// program_stream_directory.
 bool hasPesFlags(std::uint8_t streamId) {
     constexpr std::array<std::uint8_t, 8> WITHOUT = {0xBC, 0xBE, 0xBF, 0xF0, 0xF1, 0xF2, 0xF8, 0xFF};
-    return std::ranges::find(WITHOUT, streamId) == WITHOUT.end();
+    return streamId >= WITHOUT.front() && std::ranges::find(WITHOUT, streamId) == WITHOUT.end();
 }
 
 }  // namespace

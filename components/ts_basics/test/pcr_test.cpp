@@ -100,13 +100,6 @@ TEST(PcrClock, ChoosesAgainWhenThePidFallsSilent) {
     EXPECT_EQ(clock.getPid(), 0x101U);
     clock.restart();
     EXPECT_EQ(readAll(clock, "a8 a9"), "c 1/1");
-
-    PcrClock slow;
-    readAll(slow, "a5");
-    for (std::uint64_t i = 0; i < PcrClock::MAX_STEP_PACKETS; ++i) {
-        slow.read(packetOf("b"));
-    }
-    EXPECT_EQ(readAll(slow, "a6 a7"), "c 1/1") << "a candidate's PCRs are too far apart as well";
 }
 
 }  // namespace

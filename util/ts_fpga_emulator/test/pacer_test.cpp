@@ -69,9 +69,9 @@ std::deque<nanoseconds> every(microseconds interval, int count, microseconds fir
 }
 
 TEST(Pacer, WakesUpForGroupsOfAllInputsTogether) {
-    std::vector<std::deque<nanoseconds>> inputs;
-    for (int i = 0; i < 64; ++i) {
-        inputs.push_back(every(microseconds(1500), 1000, microseconds(i * 23)));
+    std::vector<std::deque<nanoseconds>> inputs(64);
+    for (std::size_t i = 0; i < inputs.size(); ++i) {
+        inputs[i] = every(microseconds(1500), 1000, i * microseconds(23));
     }
     Play play(std::move(inputs));
     play.run();
@@ -198,6 +198,7 @@ TEST(FairLock, ExcludesOthersHoweverItIsReleased) {
     int owners = 0;
     int uses = 0;
     std::vector<std::jthread> users;
+    users.reserve(4);
     for (int i = 0; i < 4; ++i) {
         users.emplace_back([&, i] {
             for (int n = 0; n < 20'000; ++n) {

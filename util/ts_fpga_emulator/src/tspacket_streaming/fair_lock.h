@@ -9,20 +9,18 @@
 #include <mutex>
 #include <stop_token>
 
-#include "vel/cpp_utils/mutex.h"
-
 namespace Vel::Utils {
 
 /// A lock whose owner decides whether the thread that has waited longest gets it next. Thread-safe.
-class VEL_THREAD_SAFETY(capability("mutex")) FairLock {
+class FairLock {
 public:
     /// Waits for the lock. A waiting thread leaves the queue at once on a stop request; then the lock is not
     /// taken, and the result is false. A lock that is free is always taken.
-    [[nodiscard]] bool lock(const std::stop_token& stop) VEL_THREAD_SAFETY(try_acquire_capability(true));
+    [[nodiscard]] bool lock(const std::stop_token& stop);
     /// The next thread that asks gets the lock: no thread has to be woken up for each short use of it.
-    void unlock() VEL_THREAD_SAFETY(release_capability());
+    void unlock();
     /// The thread that has waited longest gets the lock, so that none starves.
-    void handOver() VEL_THREAD_SAFETY(release_capability());
+    void handOver();
     /// Number of threads that wait.
     std::size_t getWaiterCount() const { return m_WaiterCount.load(std::memory_order_relaxed); }
 

@@ -11,7 +11,6 @@
 #include "tspacket_streaming/fair_lock.h"
 #include "vel/cpp_utils/counter.h"
 #include "vel/cpp_utils/log.h"
-#include "vel/cpp_utils/mutex.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/ts_basics/ll_tspackets.h"
 
@@ -48,12 +47,13 @@ public:
     bool dispatch(Ts::LowlevInTSPacket& packet, const std::stop_token& stop = {});
 
     /// Taken last, after a stream's filter lock. A stream may keep it for several records.
-    FairLock& getWriteLock() VEL_THREAD_SAFETY(lock_returned(m_WriteLock)) { return m_WriteLock; }
+    FairLock& getWriteLock() { return m_WriteLock; }
     /// As dispatch(), for the owner of the write lock, but never waits.
-    Outcome tryDispatch(Ts::LowlevInTSPacket& packet) VEL_REQUIRES(m_WriteLock);
-    /// Waits until the device has taken the record that has been started, and is ready for more. False on a
-    /// stop request; then the record is still completed, unless the device takes nothing for a second.
-    bool waitForDevice(const std::stop_token& stop) VEL_REQUIRES(m_WriteLock);
+    Outcome tryDispatch(Ts::LowlevInTSPacket& packet);
+    /// For the owner of the write lock. Waits until the device has taken the record that has been started,
+    /// and is ready for more. False on a stop request; then the record is still completed, unless the device
+    /// takes nothing for a second.
+    bool waitForDevice(const std::stop_token& stop);
 
     /// Records written so far.
     std::uint64_t getRecordCount() const { return m_RecordCount.load(); }
@@ -61,21 +61,21 @@ public:
 private:
     enum class Device { Open, Failed, NeverOpened };
 
-    void openDevice(const std::string& path, const std::stop_token& stop) VEL_REQUIRES(m_WriteLock);
-    void takeDevice() VEL_REQUIRES(m_WriteLock);
-    std::size_t write(std::span<const std::uint8_t> bytes) VEL_REQUIRES(m_WriteLock);
-    void writeRest() VEL_REQUIRES(m_WriteLock);
+    void openDevice(const std::string& path, const std::stop_token& stop);
+    void takeDevice();
+    std::size_t write(std::span<const std::uint8_t> bytes);
+    void writeRest();
     void logIncomplete(std::size_t written, std::size_t size, const std::string& reason) const;
 
     std::shared_ptr<spdlog::logger> m_Logger;
-    FairLock m_WriteLock;
-    CppUtil::FileDescriptor m_File VEL_GUARDED_BY(m_WriteLock);
-    Device m_Device VEL_GUARDED_BY(m_WriteLock) = Device::Failed;
-    int m_Error VEL_GUARDED_BY(m_WriteLock) = 0;             // errno of what failed
-    bool m_IsReported VEL_GUARDED_BY(m_WriteLock) = false;   // a stream has reported the failure
-    bool m_WasWritable VEL_GUARDED_BY(m_WriteLock) = false;  // poll() has said so since the last write
-    std::vector<std::uint8_t> m_Started VEL_GUARDED_BY(m_WriteLock);  // a record; mostly none
-    std::size_t m_StartedBytes VEL_GUARDED_BY(m_WriteLock) = 0;       // of it, written
+    FairLock m_WriteLock;  // guards the following, except for the counter and the name
+    CppUtil::FileDescriptor m_File;
+    Device m_Device = Device::Failed;
+    int m_Error = 0;                      // errno of what failed
+    bool m_IsReported = false;            // a stream has reported the failure
+    bool m_WasWritable = false;           // poll() has said so since the last write
+    std::vector<std::uint8_t> m_Started;  // a record; mostly none
+    std::size_t m_StartedBytes = 0;       // of it, written
     CppUtil::Counter m_RecordCount;
     std::string m_DeviceName;  // for messages
 };

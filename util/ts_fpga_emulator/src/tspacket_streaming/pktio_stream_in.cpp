@@ -85,7 +85,7 @@ void PktioStreamIn::streamThread() noexcept {
         Log::debug(*m_Logger, "Starting stream thread. Streaming packets from file {} to TSIIDX {}",
                    m_InputFile.getName(), m_TSIIDX);
         if (m_Status.pass > 0 && !m_InputFile.isFeed()) {
-            m_Loop.emplace();
+            m_Loop = std::make_unique<Ts::StreamLoop>();
         }
         m_Pacer == nullptr ? playAdapted() : playClocked();
         Log::debug(*m_Logger, "Stopping packet stream thread for TSIIDX {} with file {}", m_TSIIDX,
@@ -252,6 +252,7 @@ void PktioStreamIn::release(std::int32_t count, Run& run) {
     if (!run.filter.owns_lock()) {
         run.filter.lock();
     }
+    m_FilterLock.assertHeld();
     for (; count > 0; --count) {
         m_RateAdapter->delayPacket();
         Ts::LowlevInTSPacket& oldest = m_PacketQueue.front();
@@ -348,7 +349,7 @@ void PktioStreamIn::playClocked() {
     }
     handOver(schedule.takeTimed());
     std::unique_lock lock(m_FilterLock);
-    m_PacerIsDone.wait(lock, m_Stop.get_token(), [this] { return m_NextDue == m_Due.size(); });
+    m_PacerIsDone.wait(lock, m_Stop.get_token(), [this] { return isAllSent(); });
     lock.unlock();
     finish(schedule.getHeldCount());
 }
@@ -380,6 +381,7 @@ std::size_t PktioStreamIn::handOver(std::vector<ClockSchedule::TimedPacket> pack
     const auto firstDue = packets.front().due;
     std::vector<ClockSchedule::TimedPacket> due;
     std::unique_lock lock(m_FilterLock);
+    m_FilterLock.assertHeld();
     const std::size_t left = m_Due.size() - m_NextDue;
     due.reserve(left + packets.size());
     std::move(m_Due.end() - static_cast<std::ptrdiff_t>(left), m_Due.end(), std::back_inserter(due));
@@ -399,7 +401,7 @@ std::size_t PktioStreamIn::handOver(std::vector<ClockSchedule::TimedPacket> pack
 /// Waits until half of what has been read ahead is sent: so the thread rarely wakes up. Returns how many
 /// packets the pacer has.
 std::size_t PktioStreamIn::waitForPacer(std::chrono::nanoseconds readAheadEnd) {
-    const auto isDone = [this] { return m_NextDue == m_Due.size(); };
+    const auto isDone = [this] { return isAllSent(); };
     const auto ahead = readAheadEnd - m_Pacer->now();
     std::unique_lock lock(m_FilterLock);
     if (ahead > ahead.zero()) {
@@ -408,7 +410,13 @@ std::size_t PktioStreamIn::waitForPacer(std::chrono::nanoseconds readAheadEnd) {
     } else {
         m_PacerIsDone.wait(lock, m_Stop.get_token(), isDone);
     }
+    m_FilterLock.assertHeld();
     return m_Due.size() - m_NextDue;
+}
+
+bool PktioStreamIn::isAllSent() const {
+    m_FilterLock.assertHeld();
+    return m_NextDue == m_Due.size();
 }
 
 /// From the pacer's queue to the PID filter and the data device.

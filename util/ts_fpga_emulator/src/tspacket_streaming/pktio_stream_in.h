@@ -9,7 +9,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <span>
 #include <stop_token>
 #include <string>
@@ -95,8 +94,8 @@ private:
 
     void streamThread() noexcept;
     void freeBuffers() noexcept;
-    void fail(const char* what, const std::string& reason) noexcept;
-    void failWithCurrentException() noexcept;
+    void fail(const char* what, const std::string& reason) noexcept VEL_REQUIRES(m_FilterLock);
+    void failWithCurrentException() noexcept VEL_REQUIRES(m_FilterLock);
     void playAdapted();
     void playClocked();
     Ts::LowlevInTSPacket createPacket() const;
@@ -107,10 +106,11 @@ private:
     void letRoutingCallGoFirst();
     void release(std::int32_t count, Run& run);
     void removeOldest();
-    bool writeInRelease(Ts::LowlevInTSPacket& packet);
-    bool writeInRun(Ts::LowlevInTSPacket& packet, Run& run);
+    bool writeInRelease(Ts::LowlevInTSPacket& packet) VEL_REQUIRES(m_FilterLock);
+    bool writeInRun(Ts::LowlevInTSPacket& packet, Run& run) VEL_REQUIRES(m_FilterLock);
     void waitForFeed(ClockSchedule& schedule, bool& isOverdue);
     std::size_t handOver(std::vector<ClockSchedule::TimedPacket> packets);
+    bool isAllSent() const;
     std::size_t waitForPacer(std::chrono::nanoseconds readAheadEnd);
     Pacer::Rest releaseDue(std::chrono::nanoseconds limit) noexcept;
 
@@ -124,7 +124,7 @@ private:
     // The streaming thread's: first the packets that the adapter holds, in order, then free buffers.
     std::deque<Ts::LowlevInTSPacket> m_PacketQueue;
     std::size_t m_HeldCount = 0;
-    std::optional<Ts::StreamLoop> m_Loop;  // the streaming thread's: set if the file is repeated
+    std::unique_ptr<Ts::StreamLoop> m_Loop;  // the streaming thread's: set if the file is repeated
     bool m_IsIncompleteReported = false;   // the streaming thread's, as the next one
     bool m_IsLengthReported = false;
     bool m_IsOutputOver = false;  // the streaming thread's: a record was dropped after a stop request

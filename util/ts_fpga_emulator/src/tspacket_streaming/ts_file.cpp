@@ -53,7 +53,8 @@ bool TsFile::isAtEnd() {
 
 void TsFile::rewind() {
     m_Position = m_Filled = 0;
-    m_EndOfFile = ::lseek(m_File.get(), 0, SEEK_SET) != 0;
+    m_EndOfFile = false;
+    m_Error = ::lseek(m_File.get(), 0, SEEK_SET) == 0 ? 0 : errno;
 }
 
 bool TsFile::waitForFeed(std::chrono::milliseconds limit) const {

@@ -40,7 +40,7 @@ public:
 
 private:
     std::array<PcrPace, MEAN_INTERVALS> m_Intervals{};
-    std::size_t m_Count = 0;  // of all intervals so far
+    std::uint64_t m_Count = 0;  // of all intervals so far
 };
 
 }  // namespace Vel::Ts

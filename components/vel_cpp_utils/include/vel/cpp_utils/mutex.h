@@ -18,7 +18,10 @@ namespace Vel::CppUtil {
 class VEL_THREAD_SAFETY(capability("mutex")) Mutex {
 public:
     void lock() VEL_THREAD_SAFETY(acquire_capability()) { m_Mutex.lock(); }
+    // NOLINTNEXTLINE(readability-identifier-naming): the name that std::unique_lock expects
     bool try_lock() VEL_THREAD_SAFETY(try_acquire_capability(true)) { return m_Mutex.try_lock(); }
+    /// Tells Clang that a std::unique_lock, which it cannot follow, holds the mutex.
+    void assertHeld() const VEL_THREAD_SAFETY(assert_capability(this)) {}
     void unlock() VEL_THREAD_SAFETY(release_capability()) { m_Mutex.unlock(); }
 
 private:
