@@ -50,7 +50,7 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     write('d', 2);
     ::fcntl(reader.get(), F_SETFL, O_NONBLOCK);
     const ssize_t got = ::read(reader.get(), record.data(), SIZE);
-    EXPECT_TRUE(0 < got && got < SIZE) << got << ": a started record is given up after a while";
+    EXPECT_TRUE(0 < got && got < ssize_t{SIZE}) << got << ": a started record is given up after a while";
     EXPECT_EQ(::read(reader.get(), record.data(), SIZE), -1) << "the second one is not started";
 }
 

@@ -32,7 +32,10 @@ class RecentIntervals {
 public:
     static constexpr std::size_t MEAN_INTERVALS = 10;
 
-    void add(PcrPace interval) { m_Intervals[m_Count++ % MEAN_INTERVALS] = interval; }
+    void add(PcrPace interval) {
+        m_Intervals[static_cast<std::size_t>(m_Count % MEAN_INTERVALS)] = interval;
+        ++m_Count;
+    }
     bool isEmpty() const { return m_Count == 0; }
     /// @param count packets that follow the last interval, at most PcrClock::MAX_STEP_PACKETS. Not while
     /// isEmpty().
