@@ -125,7 +125,7 @@ private:
     std::deque<Ts::LowlevInTSPacket> m_PacketQueue;
     std::size_t m_HeldCount = 0;
     std::unique_ptr<Ts::StreamLoop> m_Loop;  // the streaming thread's: set if the file is repeated
-    bool m_IsIncompleteReported = false;   // the streaming thread's, as the next one
+    bool m_IsIncompleteReported = false;     // the streaming thread's, as the next one
     bool m_IsLengthReported = false;
     bool m_IsOutputOver = false;  // the streaming thread's: a record was dropped after a stop request
     Pacer* m_Pacer = nullptr;     // set if the stream is clocked
