@@ -120,7 +120,7 @@ private:
     std::stop_callback<std::function<void()>> m_Shutdown;  // requests m_Stop
     TsFile m_InputFile;                                    // the streaming thread's, except for its size
     std::unique_ptr<IRateAdapter> m_RateAdapter;  // the streaming thread's; null if the stream is clocked
-    bool m_IsPaced;                               // the adapter holds packets back: not at full rate
+    bool m_IsPaced;                               // by the adapter or the pacer: not at full rate
     // The streaming thread's: first the packets that the adapter holds, in order, then free buffers.
     std::deque<Ts::LowlevInTSPacket> m_PacketQueue;
     std::size_t m_HeldCount = 0;
