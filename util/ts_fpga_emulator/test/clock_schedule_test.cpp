@@ -44,7 +44,7 @@ struct Play {
         ASSERT_EQ(due.size(), packets);
     }
     void take() {
-        ASSERT_EQ(schedule.hasTimed(), schedule.getHeldCount() + due.size() < packets);
+        ASSERT_EQ(schedule.getTimedCount() > 0, schedule.getHeldCount() + due.size() < packets);
         for (const auto& [packet, time, pid] : schedule.takeTimed()) {
             ASSERT_EQ(Ts::readRecordHeader(packet.getDataPtr() + 184), due.size()) << "order";
             due.push_back(time.count() - START);

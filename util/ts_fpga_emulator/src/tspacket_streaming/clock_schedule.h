@@ -55,7 +55,7 @@ public:
     void timeHeld();
     /// Moves out the packets that have been given due times since the last call, in order.
     [[nodiscard]] std::vector<TimedPacket> takeTimed();
-    bool hasTimed() const { return !m_Timed.empty(); }
+    std::size_t getTimedCount() const { return m_Timed.size(); }
 
     /// Number of packets that wait for a PCR.
     std::size_t getHeldCount() const { return m_Held.size(); }

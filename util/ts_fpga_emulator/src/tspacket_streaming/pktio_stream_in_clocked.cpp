@@ -16,6 +16,7 @@ void PktioStreamIn::playClocked() {
     ClockSchedule schedule(m_TSIIDX, isFeed, [this] { return m_Pacer->progress(); });
     std::size_t inPacer = 0;  // packets, at most
     bool isOverdue = false;   // what is held of a feed
+    auto readUpTo = m_Pacer->now() + READ_AHEAD;
     while (!m_Stop.stop_requested()) {
         if (isFeed && !m_InputFile.isReady(Ts::TS_PACKET_SIZE)) {
             waitForFeed(schedule, isOverdue);
@@ -28,14 +29,16 @@ void PktioStreamIn::playClocked() {
         }
         schedule.add(std::move(m_Buffers.back()));
         m_Buffers.pop_back();
-        bool isAhead = false;
-        if (schedule.hasTimed()) {
+        const std::size_t timed = schedule.getTimedCount();
+        bool isAhead = timed > 0 && schedule.hasPace() && schedule.getEnd() >= readUpTo;
+        const bool isFull = inPacer + timed + schedule.getHeldCount() >= ClockSchedule::MAX_HELD_PACKETS;
+        if (timed > 0 && (isFeed || inPacer == 0 || isAhead || isFull)) {
             inPacer = handOver(schedule.takeTimed());
-            isAhead = schedule.hasPace() && schedule.getEnd() - m_Pacer->now() >= READ_AHEAD;
         }
         while (!m_Stop.stop_requested() &&
                (isAhead || inPacer + schedule.getHeldCount() >= ClockSchedule::MAX_HELD_PACKETS)) {
             inPacer = waitForPacer(schedule.getEnd());
+            readUpTo = m_Pacer->now() + READ_AHEAD;
             isAhead = false;
         }
     }
