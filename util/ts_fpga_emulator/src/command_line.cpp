@@ -91,7 +91,8 @@ cxxopts::Options declareOptions() {
         ("c,pcrclock", "If given, each packet is sent at the time derived from the PCRs before and after it.", flag())
         ("v,verbose", "If given, debug messages are logged as well.", flag())
         ("V,version", "Displays the program's name and version.", flag())
-        ("l,loop", "If given, files are repeated endlessly, with continuous clock and counters.", flag());
+        ("l,loop", "If given, files are repeated endlessly, with continuous clock and counters.", flag())
+        ("k,keep", "If given, a FIFO data device stays open when its reader closes it.", flag());
     // clang-format on
     return options;
 }
@@ -123,6 +124,7 @@ Settings readSettings(const cxxopts::ParseResult& options) {
     }
     const bool isPaced = options.count("pcrmode") + options.count("pcrclock") > 0;
     settings.isLooped = options.count("loop") > 0;
+    settings.keepsFifo = options.count("keep") > 0;
     settings.streamMode = isPaced ? StreamMode::PcrRate : StreamMode::MaxRate;
     return settings;
 }

@@ -20,6 +20,7 @@ struct Settings {
     StreamMode streamMode = StreamMode::MaxRate;
     PcrPacing pcrPacing = PcrPacing::Batches;
     bool isLooped = false;
+    bool keepsFifo = false;
 };
 
 /// The program's options, with their help texts.

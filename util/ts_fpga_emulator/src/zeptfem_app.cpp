@@ -1,7 +1,9 @@
 #include "zeptfem_app.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <system_error>
@@ -30,6 +32,15 @@ void requireOtherFile(const std::string& dataDevice, const char* role, const std
             fmt::format("The data device \"{}\" is the {} \"{}\" and would be emptied.",
                         escapeControls(dataDevice), role, escapeControls(path)));
     }
+}
+
+/// A wrong path would otherwise show up only once something is routed. Opening a feed would end its writer.
+std::string whyUnreadable(const std::string& path) {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored)) {
+        return CppUtil::errnoText(EISDIR);
+    }
+    return ::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0 ? "" : CppUtil::errnoText(errno);
 }
 
 }  // namespace
@@ -105,6 +116,12 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
     }
     const Settings settings = readSettings(options);
     logSettings(settings);
+    for (const auto& [uri, file] : settings.files) {
+        if (const std::string reason = whyUnreadable(file); !file.empty() && !reason.empty()) {
+            Log::warning(*m_Logger, "Cannot read {} of {}: {}", escapeControls(file), escapeControls(uri),
+                         reason);
+        }
+    }
     const std::stop_token stop = m_Stop.get_token();
 
     auto tsio = std::make_shared<Pci::PciIf>(settings.tsioDevice, Drivers::Zep::TSIO_DEVICE.size, 0);
@@ -117,7 +134,8 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
     requireOtherFile(settings.pktioDataDevice, "control device", settings.tsioDevice);
     requireOtherFile(settings.pktioDataDevice, "control device", settings.routerDevice);
     requireInputs();
-    m_PacketDispatcher = std::make_unique<PacketDispatcher>(settings.pktioDataDevice, stop);
+    m_PacketDispatcher =
+        std::make_unique<PacketDispatcher>(settings.pktioDataDevice, stop, settings.keepsFifo);
     requireInputs();  // a file that has just been created: no stream may play its own output
     m_PktioStreamManager =
         std::make_unique<PktioStreamManager>(*m_PacketDispatcher, settings.streamMode, settings.files, stop,

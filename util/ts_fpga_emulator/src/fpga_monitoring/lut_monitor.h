@@ -53,8 +53,8 @@ template <typename Row>
 template <typename Table>
 class TableLutMonitor final : public LutMonitor {
 public:
-    /// Reads the table once. If it already holds rows, a warning gives their number, and the first poll
-    /// reports them as added.
+    /// Reads the table once. If it already holds rows, a log line gives their number, and the first
+    /// poll reports them as added.
     /// @param stop interrupts the wait for a table that never becomes stable
     TableLutMonitor(std::shared_ptr<Drivers::IMemIf> devMem, IFPGAEventConsumer& consumer,
                     std::stop_token stop = {})
@@ -63,9 +63,8 @@ public:
         if (initial && !initial->empty()) {
             const auto logger =
                 Log::getLogsystem()->getLogger(Log::makeLoggerName(__FILE__, "Vel::Utils::LutMonitor"));
-            Log::warning(*logger,
-                         "The {} already holds {} used row(s) at start-up; they are treated as newly added.",
-                         Table::LAYOUT.name, initial->size());
+            Log::info(*logger, "The {} already holds {} used row(s) at start-up; they are served.",
+                      Table::LAYOUT.name, initial->size());
         }
     }
 

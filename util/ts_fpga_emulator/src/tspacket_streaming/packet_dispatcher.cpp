@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -15,6 +18,7 @@
 
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/text.h"
+#include "vel/ts_basics/zep_record.h"
 
 namespace Vel::Utils {
 
@@ -26,10 +30,14 @@ constexpr std::chrono::seconds PATIENCE(1);
 
 }  // namespace
 
-PacketDispatcher::PacketDispatcher(const std::string& devicePath, const std::stop_token& stop)
+PacketDispatcher::PacketDispatcher(const std::string& devicePath, const std::stop_token& stop, bool keepsFifo)
     : m_Logger(Log::getLogsystem()->getLogger(loggerName())),
-      m_DeviceName(CppUtil::escapeControls(devicePath)) {
+      m_DeviceName(CppUtil::escapeControls(devicePath)),
+      m_KeepsFifo(keepsFifo) {
     openDevice(devicePath, stop);
+    if (m_KeepsFifo) {
+        m_Watcher = std::jthread([this](const std::stop_token& end) { watchReader(end); });
+    }
 }
 
 PacketDispatcher::~PacketDispatcher() {
@@ -51,6 +59,10 @@ void PacketDispatcher::openDevice(const std::string& path, const std::stop_token
     std::error_code ignored;
     bool isAnnounced = false;
     while (!stop.stop_requested()) {
+        // Lets the next line open a FIFO that nobody else reads.
+        const CppUtil::FileDescriptor reader(m_KeepsFifo && std::filesystem::is_fifo(path, ignored)
+                                                 ? ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)
+                                                 : -1);
         m_File = CppUtil::FileDescriptor(::open(path.c_str(), FLAGS, NEW_FILE_MODE));
         if (m_File.isOpen()) {
             takeDevice();
@@ -58,6 +70,8 @@ void PacketDispatcher::openDevice(const std::string& path, const std::stop_token
         }
         m_Error = errno;
         if (m_Error != ENXIO || !std::filesystem::is_fifo(path, ignored)) {
+            m_KeepsFifo = false;
+            Log::warning(*m_Logger, "Cannot write to {}: {}", m_DeviceName, CppUtil::errnoText(m_Error));
             return;
         }
         if (!std::exchange(isAnnounced, true)) {
@@ -66,6 +80,7 @@ void PacketDispatcher::openDevice(const std::string& path, const std::stop_token
         CppUtil::FileDescriptor::pauseBeforeRetry();
     }
     m_Device = Device::NeverOpened;
+    m_KeepsFifo = false;
 }
 
 /// A plain file is emptied only once it is locked: what it holds may be the output of another program. It is
@@ -73,6 +88,7 @@ void PacketDispatcher::openDevice(const std::string& path, const std::stop_token
 void PacketDispatcher::takeDevice() {
     struct stat status {};
     bool isReady = ::fstat(m_File.get(), &status) == 0;
+    m_KeepsFifo = m_KeepsFifo && S_ISFIFO(status.st_mode);
     if (isReady && S_ISREG(status.st_mode)) {
         if (::flock(m_File.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
             throw CppUtil::InvalidArgumentError("The data device \"" + m_DeviceName +
@@ -82,6 +98,55 @@ void PacketDispatcher::takeDevice() {
     }
     m_Error = errno;
     m_Device = isReady ? Device::Open : Device::Failed;
+}
+
+/// Notices that the reader of a FIFO has gone, even while nothing is written: the next one must not find the
+/// rest of a record.
+void PacketDispatcher::watchReader(const std::stop_token& stop) noexcept {
+    ::pthread_setname_np(::pthread_self(), "pktio-reader");
+    while (!stop.stop_requested()) {
+        FairTurn turn(m_WriteLock);
+        const bool hasReader = turn.begin(stop) && checkReader();
+        turn.end();
+        if (hasReader) {
+            static_cast<void>(CppUtil::waitFor(m_File.get(), 0, stop));
+        } else {
+            CppUtil::FileDescriptor::pauseBeforeRetry();
+        }
+    }
+}
+
+/// For the owner of the write lock.
+bool PacketDispatcher::checkReader() {
+    if (!m_KeepsFifo) {
+        return true;
+    }
+    pollfd status{m_File.get(), 0, 0};
+    const bool hasReader = ::poll(&status, 1, 0) == 0;
+    if (!hasReader) {
+        discardRestOfRecord();
+    }
+    if (std::exchange(m_HasReader, hasReader) != hasReader) {
+        Log::info(*m_Logger, "{} {}", hasReader ? "A reader has opened" : "Waiting for a reader of",
+                  m_DeviceName);
+    }
+    return hasReader;
+}
+
+/// A record is shorter than PIPE_BUF, so it is written whole. What a reader has left of one is in front.
+void PacketDispatcher::discardRestOfRecord() {
+    int unread = 0;
+    std::array<std::uint8_t, Ts::RECORD_SIZE> rest;
+    if (::ioctl(m_File.get(), FIONREAD, &unread) != 0 || unread % Ts::RECORD_SIZE == 0) {
+        return;
+    }
+    std::array<char, 32> path{};
+    fmt::format_to_n(path.data(), path.size() - 1, "/proc/self/fd/{}", m_File.get());
+    const CppUtil::FileDescriptor reader(::open(path.data(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (::read(reader.get(), rest.data(), static_cast<std::size_t>(unread) % rest.size()) < 0) {
+        Log::error(*m_Logger, "Cannot discard the rest of a record on {}: {}", m_DeviceName,
+                   CppUtil::errnoText(errno));
+    }
 }
 
 bool PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet, const std::stop_token& stop) {
@@ -128,6 +193,14 @@ PacketDispatcher::Outcome PacketDispatcher::tryDispatch(Ts::LowlevInTSPacket& pa
 /// while. What is left of it then is written before the next record, or when the program ends.
 bool PacketDispatcher::waitForDevice(const std::stop_token& stop) {
     for (std::chrono::milliseconds patience = PATIENCE; patience.count() > 0; --patience) {
+        if (!checkReader()) {
+            if (stop.stop_requested()) {
+                return false;
+            }
+            CppUtil::FileDescriptor::pauseBeforeRetry();
+            patience = PATIENCE;
+            continue;
+        }
         const std::size_t before = m_StartedBytes;
         if (!CppUtil::waitFor(m_File.get(), POLLOUT, stop) &&
             (m_Started.empty() || !CppUtil::waitFor(m_File.get(), POLLOUT, {}, patience))) {
@@ -155,7 +228,8 @@ std::size_t PacketDispatcher::write(std::span<const std::uint8_t> bytes) {
             m_WasWritable = false;
         } else if (got == 0 || errno != EINTR) {
             m_Error = got == 0 ? EIO : errno;
-            m_Device = m_Error == EAGAIN ? m_Device : Device::Failed;
+            const bool isFull = m_Error == EAGAIN || (m_Error == EPIPE && m_KeepsFifo);
+            m_Device = isFull ? m_Device : Device::Failed;
             break;
         }
     }

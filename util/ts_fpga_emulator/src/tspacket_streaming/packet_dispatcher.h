@@ -6,6 +6,7 @@
 #include <span>
 #include <stop_token>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tspacket_streaming/fair_lock.h"
@@ -32,8 +33,11 @@ public:
     /// Opens the device for writing; a plain file is created, locked and truncated. Waits until a FIFO has a
     /// reader, or until a stop request, after which nothing can be written. The first dispatch() reports a
     /// failure to open.
+    /// @param keepsFifo a FIFO is opened without a reader, and stays open when its reader closes it: until
+    /// the next one opens it, it is like a device that is full. The next one starts with a whole record
     /// @throws CppUtil::InvalidArgumentError for a plain file that another dispatcher is writing
-    explicit PacketDispatcher(const std::string& devicePath, const std::stop_token& stop = {});
+    explicit PacketDispatcher(const std::string& devicePath, const std::stop_token& stop = {},
+                              bool keepsFifo = false);
     virtual ~PacketDispatcher();
     PacketDispatcher(const PacketDispatcher&) = delete;
     PacketDispatcher& operator=(const PacketDispatcher&) = delete;
@@ -63,6 +67,9 @@ private:
 
     void openDevice(const std::string& path, const std::stop_token& stop);
     void takeDevice();
+    void watchReader(const std::stop_token& stop) noexcept;
+    bool checkReader();
+    void discardRestOfRecord();
     std::size_t write(std::span<const std::uint8_t> bytes);
     void writeRest();
     void logIncomplete(std::size_t written, std::size_t size, const std::string& reason) const;
@@ -78,6 +85,9 @@ private:
     std::size_t m_StartedBytes = 0;       // of it, written
     CppUtil::Counter m_RecordCount;
     std::string m_DeviceName;  // for messages
+    bool m_KeepsFifo;          // constant once the device is open
+    bool m_HasReader = true;   // of a FIFO that is kept
+    std::jthread m_Watcher;
 };
 
 }  // namespace Vel::Utils

@@ -178,11 +178,24 @@ bool PktioStreamIn::readPacket(Ts::LowlevInTSPacket& packet) {
             return false;
         }
     }
+    if (!packet.hasSyncByte() && !m_IsNoSyncReported) {
+        reportNoSync();
+    }
     m_Status.packetsRead.increment();
     if (m_Loop) {
         m_Loop->continuePacket(packet);
     }
     return true;
+}
+
+void PktioStreamIn::reportNoSync() {
+    const std::size_t distance = m_InputFile.findSyncDistance();
+    const bool isOther = distance > Ts::TS_PACKET_SIZE;  // with more than the packets in it
+    Log::warning(
+        *m_Logger, "TSIIDX {}: packet {} of {} does not start with the sync byte 0x47{}", m_TSIIDX,
+        m_Status.packetsRead.load() + 1, m_InputFile.getName(),
+        isOther ? fmt::format("; its packets take {} bytes, not {}", distance, Ts::TS_PACKET_SIZE) : "");
+    m_IsNoSyncReported = true;
 }
 
 /// False on a stop request, and after a pass without a whole packet, which is the last one.

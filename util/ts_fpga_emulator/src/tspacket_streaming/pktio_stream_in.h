@@ -101,6 +101,7 @@ private:
     Ts::LowlevInTSPacket createPacket() const;
     bool readPacket(Ts::LowlevInTSPacket& packet);
     bool startNextPass();
+    void reportNoSync();
     void waitForRoute(Run& run);
     void finish(std::size_t droppedPackets);
     void letRoutingCallGoFirst();
@@ -127,6 +128,7 @@ private:
     std::unique_ptr<Ts::StreamLoop> m_Loop;  // the streaming thread's: set if the file is repeated
     bool m_IsIncompleteReported = false;     // the streaming thread's, as the next one
     bool m_IsLengthReported = false;
+    bool m_IsNoSyncReported = false;
     bool m_IsOutputOver = false;  // the streaming thread's: a record was dropped after a stop request
     Pacer* m_Pacer = nullptr;     // set if the stream is clocked
     std::vector<Ts::LowlevInTSPacket> m_Buffers;  // the streaming thread's, of a clocked stream: free buffers

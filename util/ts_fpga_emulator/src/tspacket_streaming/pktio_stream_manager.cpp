@@ -45,9 +45,15 @@ void PktioStreamManager::logStatus() {
         input.stream->logStatus(input.uri);
         routes += input.stream->getRouteCount();
     }
+    for (const auto& [tsiidx, uri] : m_WithoutFile) {
+        Log::info(*m_Logger,
+                  "Status: tsiidx={} uri={} file=- state=nofile read=0 written=0 held=0 percent=- rate=0",
+                  tsiidx, uri);
+    }
     const auto up = std::chrono::steady_clock::now() - m_Start;
-    Log::info(*m_Logger, "Status: inputs={} routes={} records={} seconds={}", m_ToCpuPktioStreams.size(),
-              routes, m_Dispatcher.getRecordCount(), std::chrono::floor<std::chrono::seconds>(up).count());
+    Log::info(*m_Logger, "Status: inputs={} routes={} records={} seconds={}",
+              m_ToCpuPktioStreams.size() + m_WithoutFile.size(), routes, m_Dispatcher.getRecordCount(),
+              std::chrono::floor<std::chrono::seconds>(up).count());
 }
 
 void PktioStreamManager::handleEvent(std::unique_ptr<FPGAMonEvent> event) {
@@ -97,6 +103,9 @@ void PktioStreamManager::handleInputTsAdd(const FPGAMonEvent_InputTSAdded& event
     Log::info(*m_Logger, "Detected added input TS: {} @ TSIIDX {}", event.getUri(), tsiidx);
     const auto file = m_Files.find(event.getUri());
     if (file == m_Files.end() || file->second.empty()) {
+        Log::debug(*m_Logger, "No file is given for {} @ TSIIDX {}", event.getUri(), tsiidx);
+        const std::lock_guard lock(m_StreamsLock);
+        m_WithoutFile.emplace(tsiidx, event.getUri());
         return;
     }
     if (const auto playing = m_ToCpuPktioStreams.find(tsiidx); playing != m_ToCpuPktioStreams.end()) {
@@ -131,6 +140,7 @@ std::unique_ptr<PktioStreamIn> PktioStreamManager::makeStream(const std::string&
 void PktioStreamManager::handleInputTsRemove(const FPGAMonEvent_InputTSRemoved& event) {
     Log::info(*m_Logger, "Detected removed input TS: {} @ TSIIDX {}", event.getUri(), event.getTSIIDX());
     const std::lock_guard lock(m_StreamsLock);
+    m_WithoutFile.extract({event.getTSIIDX(), event.getUri()});
     if (auto removed = m_ToCpuPktioStreams.extract(event.getTSIIDX())) {
         removed.mapped().stream->requestStop();
         m_Removed.push_back(std::move(removed.mapped().stream));

@@ -6,8 +6,10 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <stop_token>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fpga_monitoring/fpga_mon_event.h"
@@ -77,9 +79,10 @@ private:
     std::optional<Pacer> m_Pacer;  // with -c
     /// Held while a stream is added or removed, and while logStatus() reads the set on another thread.
     std::mutex m_StreamsLock;
-    std::map<std::uint32_t, InputStream> m_ToCpuPktioStreams;  // by TSIIDX
-    std::vector<std::unique_ptr<PktioStreamIn>> m_Removed;     // by the change in progress, and ending
-    std::vector<PendingRoute> m_PendingRoutes;                 // of inputs without a stream, in order
+    std::map<std::uint32_t, InputStream> m_ToCpuPktioStreams;            // by TSIIDX
+    std::multiset<std::pair<std::uint32_t, std::string>> m_WithoutFile;  // TSIIDX and URI of other inputs
+    std::vector<std::unique_ptr<PktioStreamIn>> m_Removed;  // by the change in progress, and ending
+    std::vector<PendingRoute> m_PendingRoutes;              // of inputs without a stream, in order
     StreamMode m_Mode;
     bool m_IsLooped;  // files are repeated endlessly
     std::stop_token m_Stop;

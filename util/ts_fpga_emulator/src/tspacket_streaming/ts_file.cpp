@@ -57,6 +57,22 @@ void TsFile::rewind() {
     m_Error = ::lseek(m_File.get(), 0, SEEK_SET) == 0 ? 0 : errno;
 }
 
+std::size_t TsFile::findSyncDistance() const {
+    constexpr std::size_t IN_A_ROW = 5;
+    for (const std::size_t distance : {188U, 192U, 204U}) {
+        for (std::size_t at = 0; at < distance && at + (IN_A_ROW - 1) * distance < m_Filled; ++at) {
+            std::size_t n = 0;
+            while (n < IN_A_ROW && m_Block[at + n * distance] == Ts::SYNC_BYTE) {
+                ++n;
+            }
+            if (n == IN_A_ROW) {
+                return distance;
+            }
+        }
+    }
+    return 0;
+}
+
 bool TsFile::waitForFeed(std::chrono::milliseconds limit) const {
     return CppUtil::waitFor(m_File.get(), POLLIN, m_Stop, limit);
 }

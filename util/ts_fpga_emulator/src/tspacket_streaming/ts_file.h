@@ -40,6 +40,9 @@ public:
     }
     /// Whether bytes have been read that do not make a whole packet yet.
     bool hasIncompletePacket() const { return m_Position != m_Filled; }
+    /// The distance of the sync bytes around the packet read last, of the usual ones: 188, 192 or 204 bytes.
+    /// 0 if it is none of them, and if too few bytes have been read to tell.
+    [[nodiscard]] std::size_t findSyncDistance() const;
     /// Waits until a live feed has data or has ended. False after the limit, and on a stop request.
     [[nodiscard]] bool waitForFeed(std::chrono::milliseconds limit) const;
     /// Whether it is not a plain file, and so can be late.
