@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const CppUtil::FileDescriptor memory(::memfd_create("ts", MFD_CLOEXEC));
     REQUIRE(::write(memory.get(), data, size) == static_cast<ssize_t>(size));
     Utils::TsFile file("/proc/self/fd/" + std::to_string(memory.get()), {});
-    Utils::PCRRateAdapter adapter({}, std::make_unique<FakeClock>());
+    Utils::PCRRateAdapter adapter({}, false, std::make_unique<FakeClock>());
     static const bool isQuiet = [] {
         Log::setLogsystem(std::make_unique<Log::StdoutLogger>(spdlog::level::off));
         return true;

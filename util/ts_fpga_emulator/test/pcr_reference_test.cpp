@@ -75,7 +75,8 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
     for (std::uint32_t stream = 0; stream < streams; ++stream) {
         SCOPED_TRACE(random.origin() + ", stream " + std::to_string(stream));
         std::uint64_t nowNs = 1'000'000'000;
-        PCRRateAdapter adapter({}, std::make_unique<FakeClock>(nowNs));
+        const bool isLooped = random.oneIn(4);
+        PCRRateAdapter adapter({}, isLooped, std::make_unique<FakeClock>(nowNs));
         Reference reference;
         // Time passes, mostly to a point at which a nanosecond makes the difference.
         const auto passTime = [&](std::uint64_t borderNs) {
@@ -103,11 +104,14 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
             if (timePasses) {
                 passTime(reference.releasedNs + reference.delayNs);
             }
-            const std::uint32_t pid = 0x100 + random.below(pids);
+            TestPacket packet{.pid = 0x100 + random.below(pids), .pcr = packetPcr};
+            packet.transportError = random.oneIn(20);
+            packet.adaptationLength = random.oneIn(20) ? 6 : 7;  // without room for the PCR
+            const bool isDamaged = packet.transportError || packet.adaptationLength < 7;
             const bool last = number == length;
-            const std::int32_t answer = reference.buffer(pid, packetPcr, last, nowNs);
-            ASSERT_EQ(adapter.bufferPacket(makePacket(pid, number, packetPcr), last), answer)
-                << "packet " << number;
+            const std::int32_t answer =
+                reference.buffer(packet.pid, isLooped && isDamaged ? std::nullopt : packetPcr, last, nowNs);
+            ASSERT_EQ(adapter.bufferPacket(makePacket(packet), last), answer) << "packet " << number;
             ASSERT_EQ(static_cast<std::uint64_t>(adapter.getPacketDelay().count()), reference.delayNs)
                 << "packet " << number;
             for (std::int32_t release = 0; release < answer; ++release) {

@@ -21,13 +21,16 @@ std::uint64_t intervalNs(Ts::PcrTicks older, Ts::PcrTicks newer) {
 
 }  // namespace
 
-PCRRateAdapter::PCRRateAdapter(std::stop_token stop, std::unique_ptr<const MonotonicClock> clock)
+PCRRateAdapter::PCRRateAdapter(std::stop_token stop, bool isLooped,
+                               std::unique_ptr<const MonotonicClock> clock)
     : m_State(std::make_unique<Internal::PCRRateAdapterState_LockPCR>()),
       m_Stop(std::move(stop)),
+      m_IsLooped(isLooped),
       m_Clock(std::move(clock)) {}
 
 std::optional<Ts::PcrTicks> PCRRateAdapter::extractPcr(const Ts::TSPacket& packet) {
-    if (!packet.hasPcr() || m_PcrPid.value_or(packet.getPid()) != packet.getPid()) {
+    const bool hasPcr = m_IsLooped ? Ts::readPcr(packet).has_value() : packet.hasPcr();
+    if (!hasPcr || m_PcrPid.value_or(packet.getPid()) != packet.getPid()) {
         return std::nullopt;
     }
     m_PcrPid = packet.getPid();

@@ -31,8 +31,10 @@ public:
     static constexpr std::uint32_t BATCH_PACKETS = 100;
 
     /// @param stop ends the pacing: from then on, packets are sent as fast as they are released
+    /// @param isLooped whether Ts::StreamLoop continues the clock: PCRs that it leaves alone repeat in every
+    /// pass, so they are ignored
     /// @param clock the source of time; the system's by default
-    explicit PCRRateAdapter(std::stop_token stop = {},
+    explicit PCRRateAdapter(std::stop_token stop = {}, bool isLooped = false,
                             std::unique_ptr<const MonotonicClock> clock = std::make_unique<MonotonicClock>());
 
     /// @throws CppUtil::NotImplementedError for a packet after the last one
@@ -72,6 +74,7 @@ private:
     std::chrono::nanoseconds m_BatchStart{0};   // monotonic
     std::uint32_t m_BatchCount = 0;             // packets in the current batch
     std::stop_token m_Stop;
+    bool m_IsLooped;
     std::unique_ptr<const MonotonicClock> m_Clock;
 };
 

@@ -130,7 +130,7 @@ std::unique_ptr<PktioStreamIn> PktioStreamManager::makeStream(const std::string&
     }
     std::unique_ptr<IRateAdapter> adapter;
     if (m_Mode == StreamMode::PcrRate) {
-        adapter = std::make_unique<PCRRateAdapter>(m_Stop);
+        adapter = std::make_unique<PCRRateAdapter>(m_Stop, m_IsLooped);
     } else {
         adapter = std::make_unique<MaxRateAdapter>();
     }
