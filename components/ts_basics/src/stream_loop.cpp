@@ -179,7 +179,8 @@ void StreamLoop::followClock(const TSPacket& packet) {
 
 bool StreamLoop::endPass() {
     const Clock clock = std::exchange(m_Clock, {});
-    if (clock.intervals.isEmpty()) {
+    m_HasLength = !clock.intervals.isEmpty();
+    if (!m_HasLength) {
         ++m_Pass;
         return !clock.hasPcr;
     }

@@ -127,8 +127,9 @@ void PktioStreamIn::fail(const char* what, const std::string& reason) noexcept {
 void PktioStreamIn::playAdapted() {
     Run run{std::unique_lock(m_FilterLock, std::defer_lock), FairTurn(m_Dispatcher.getWriteLock())};
     while (!m_Stop.stop_requested()) {
-        if (m_Loop && !m_IsPaced && m_Status.routeCount == 0) {
-            waitForRoute(run);
+        if (needsRoute()) {
+            run.end();
+            waitForRoute();
         }
         if (!m_InputFile.isReady(Ts::TS_PACKET_SIZE + 1)) {
             run.end();  // nobody else waits for the file
@@ -218,8 +219,12 @@ bool PktioStreamIn::startNextPass() {
     return true;
 }
 
-void PktioStreamIn::waitForRoute(Run& run) {
-    run.end();
+/// A looped stream that nothing paces would use a core to play nothing.
+bool PktioStreamIn::needsRoute() const {
+    return m_Loop && m_Status.routeCount == 0 && !(m_IsPaced && m_Loop->hasLength());
+}
+
+void PktioStreamIn::waitForRoute() {
     std::unique_lock lock(m_FilterLock);
     m_IsRouted.wait(lock, m_Stop.get_token(), [this] { return m_Status.routeCount > 0; });
 }

@@ -103,6 +103,8 @@ private:
     bool startNextPass();
     void reportNoSync();
     void waitForRoute(Run& run);
+    bool needsRoute() const;
+    void waitForRoute();
     void finish(std::size_t droppedPackets);
     void letRoutingCallGoFirst();
     void release(std::int32_t count, Run& run);

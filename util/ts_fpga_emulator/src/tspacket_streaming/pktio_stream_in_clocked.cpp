@@ -21,6 +21,9 @@ void PktioStreamIn::playClocked() {
         if (isFeed && !m_InputFile.isReady(Ts::TS_PACKET_SIZE)) {
             waitForFeed(schedule, isOverdue);
         }
+        if (needsRoute()) {
+            waitForRoute();
+        }
         if (m_Buffers.empty()) {
             m_Buffers.push_back(createPacket());
         }

@@ -32,6 +32,8 @@ public:
     /// To be called after the last packet of each pass; the passes may differ. False if the pass has a PCR,
     /// but no two of one time base: its length is unknown, so the clock of the next pass is not advanced.
     bool endPass();
+    /// Whether the latest pass that has ended has a known length: its PCRs can pace it. True before that.
+    bool hasLength() const { return m_HasLength; }
 
 private:
     /// What is known about a PID, in 90 kHz ticks.
@@ -62,6 +64,7 @@ private:
     std::uint64_t findExtension(std::uint64_t length) const;
 
     std::uint64_t m_Pass = 1;
+    bool m_HasLength = true;
     std::uint64_t m_Offset = 0;  // by which this pass is later, in 90 kHz ticks, modulo the wrap
     Clock m_Clock;
     std::array<std::uint16_t, MAX_PID + 1> m_Index{};  // in m_Pids
