@@ -240,12 +240,8 @@ TEST(StreamLoop, APassIsAsLongAsItsPacketsTake) {
         std::optional<std::int64_t> ms;
     } cases[] = {
         {"packets before and after", "b.*3 a0 b. a10 b. b.", 10 + 4 * 5 + 2 * 5},
-        {"across the wrap", "a-10 a10", 40},
         {"a jump ahead is part of it", "a0 a10 a5000 a5010", 5020},
         {"a jump back as well", "a5000 a5010 a0 a10", -4980},
-        {"the mean of ten intervals",
-         "a0 a1000 a1010 a1020 a1030 a1040 a1050 a1060 a1070 a1080 a1090 a1100 b.", 1100 + 1000 + 10},
-        {"no longer than the longest", "a0 a10 b.*300", 10 + 10 + 10},
         {"ten thousand packets at a time", "a0 a10 b.*10001", 10 + 10 + 10 + 10},
         {"too many packets before", "b.*9997 a0 b. a10", 10 + 9998 * 5},
         {"more are unpaced", "b.*9998 a0 b. a10", 10},

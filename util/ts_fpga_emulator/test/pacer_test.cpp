@@ -139,14 +139,6 @@ TEST(Pacer, ABacklogDoesNotDelayOtherInputs) {
     }
 }
 
-TEST(Pacer, AFullDeviceEndsATurnAndNothingIsLost) {
-    Play play({every(milliseconds(1), 100), every(milliseconds(1), 100)});
-    int calls = 0;
-    play.onRelease = [&](auto) { return ++calls % 3 == 0; };
-    play.run();
-    EXPECT_EQ(play.sent.size(), 200U);
-}
-
 TEST(Pacer, AnInputIsRemovedAfterItsReleaseInProgress) {
     Play play({every(milliseconds(1), 100), every(milliseconds(1), 100)});
     std::latch isReleasing(1);

@@ -104,13 +104,11 @@ TEST(PCRRateAdapter, AnswersHoldsAndSleepsLikeTheReference) {
             if (timePasses) {
                 passTime(reference.releasedNs + reference.delayNs);
             }
-            TestPacket packet{.pid = 0x100 + random.below(pids), .pcr = packetPcr};
-            packet.transportError = random.oneIn(20);
-            packet.adaptationLength = random.oneIn(20) ? 6 : 7;  // without room for the PCR
-            const bool isDamaged = packet.transportError || packet.adaptationLength < 7;
+            const TestPacket packet{
+                .pid = 0x100 + random.below(pids), .pcr = packetPcr, .transportError = random.oneIn(20)};
             const bool last = number == length;
-            const std::int32_t answer =
-                reference.buffer(packet.pid, isLooped && isDamaged ? std::nullopt : packetPcr, last, nowNs);
+            const std::int32_t answer = reference.buffer(
+                packet.pid, isLooped && packet.transportError ? std::nullopt : packetPcr, last, nowNs);
             ASSERT_EQ(adapter.bufferPacket(makePacket(packet), last), answer) << "packet " << number;
             ASSERT_EQ(static_cast<std::uint64_t>(adapter.getPacketDelay().count()), reference.delayNs)
                 << "packet " << number;
@@ -133,7 +131,7 @@ TEST(PCRRateAdapter, RefusesReleasesBeforeThePlayOutAndPacketsAfterTheLastOne) {
     PCRRateAdapter adapter;
     const auto refusal = [](auto call) { return thrownText<CppUtil::NotImplementedError>(call); };
     const auto release = [&] { adapter.delayPacket(); };
-    const auto buffer = [&](bool last) { return adapter.bufferPacket(makePacket(0x100, 0, 0), last); };
+    const auto buffer = [&](bool last) { return adapter.bufferPacket(makePacket({.pcr = 0}), last); };
     EXPECT_EQ(refusal(release),
               "Not Implemented Error: Cannot do packet delay in PCRRateAdapterState_LockPCR");
     buffer(false);

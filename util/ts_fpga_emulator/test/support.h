@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <optional>
 #include <random>
 #include <string>
 
@@ -60,11 +59,6 @@ inline Ts::LowlevInTSPacket makePacket(const TestPacket& content) {
     auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
     std::ranges::copy(content.record(0), packet.getWriteDataPtr());
     return packet;
-}
-/// @param pcr 27 MHz ticks
-inline Ts::LowlevInTSPacket makePacket(std::uint32_t pid, std::uint32_t number = 0,
-                                       std::optional<std::uint64_t> pcr = {}) {
-    return makePacket(TestPacket{.pid = pid, .number = number, .pcr = pcr});
 }
 
 }  // namespace Vel::Utils
