@@ -102,7 +102,6 @@ private:
     bool readPacket(Ts::LowlevInTSPacket& packet);
     bool startNextPass();
     void reportNoSync();
-    void waitForRoute(Run& run);
     bool needsRoute() const;
     void waitForRoute();
     void finish(std::size_t droppedPackets);
