@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 #include <span>
 #include <string>
@@ -92,7 +93,9 @@ cxxopts::Options declareOptions() {
         ("v,verbose", "If given, debug messages are logged as well.", flag())
         ("V,version", "Displays the program's name and version.", flag())
         ("l,loop", "If given, files are repeated endlessly, with continuous clock and counters.", flag())
-        ("k,keep", "If given, a FIFO data device stays open when its reader closes it.", flag());
+        ("k,keep", "If given, a FIFO data device stays open when its reader closes it.", flag())
+        ("d,dir", "If given, the devices are tsio, router and pktio in this directory, unless -t, -r or -P names one.",
+         text());
     // clang-format on
     return options;
 }
@@ -115,10 +118,15 @@ Settings readSettings(const cxxopts::ParseResult& options) {
             addUriFilePair(settings.files, option.value());
         }
     }
-    settings.routerDevice = options["router_dev"].as<std::string>();
-    settings.tsioDevice = options["tsio_dev"].as<std::string>();
+    const auto device = [&](const char* option, const char* nameInDirectory) {
+        return options.count(option) > 0 || options.count("dir") == 0
+                   ? options[option].as<std::string>()
+                   : (std::filesystem::path(options["dir"].as<std::string>()) / nameInDirectory).string();
+    };
+    settings.routerDevice = device("router_dev", "router");
+    settings.tsioDevice = device("tsio_dev", "tsio");
     settings.pktioCtrlDevice = options["pktioctrl_dev"].as<std::string>();
-    settings.pktioDataDevice = options["pktiodata_dev"].as<std::string>();
+    settings.pktioDataDevice = device("pktiodata_dev", "pktio");
     if (options.count("pcrclock") > 0) {
         settings.pcrPacing = PcrPacing::Clock;
     }

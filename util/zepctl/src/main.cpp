@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "command_error.h"
+#include "device_paths.h"
 #include "print_output.h"
 #include "records/record_commands.h"
 #include "tables/table_commands.h"
@@ -33,7 +34,7 @@ std::string describeUnknownCommand(const CLI::App& app) {
     while (!parent->get_subcommands().empty()) {
         parent = parent->get_subcommands().front();
     }
-    const auto rest = parent->remaining(true);
+    const auto rest = app.remaining(true);
     if (rest.empty() || parent->get_require_subcommand_min() == 0) {
         return "";
     }
@@ -77,15 +78,17 @@ int main(int argc, char** argv) {
         CLI::App app("Create, edit and show the tables of the transport stream FPGA, and inspect its records",
                      "zepctl");
         app.require_subcommand(1);
+        app.fallthrough();  // global options may follow the command
         app.footer(
             "Exit status: 0 success, 1 check found faults, or split skipped records,\n"
             "2 usage error, value out of range, or request that does not fit the present state,\n"
             "3 a file or device cannot be used.\n\n"
             "Example: zepctl create /tmp/zep\n"
-            "         zepctl -t /tmp/zep/tsio input add udp://239.1.2.3:5000 3\n"
-            "         zepctl -r /tmp/zep/router route add 3 0x100");
-        const TableCommands tableCommands(app);
-        const RecordCommands recordCommands(app);
+            "         zepctl -d /tmp/zep input add udp://239.1.2.3:5000 3\n"
+            "         zepctl -d /tmp/zep route add 3 0x100");
+        const DevicePaths devices(app);
+        const TableCommands tableCommands(app, devices);
+        const RecordCommands recordCommands(app, devices);
         return run(app, argc, argv);
     } catch (const std::exception& error) {
         return fail(DeviceUnusable, error.what());

@@ -59,7 +59,7 @@ void finish(const std::string& report, const std::string& name, const FaultLog& 
 
 }  // namespace
 
-RecordCommands::RecordCommands(CLI::App& app) {
+RecordCommands::RecordCommands(CLI::App& app, const DevicePaths& devices) : m_Devices(devices) {
     CLI::App* records = app.add_subcommand(
         "records", "Inspect records (each a TSIIDX followed by a transport stream packet)");
     records->require_subcommand(1);
@@ -76,7 +76,8 @@ intervals in which the PCR restarts are excluded. The man page lists the keys of
 Example: zepctl records check out.rec
          some-receiver | zepctl records check --json - > result.json)",
         [this] { this->check(); });
-    check.add_option("FILE", m_File, "records, or - for standard input")->required();
+    check.add_option("FILE", m_File,
+                     "records, or - for standard input (default: pktio in the directory of -d)");
     check.add_flag("--json", m_Json, "print the result as JSON");
 
     CLI::App& split = declareCommand(
@@ -101,8 +102,10 @@ truncated or rewritten, watching restarts at its beginning. A terminal shows one
 one line per input is printed every second. Ends on Ctrl-C, or when the last writer closes a FIFO.
 
 Example: zepctl records watch pktio --for 60)",
-        [this] { watchRecords(m_File, m_Seconds); });
-    watch.add_option("FILE", m_File, "FIFO, growing file or device, or - for standard input")->required();
+        [this] { watchRecords(getFile(), m_Seconds); });
+    watch.add_option(
+        "FILE", m_File,
+        "FIFO, growing file or device, or - for standard input (default: pktio in the directory of -d)");
     watch.add_option("--for", m_Seconds, "stop after SECONDS")
         ->type_name("SECONDS")
         ->check([](const std::string& text) {
@@ -117,8 +120,12 @@ Example: zepctl records watch pktio --for 60)",
         });
 }
 
+const std::string& RecordCommands::getFile() const {
+    return m_File.empty() ? m_Devices.getPktio() : m_File;
+}
+
 void RecordCommands::check() const {
-    RecordReader reader(m_File);
+    RecordReader reader(getFile());
     RecordCheck result;
     readToEnd(reader, result);
     const std::string name = reader.getName();

@@ -5,21 +5,25 @@
 
 #include <CLI/CLI.hpp>
 
+#include "device_paths.h"
+
 namespace Vel::Zepctl {
 
 /// The commands that inspect records: `records check`, `records split` and `records watch`. Parsing the
 /// command line runs the requested one, which throws CommandError. Must outlive the parsing. Thread-bound.
 class RecordCommands {
 public:
-    explicit RecordCommands(CLI::App& app);
+    RecordCommands(CLI::App& app, const DevicePaths& devices);
     RecordCommands(const RecordCommands&) = delete;
     RecordCommands& operator=(const RecordCommands&) = delete;
 
 private:
+    const std::string& getFile() const;
     void check() const;
     void split() const;
 
-    std::string m_File;
+    const DevicePaths& m_Devices;
+    std::string m_File;  // empty for the data device
     std::string m_Directory;
     bool m_Json = false;
     std::optional<double> m_Seconds;  // of a watch

@@ -110,11 +110,9 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
     clearWords(routerDevice.memory(), ROUTER_DEVICE.size / sizeof(std::uint32_t));
 }
 
-std::string standInCommandLine(const std::string& directory) {
-    const std::string prefix = (std::filesystem::path(directory) / "").string();
-    return fmt::format("zeptfem -t {} -r {} -P {} -f \"udp://239.1.2.3:5000 FILE.ts\"",
-                       quoteForShell(prefix + "tsio"), quoteForShell(prefix + "router"),
-                       quoteForShell(prefix + "pktio"));
+std::string standInCommandLine(const std::string& directory, bool withFifo) {
+    return fmt::format("zeptfem -d {}{} -f \"udp://239.1.2.3:5000 FILE.ts\"", quoteForShell(directory),
+                       withFifo ? " -k" : "");
 }
 
 }  // namespace Vel::Zepctl

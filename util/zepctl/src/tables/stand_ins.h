@@ -20,7 +20,8 @@ void clearWords(Drivers::IMemIf& memory, std::uint32_t count);
 /// and checked again when the files are open. Throws CommandError or PciError.
 void createStandIns(const std::string& directory, bool withFifo, bool force);
 
-/// The zeptfem command line that uses them, quoted for a shell where necessary.
-[[nodiscard]] std::string standInCommandLine(const std::string& directory);
+/// The zeptfem command line that uses them, quoted for a shell where necessary. It keeps a FIFO open, so that
+/// its reader can be restarted.
+[[nodiscard]] std::string standInCommandLine(const std::string& directory, bool withFifo);
 
 }  // namespace Vel::Zepctl

@@ -6,19 +6,19 @@
 
 #include <CLI/CLI.hpp>
 
+#include "device_paths.h"
 #include "tables/table_dump.h"
-#include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
 
 namespace Vel::Zepctl {
 
-/// The commands that create, change and show the tables, and the options that name the two devices. Parsing
-/// a command line stores its values here and then runs its command, so this object must outlive the parsing,
-/// and is neither copied nor moved. One command runs per parse, so commands share values of the same meaning.
+/// The commands that create, change and show the tables. Parsing a command line stores its values here and
+/// then runs its command, so this object must outlive the parsing, and is neither copied nor moved. One
+/// command runs per parse, so commands share values of the same meaning.
 ///
 /// A command throws CommandError for a refusal, and passes on the errors of devices and tables. Thread-bound.
 class TableCommands {
 public:
-    explicit TableCommands(CLI::App& app);
+    TableCommands(CLI::App& app, const DevicePaths& devices);
     TableCommands(const TableCommands&) = delete;
     TableCommands& operator=(const TableCommands&) = delete;
 
@@ -30,8 +30,7 @@ private:
     void declareDump(CLI::App& app);
     void clearTables();
 
-    std::string m_TsioPath = Drivers::Zep::TSIO_DEVICE.path;
-    std::string m_RouterPath = Drivers::Zep::ROUTER_DEVICE.path;
+    const DevicePaths& m_Devices;
     std::string m_Directory;
     bool m_WithFifo = false;
     bool m_Force = false;
