@@ -32,6 +32,7 @@ if(CMAKE_CROSSCOMPILING)
     "set(SHLIBDEPS_EXECUTABLE ${PROJECT_BINARY_DIR}/packaging/dpkg-shlibdeps)\n")
 endif()
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS bubblewrap)  # for zepctl run
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The zeptfem developers <zeptfem@packages.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "stand-in for an FPGA that moves transport streams")
 set(CPACK_PACKAGE_DESCRIPTION

@@ -12,6 +12,7 @@
 #include "device_paths.h"
 #include "print_output.h"
 #include "records/record_commands.h"
+#include "run_command.h"
 #include "tables/table_commands.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
@@ -54,6 +55,8 @@ int run(CLI::App& app, int argc, char** argv) {
         app.exit(success);  // prints the help
         printOutput("");
         return Done;
+    } catch (const CLI::RuntimeError& ended) {
+        return ended.get_exit_code();  // of the program that run has started
     } catch (const CLI::RequiredError& error) {
         const std::string unknown = describeUnknownCommand(app);
         return fail(WrongUse, unknown.empty() ? error.what() : unknown);
@@ -89,6 +92,7 @@ int main(int argc, char** argv) {
         const DevicePaths devices(app);
         const TableCommands tableCommands(app, devices);
         const RecordCommands recordCommands(app, devices);
+        declareRun(app, devices);
         return run(app, argc, argv);
     } catch (const std::exception& error) {
         return fail(DeviceUnusable, error.what());

@@ -1,0 +1,151 @@
+#include "run_command.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <iterator>
+#include <map>
+#include <vector>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "command_error.h"
+#include "command_line.h"
+
+namespace Vel::Zepctl {
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+/// Reports in one line what keeps bwrap from working, so that standard error is left to the program.
+void requireBwrap() {
+    std::FILE* trial = ::popen("trap '' HUP INT TERM; bwrap --dev-bind / / --tmpfs /dev true 2>&1", "r");
+    std::string reason(400, '\0');
+    if (trial == nullptr || std::fgets(reason.data(), 400, trial) == nullptr) {
+        reason.clear();
+    }
+    const int status = trial == nullptr ? -1 : ::pclose(trial);
+    reason.resize(std::min(reason.size(), reason.find('\n')));
+    constexpr int NOT_FOUND = 127;
+    if (WIFEXITED(status) && WEXITSTATUS(status) == NOT_FOUND) {
+        throw CommandError(
+            DeviceUnusable,
+            "Cannot find bwrap: install the package bubblewrap (for a container, in its image)");
+    }
+    if (status != 0) {
+        throw CommandError(DeviceUnusable,
+                           reason +
+                               "; start a container with --privileged, or mount the stand-ins "
+                               "at the device paths when you start it");
+    }
+}
+
+/// The command line of bwrap for a /dev with the stand-ins and all other nodes of this one.
+Words describeDev(const DevicePaths& devices) {
+    const std::map<std::string, std::string> standIns = {
+        {Drivers::Zep::TSIO_DEVICE.path, devices.getTsio()},
+        {Drivers::Zep::ROUTER_DEVICE.path, devices.getRouter()},
+        {Drivers::Zep::PKTIO_DEVICE_PATH, devices.getPktio()}};
+    Words words = {"bwrap", "--die-with-parent", "--dev-bind", "/", "/", "--tmpfs", "/dev"};
+    for (const auto& node : std::filesystem::directory_iterator("/dev")) {
+        const std::string path = node.path();
+        const std::string target = node.is_symlink() ? std::filesystem::read_symlink(path).string() : "";
+        if (!standIns.contains(path)) {
+            words.insert(words.end(), {target.empty() ? "--dev-bind-try" : "--symlink",
+                                       target.empty() ? path : target, path});
+        }
+    }
+    for (const auto& [path, standIn] : standIns) {
+        if (::access(standIn.c_str(), F_OK) != 0) {
+            throw systemError("Cannot find " + standIn);
+        }
+        words.insert(words.end(), {"--dev-bind", standIn, path});
+    }
+    if (::geteuid() == 0) {
+        words.insert(words.end(), {"--cap-add", "ALL"});  // bwrap drops them otherwise
+    }
+    return words;
+}
+
+/// Runs the program and returns its exit status. bwrap does not pass on signals, so it has them blocked. So
+/// has the program, until env unblocks them there: no signal is lost.
+int run(const DevicePaths& devices, const Words& program) {
+    Words words = describeDev(devices);
+    words.insert(words.end(), {"env", "--default-signal=HUP,INT,TERM,CHLD,XFSZ"});
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGCHLD}) {
+        sigaddset(&signals, signal);
+        ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+        if (std::signal(signal, SIG_DFL) == SIG_IGN) {
+            words.push_back(fmt::format("--ignore-signal={}", signal));
+        }
+    }
+    requireBwrap();
+
+    std::array<int, 2> pipe{};  // for bwrap's report
+    if (::pipe2(pipe.data(), O_CLOEXEC) != 0) {
+        throw systemError("Cannot create a pipe");
+    }
+    words.insert(words.begin() + 1, {"--info-fd", std::to_string(pipe[1])});
+    words.emplace_back("--");
+    words.insert(words.end(), program.begin(), program.end());
+    std::vector<char*> argv;
+    std::ranges::transform(words, std::back_inserter(argv), [](std::string& word) { return word.data(); });
+    argv.push_back(nullptr);
+    const pid_t bwrap = ::fork();
+    if (bwrap == 0) {
+        ::fcntl(pipe[1], F_SETFD, 0);
+        ::execvp(argv.front(), argv.data());
+        ::_exit(DeviceUnusable);
+    }
+    if (bwrap < 0) {
+        throw systemError("Cannot start bwrap");
+    }
+    ::close(pipe[1]);
+    const auto report = nlohmann::json::parse(::fdopen(pipe[0], "r"), nullptr, false);
+    const pid_t receiver = report.is_object() ? report.value("child-pid", bwrap) : bwrap;
+
+    int status = 0;
+    const timespec now{};
+    bool isStarted = false;  // and has all earlier signals
+    while (::waitpid(bwrap, &status, WNOHANG) == 0) {
+        siginfo_t details{};
+        const int signal = ::sigtimedwait(&signals, &details, isStarted ? nullptr : &now);
+        // The terminal sends Ctrl-C to the program as well.
+        const bool isReceived = isStarted && signal == SIGINT && details.si_code == SI_KERNEL;
+        if (signal > 0 && signal != SIGCHLD && !isReceived) {
+            ::kill(receiver, signal);
+        }
+        isStarted = isStarted || signal < 0;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+void declareRun(CLI::App& app, const DevicePaths& devices) {
+    CLI::App& command =
+        declareCommand(app, "run", "Run a program with the stand-ins of -d at the device paths",
+                       "Usage: zepctl -d DIR run COMMAND [ARGUMENT...]\n\n"
+                       "Passes on SIGHUP, SIGINT, SIGTERM and the exit status. Needs bwrap (package "
+                       "bubblewrap), but not root.\n\n"
+                       "Example: zepctl -d /tmp/zep run ./receiver --verbose",
+                       [&] {
+                           if (app.remaining().empty()) {
+                               throw CommandError(WrongUse, "Name the command to run");
+                           }
+                           throw CLI::RuntimeError(run(devices, app.remaining()));
+                       });
+    command.preparse_callback([&](std::size_t) { app.prefix_command(); });  // options that follow are its own
+}
+
+}  // namespace Vel::Zepctl
