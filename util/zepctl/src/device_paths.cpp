@@ -7,32 +7,30 @@
 namespace Vel::Zepctl {
 
 DevicePaths::DevicePaths(CLI::App& app) {
-    const CLI::Option* tsio = app.add_option("-t,--tsio_dev", m_Tsio, "device or file that holds the IP LUT")
-                                  ->type_name("PATH")
-                                  ->capture_default_str();
-    const CLI::Option* router =
-        app.add_option("-r,--router_dev", m_Router, "device or file that holds the PID LUT")
-            ->type_name("PATH")
-            ->capture_default_str();
-    app.add_option("-d,--dir", m_Directory,
-                   "directory that holds the devices: tsio, router and pktio; -t and -r take precedence")
+    const auto add = [&](const char* name, std::string& path, const char* help) {
+        return app.add_option(name, path, help)->type_name("PATH")->capture_default_str();
+    };
+    const CLI::Option* tsioOption = add("-t,--tsio_dev", tsio, "device or file that holds the IP LUT");
+    const CLI::Option* routerOption = add("-r,--router_dev", router, "device or file that holds the PID LUT");
+    app.add_option("-d,--dir", directory,
+                   "directory that holds tsio, router and pktio; -t and -r take precedence")
         ->type_name("DIR")
         ->envname("ZEP_DIR");
-    app.parse_complete_callback([this, tsio, router] {
-        const std::filesystem::path directory(m_Directory);
-        if (!directory.empty()) {
-            m_Tsio = tsio->empty() ? (directory / "tsio").string() : m_Tsio;
-            m_Router = router->empty() ? (directory / "router").string() : m_Router;
-            m_Pktio = directory / "pktio";
+    app.parse_complete_callback([this, tsioOption, routerOption] {
+        if (!directory.empty() && tsioOption->empty()) {
+            tsio = std::filesystem::path(directory) / "tsio";
+        }
+        if (!directory.empty() && routerOption->empty()) {
+            router = std::filesystem::path(directory) / "router";
         }
     });
 }
 
-const std::string& DevicePaths::getPktio() const {
-    if (m_Pktio.empty()) {
+std::string DevicePaths::getPktio() const {
+    if (directory.empty()) {
         throw CommandError(WrongUse, "Name the directory of the devices with -d DIR or in ZEP_DIR");
     }
-    return m_Pktio;
+    return std::filesystem::path(directory) / "pktio";
 }
 
 }  // namespace Vel::Zepctl

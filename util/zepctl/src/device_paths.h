@@ -11,22 +11,17 @@ namespace Vel::Zepctl {
 /// The devices that the commands use, and the global options that name them: `-t` and `-r` name one each,
 /// `-d` a directory that holds all three. Parsing a command line sets the paths before it runs the command,
 /// so this object must outlive the parsing, and is neither copied nor moved. Thread-bound.
-class DevicePaths {
-public:
+struct DevicePaths {
     explicit DevicePaths(CLI::App& app);
     DevicePaths(const DevicePaths&) = delete;
     DevicePaths& operator=(const DevicePaths&) = delete;
 
-    const std::string& getTsio() const { return m_Tsio; }
-    const std::string& getRouter() const { return m_Router; }
     /// The data device in the directory. Throws CommandError without one: no command guesses what to read.
-    const std::string& getPktio() const;
+    std::string getPktio() const;
 
-private:
-    std::string m_Directory;
-    std::string m_Tsio = Drivers::Zep::TSIO_DEVICE.path;
-    std::string m_Router = Drivers::Zep::ROUTER_DEVICE.path;
-    std::string m_Pktio;  // empty without a directory
+    std::string directory;
+    std::string tsio = Drivers::Zep::TSIO_DEVICE.path;
+    std::string router = Drivers::Zep::ROUTER_DEVICE.path;
 };
 
 }  // namespace Vel::Zepctl

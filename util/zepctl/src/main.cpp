@@ -4,6 +4,7 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -48,11 +49,15 @@ std::string describeUnknownCommand(const CLI::App& app) {
 }
 
 int run(CLI::App& app, int argc, char** argv) {
+    std::string help = "--help";
+    if (argc > 1 && std::string_view(argv[1]) == "help") {
+        argv[1] = help.data();  // prints the help of the command that follows
+    }
     try {
         app.parse(argc, argv);  // runs the command as well
         return Done;
     } catch (const CLI::Success& success) {
-        app.exit(success);  // prints the help
+        app.exit(success);  // prints the help or version
         printOutput("");
         return Done;
     } catch (const CLI::RuntimeError& ended) {
@@ -80,9 +85,11 @@ int main(int argc, char** argv) {
     try {
         CLI::App app("Create, edit and show the tables of the transport stream FPGA, and inspect its records",
                      "zepctl");
+        app.set_version_flag("-V,--version", ZEPCTL_NAME_AND_VERSION, "Print name and version and exit");
         app.require_subcommand(1);
         app.fallthrough();  // global options may follow the command
         app.footer(
+            "\"zepctl help COMMAND\" prints the help of a command.\n\n"
             "Exit status: 0 success, 1 check found faults, or split skipped records,\n"
             "2 usage error, value out of range, or request that does not fit the present state,\n"
             "3 a file or device cannot be used.\n\n"

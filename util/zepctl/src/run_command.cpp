@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -29,30 +28,21 @@ using Words = std::vector<std::string>;
 void requireBwrap() {
     std::FILE* trial = ::popen("trap '' HUP INT TERM; bwrap --dev-bind / / --tmpfs /dev true 2>&1", "r");
     std::string reason(400, '\0');
-    if (trial == nullptr || std::fgets(reason.data(), 400, trial) == nullptr) {
-        reason.clear();
-    }
-    const int status = trial == nullptr ? -1 : ::pclose(trial);
-    reason.resize(std::min(reason.size(), reason.find('\n')));
-    constexpr int NOT_FOUND = 127;
-    if (WIFEXITED(status) && WEXITSTATUS(status) == NOT_FOUND) {
+    const bool hasReason = trial == nullptr || std::fgets(reason.data(), 400, trial) != nullptr;
+    if (trial == nullptr || ::pclose(trial) != 0 || hasReason) {
         throw CommandError(
             DeviceUnusable,
-            "Cannot find bwrap: install the package bubblewrap (for a container, in its image)");
-    }
-    if (status != 0) {
-        throw CommandError(DeviceUnusable,
-                           reason +
-                               "; start a container with --privileged, or mount the stand-ins "
-                               "at the device paths when you start it");
+            "Cannot use bwrap (" + reason.substr(0, reason.find_first_of(std::string("\n\0", 2))) +
+                "); install the package bubblewrap, and "
+                "start a container with --privileged, or with the stand-ins mounted at the device paths");
     }
 }
 
 /// The command line of bwrap for a /dev with the stand-ins and all other nodes of this one.
 Words describeDev(const DevicePaths& devices) {
     const std::map<std::string, std::string> standIns = {
-        {Drivers::Zep::TSIO_DEVICE.path, devices.getTsio()},
-        {Drivers::Zep::ROUTER_DEVICE.path, devices.getRouter()},
+        {Drivers::Zep::TSIO_DEVICE.path, devices.tsio},
+        {Drivers::Zep::ROUTER_DEVICE.path, devices.router},
         {Drivers::Zep::PKTIO_DEVICE_PATH, devices.getPktio()}};
     Words words = {"bwrap", "--die-with-parent", "--dev-bind", "/", "/", "--tmpfs", "/dev"};
     for (const auto& node : std::filesystem::directory_iterator("/dev")) {
@@ -91,15 +81,16 @@ int run(const DevicePaths& devices, const Words& program) {
     }
     requireBwrap();
 
-    std::array<int, 2> pipe{};  // for bwrap's report
-    if (::pipe2(pipe.data(), O_CLOEXEC) != 0) {
+    int pipe[2] = {};  // for bwrap's report
+    if (::pipe2(pipe, O_CLOEXEC) != 0) {
         throw systemError("Cannot create a pipe");
     }
     words.insert(words.begin() + 1, {"--info-fd", std::to_string(pipe[1])});
     words.emplace_back("--");
     words.insert(words.end(), program.begin(), program.end());
     std::vector<char*> argv;
-    std::ranges::transform(words, std::back_inserter(argv), [](std::string& word) { return word.data(); });
+    std::transform(words.begin(), words.end(), std::back_inserter(argv),
+                   [](auto& word) { return word.data(); });
     argv.push_back(nullptr);
     const pid_t bwrap = ::fork();
     if (bwrap == 0) {

@@ -162,7 +162,7 @@ TEST_F(InputTableTest, AReaderNeverSeesAnotherInputComeOrGo) {
 TEST_F(InputTableTest, ATableThatIsEmptiedShowsNoOtherInputs) {
     putLastRows({10, 20});
     const Words initial = memory.words;
-    clearWords(memory, TSIO_DEVICE.size / sizeof(std::uint32_t));
+    clearTsio(memory);
     EXPECT_THAT(eventsSeen(initial, memory.stores, 2000),
                 testing::UnorderedElementsAre("-udp://239.0.0.10:5000", "-udp://239.0.0.20:5000"));
 }

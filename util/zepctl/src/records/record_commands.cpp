@@ -120,7 +120,7 @@ Example: zepctl records watch pktio --for 60)",
         });
 }
 
-const std::string& RecordCommands::getFile() const {
+std::string RecordCommands::getFile() const {
     return m_File.empty() ? m_Devices.getPktio() : m_File;
 }
 

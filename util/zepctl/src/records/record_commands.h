@@ -18,7 +18,7 @@ public:
     RecordCommands& operator=(const RecordCommands&) = delete;
 
 private:
-    const std::string& getFile() const;
+    std::string getFile() const;
     void check() const;
     void split() const;
 

@@ -4,13 +4,27 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <fmt/format.h>
+
 #include "command_error.h"
 
 namespace Vel::Zepctl {
 
+namespace {
+
+/// A device that does not exist usually means that nobody named the directory of the stand-ins.
+const std::string& requireExisting(const std::string& path) {
+    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+        throw CommandError(DeviceUnusable, path + " does not exist; -d DIR names a directory of stand-ins");
+    }
+    return path;
+}
+
+}  // namespace
+
 LockedDevice::LockedDevice(const std::string& path, const Drivers::Zep::DeviceInfo& info, Access access,
                            int file)
-    : m_Memory(path, info.size, 0) {
+    : m_Memory(requireExisting(path), info.size, 0) {
     const int fd = m_Memory.getDescriptor();
     struct stat locked {};
     if (::flock(fd, access == Access::Read ? LOCK_SH : LOCK_EX) != 0 || ::fstat(fd, &locked) != 0) {
@@ -23,6 +37,10 @@ LockedDevice::LockedDevice(const std::string& path, const Drivers::Zep::DeviceIn
     }
     if (found != 0 || named.st_dev != locked.st_dev || named.st_ino != locked.st_ino) {
         throw CommandError(DeviceUnusable, path + " was removed or replaced by another file; try again");
+    }
+    if (S_ISREG(locked.st_mode) && locked.st_size > info.size) {
+        throw CommandError(DeviceUnusable, fmt::format("{} is not this device: it has {} bytes instead of {}",
+                                                       path, locked.st_size, info.size));
     }
     if (access == Access::Change && S_ISREG(locked.st_mode) &&
         ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, info.size) != 0 && (errno == ENOSPC || errno == EDQUOT)) {

@@ -15,8 +15,8 @@ enum class Access { Read, Change };
 /// output, may happen while one exists. Thread-bound.
 class LockedDevice {
 public:
-    /// Waits for the lock. Before a change, allocates all blocks of a plain file, since a store into a hole
-    /// fails on a full file system.
+    /// Waits for the lock. Refuses a longer file than the device: it is something else. Before a change,
+    /// allocates all blocks of a plain file, since a store into a hole fails on a full file system.
     /// @param file descriptor of the file that this must be; by default, it must be what `path` still names
     /// @throws PciError and CommandError; the former also for a file that was truncated in the meantime
     LockedDevice(const std::string& path, const Drivers::Zep::DeviceInfo& info, Access access, int file = -1);

@@ -2,8 +2,10 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <system_error>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -11,6 +13,13 @@
 #include "plain_file.h"
 #include "tables/device.h"
 #include "vel/cpp_utils/text.h"
+#include "vel/userspace_drivers/drivers/zep/ts/ipinentry.h"
+#include "vel/userspace_drivers/drivers/zep/ts/ipoutentry.h"
+#include "vel/userspace_drivers/drivers/zep/ts/physinentry.h"
+#include "vel/userspace_drivers/drivers/zep/ts/physoutentry.h"
+#include "vel/userspace_drivers/drivers/zep/ts/pidlutentry.h"
+#include "vel/userspace_drivers/drivers/zep/ts/pidmapentry.h"
+#include "vel/userspace_drivers/drivers/zep/ts/tsimapentry.h"
 
 namespace Vel::Zepctl {
 
@@ -18,28 +27,35 @@ using namespace Drivers::Zep;
 
 namespace {
 
-/// @param kind S_IFREG or S_IFIFO
-void checkExisting(const std::string& path, const struct stat& file, mode_t kind, bool force) {
-    const bool isFifo = kind == S_IFIFO;
+using Words = std::vector<std::uint32_t>;
+
+constexpr std::uint32_t FIFO = 0;  // in place of the size of a device
+
+void checkExisting(const std::string& path, const struct stat& file, std::uint32_t size, bool force) {
+    const bool isFifo = size == FIFO;
     const auto refuse = [&](ExitStatus status, const std::string& reason) {
         throw CommandError(status, path + " already exists" + reason);
     };
-    if ((file.st_mode & S_IFMT) != kind) {
+    if (!(isFifo ? S_ISFIFO(file.st_mode) : S_ISREG(file.st_mode))) {
         refuse(DeviceUnusable,
                fmt::format(" and is not a {}; remove it first", isFifo ? "FIFO" : "plain file"));
     }
     if (file.st_nlink > 1) {
         refuse(DeviceUnusable, fmt::format(" with {} hard links; remove it first", file.st_nlink));
     }
+    if (file.st_size > size) {
+        refuse(DeviceUnusable,
+               fmt::format(" with {} bytes instead of {}; remove it first", file.st_size, size));
+    }
     if (!force) {
-        refuse(WrongUse, fmt::format("; use --force to {} it", isFifo ? "keep" : "zero"));
+        refuse(WrongUse, fmt::format("; use --force to {} it", isFifo ? "keep" : "clear"));
     }
 }
 
-void checkName(const std::string& path, mode_t kind, bool force) {
+void checkName(const std::string& path, std::uint32_t size, bool force) {
     struct stat file {};
     if (::lstat(path.c_str(), &file) == 0) {
-        checkExisting(path, file, kind, force);
+        checkExisting(path, file, size, force);
     }
 }
 
@@ -50,7 +66,7 @@ CppUtil::FileDescriptor openStandIn(const std::string& path, std::uint32_t size,
     if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
         throw systemError("Cannot create " + path);
     }
-    checkExisting(path, status, S_IFREG, true);
+    checkExisting(path, status, size, true);
     if (status.st_size < size && ::ftruncate(file.get(), size) != 0) {
         throw systemError("Cannot create " + path);
     }
@@ -74,13 +90,40 @@ std::string quoteForShell(const std::string& word) {
     return (hasControls ? "$'" + CppUtil::escapeControls(quoted) : "'" + quoted) + "'";
 }
 
-}  // namespace
+template <typename Row>
+void putClearedRows(Words& words, std::uint32_t base, std::uint32_t rows) {
+    Row row;
+    row.toWords();
+    for (std::uint32_t i = 0; i < rows; ++i) {
+        std::ranges::copy(row.getWords(), &words.at(base + i * Row::WORDS));
+    }
+}
 
-void clearWords(Drivers::IMemIf& memory, std::uint32_t count) {
-    while (count-- > 0) {
-        memory.write32(count, 0);
+void writeBackwards(Drivers::IMemIf& memory, const Words& words) {
+    for (auto i = static_cast<std::uint32_t>(words.size()); i-- > 0;) {
+        memory.write32(i, words[i]);
     }
     memory.verifyMemory();
+}
+
+}  // namespace
+
+void clearTsio(Drivers::IMemIf& memory) {
+    Words words(TSIO_DEVICE.size / sizeof(std::uint32_t));
+    putClearedRows<IpInEntry>(words, IpLut::TABLE.base, IpLut::TABLE.rows);
+    putClearedRows<PhysInEntry>(words, PhysInMap::TABLE.base, PhysInMap::TABLE.rows);
+    putClearedRows<PhysOutEntry>(words, PhysOutMap::TABLE.base, PhysOutMap::TABLE.rows);
+    putClearedRows<IpOutEntry>(words, IpOutTable::TABLE.base, IpOutTable::TABLE.rows);
+    writeBackwards(memory, words);
+}
+
+void clearRouter(Drivers::IMemIf& memory) {
+    Words words(ROUTER_DEVICE.size / sizeof(std::uint32_t));
+    putClearedRows<PidLutEntry>(words, PidLut::TABLE.base, PidLut::TABLE.rows);
+    putClearedRows<PidLutEntry>(words, PidLut::UPPER_BASE, PidLut::TABLE.rows);
+    putClearedRows<TsiMapEntry>(words, TsiMap::TABLE.base, TsiMap::TABLE.rows);
+    putClearedRows<PidMapEntry>(words, OPidMap::TABLE.base, OPidMap::TABLE.rows);
+    writeBackwards(memory, words);
 }
 
 void createStandIns(const std::string& directory, bool withFifo, bool force) {
@@ -88,10 +131,10 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
     const std::string tsio = prefix + "tsio";
     const std::string router = prefix + "router";
     const std::string fifo = prefix + "pktio";
-    checkName(tsio, S_IFREG, force);
-    checkName(router, S_IFREG, force);
+    checkName(tsio, TSIO_DEVICE.size, force);
+    checkName(router, ROUTER_DEVICE.size, force);
     if (withFifo) {
-        checkName(fifo, S_IFIFO, force);
+        checkName(fifo, FIFO, force);
     }
     std::error_code error;
     std::filesystem::create_directories(directory, error);
@@ -106,8 +149,8 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
     const auto routerFile = openStandIn(router, ROUTER_DEVICE.size, force);
     LockedDevice tsioDevice(tsio, TSIO_DEVICE, Access::Change, tsioFile.get());
     LockedDevice routerDevice(router, ROUTER_DEVICE, Access::Change, routerFile.get());
-    clearWords(tsioDevice.memory(), TSIO_DEVICE.size / sizeof(std::uint32_t));
-    clearWords(routerDevice.memory(), ROUTER_DEVICE.size / sizeof(std::uint32_t));
+    clearTsio(tsioDevice.memory());
+    clearRouter(routerDevice.memory());
 }
 
 std::string standInCommandLine(const std::string& directory, bool withFifo) {

@@ -62,14 +62,14 @@ TableCommands::TableCommands(CLI::App& app, const DevicePaths& devices) : m_Devi
 
 void TableCommands::declareCreate(CLI::App& app) {
     CLI::App& create = declareCommand(
-        app, "create", "Create files that stand in for the devices, filled with zeros",
+        app, "create", "Create files that stand in for the devices, with empty tables",
         "Prints the zeptfem command line that uses the files.\n\nExample: zepctl create /tmp/zep", [this] {
             createStandIns(m_Directory, m_WithFifo, m_Force);
             printOutput(standInCommandLine(m_Directory, m_WithFifo) + '\n');
         });
     create.add_option("DIR", m_Directory, "directory for the files; created if missing")->required();
     create.add_flag("--fifo", m_WithFifo, "also create the FIFO pktio");
-    create.add_flag("--force", m_Force, "zero existing files in place");
+    create.add_flag("--force", m_Force, "clear existing files in place");
 }
 
 void TableCommands::declareInput(CLI::App& app) {
@@ -78,13 +78,13 @@ void TableCommands::declareInput(CLI::App& app) {
     input.require_subcommand(1);
     input.footer("Example: zepctl input add udp://239.1.2.3:5000 3");
 
-    CLI::App& add = declareCommand(
-        input, "add", "Add an input", "Example: zepctl input add udp://239.1.2.3:5000 3", [this] {
-            Zep::IpInEntry row = parseInputUri(m_Uri);
-            row.setTSIIDX(*m_TSIIDX);
-            LockedDevice device(m_Devices.getTsio(), Zep::TSIO_DEVICE, Access::Change);
-            InputTable(device.memory()).add(row);
-        });
+    CLI::App& add = declareCommand(input, "add", "Add an input",
+                                   "Example: zepctl input add udp://239.1.2.3:5000 3", [this] {
+                                       Zep::IpInEntry row = parseInputUri(m_Uri);
+                                       row.setTSIIDX(*m_TSIIDX);
+                                       LockedDevice device(m_Devices.tsio, Zep::TSIO_DEVICE, Access::Change);
+                                       InputTable(device.memory()).add(row);
+                                   });
     add.add_option("URI", m_Uri, "address and port: udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0")
         ->required();
     addNumber(add, "TSIIDX", m_TSIIDX, Zep::TSIIDX_RANGE, "index of the input").required();
@@ -92,14 +92,14 @@ void TableCommands::declareInput(CLI::App& app) {
     CLI::App& remove = declareCommand(
         input, "remove", "Remove an input", "Example: zepctl input remove udp://239.1.2.3:5000", [this] {
             const Zep::IpInEntry row = parseInputUri(m_Uri);
-            LockedDevice device(m_Devices.getTsio(), Zep::TSIO_DEVICE, Access::Change);
+            LockedDevice device(m_Devices.tsio, Zep::TSIO_DEVICE, Access::Change);
             InputTable(device.memory()).remove(row);
         });
     remove.add_option("URI", m_Uri, "as input list prints it")->required();
 
     declareCommand(input, "list", "Print the inputs in the form that input add accepts",
                    "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list",
-                   [this] { printRows<InputTable>(m_Devices.getTsio(), Zep::TSIO_DEVICE, formatInput); });
+                   [this] { printRows<InputTable>(m_Devices.tsio, Zep::TSIO_DEVICE, formatInput); });
 }
 
 void TableCommands::declareRoute(CLI::App& app) {
@@ -112,7 +112,7 @@ void TableCommands::declareRoute(CLI::App& app) {
         route, "add", "Route a PID of an input, by default to the CPU",
         "Example: zepctl route add 3 0x100\n         zepctl route add 3 256 --out --no-cpu --pididx 7",
         [this] {
-            LockedDevice device(m_Devices.getRouter(), Zep::ROUTER_DEVICE, Access::Change);
+            LockedDevice device(m_Devices.router, Zep::ROUTER_DEVICE, Access::Change);
             RouteTable table(device.memory());
             table.add({*m_TSIIDX, *m_PID, m_PIDIDX ? *m_PIDIDX : table.findFreePididx(),
                        m_FiltTabIDX.value_or(Zep::FILTTABIDX_RANGE.max), m_OutRoute, !m_NoCpuRoute});
@@ -125,14 +125,14 @@ void TableCommands::declareRoute(CLI::App& app) {
 
     declareRouteKey(declareCommand(route, "remove", "Remove the routes of a PID of an input",
                                    "Example: zepctl route remove 3 0x100", [this] {
-                                       LockedDevice device(m_Devices.getRouter(), Zep::ROUTER_DEVICE,
+                                       LockedDevice device(m_Devices.router, Zep::ROUTER_DEVICE,
                                                            Access::Change);
                                        RouteTable(device.memory()).remove(*m_TSIIDX, *m_PID);
                                    }));
 
     declareCommand(route, "list", "Print the routes in the form that route add accepts",
                    "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list",
-                   [this] { printRows<RouteTable>(m_Devices.getRouter(), Zep::ROUTER_DEVICE, formatRoute); });
+                   [this] { printRows<RouteTable>(m_Devices.router, Zep::ROUTER_DEVICE, formatRoute); });
 }
 
 void TableCommands::declareRouteKey(CLI::App& command) {
@@ -142,17 +142,16 @@ void TableCommands::declareRouteKey(CLI::App& command) {
 
 /// Both devices are locked before either is changed.
 void TableCommands::clearTables() {
-    if (m_Table.empty() && CppUtil::isSameFile(m_Devices.getTsio(), m_Devices.getRouter())) {
-        throw CommandError(WrongUse,
-                           m_Devices.getTsio() + " and " + m_Devices.getRouter() + " are the same file");
+    if (m_Table.empty() && CppUtil::isSameFile(m_Devices.tsio, m_Devices.router)) {
+        throw CommandError(WrongUse, m_Devices.tsio + " and " + m_Devices.router + " are the same file");
     }
     std::optional<LockedDevice> tsio;
     std::optional<LockedDevice> router;
     if (m_Table != "routes") {
-        tsio.emplace(m_Devices.getTsio(), Zep::TSIO_DEVICE, Access::Change);
+        tsio.emplace(m_Devices.tsio, Zep::TSIO_DEVICE, Access::Change);
     }
     if (m_Table != "inputs") {
-        router.emplace(m_Devices.getRouter(), Zep::ROUTER_DEVICE, Access::Change);
+        router.emplace(m_Devices.router, Zep::ROUTER_DEVICE, Access::Change);
     }
     if (tsio) {
         InputTable(tsio->memory()).clear();
@@ -169,9 +168,7 @@ void TableCommands::declareDump(CLI::App& app) {
         "An empty row of pidlut or physinmap holds a fill value, not zeros. An all-zero row is therefore\n"
         "printed. In pidlut it routes nothing; in physinmap it is in use and feeds input 0.\n\n"
         "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1",
-        [this] {
-            printOutput(dumpTable(m_Table, m_DumpOptions, m_Devices.getTsio(), m_Devices.getRouter()));
-        });
+        [this] { printOutput(dumpTable(m_Table, m_DumpOptions, m_Devices.tsio, m_Devices.router)); });
     dump.add_option("TABLE", m_Table, "the table")->required()->check(CLI::IsMember(dumpTableNames()));
     addNumber(dump, "--first", m_DumpOptions.first, {0, ROWS - 1},
               "first row (default: first row of the table)");
