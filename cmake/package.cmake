@@ -10,6 +10,10 @@ endforeach()
 add_custom_target(packed_pages ALL DEPENDS ${packed_pages})
 install(FILES ${PROJECT_BINARY_DIR}/packaging/zeptfem.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES ${PROJECT_BINARY_DIR}/packaging/zepctl.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+foreach(program zeptfem zepctl)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/completion.bash
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program})
+endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${PROJECT_BINARY_DIR}/packaging/changelog.gz
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
