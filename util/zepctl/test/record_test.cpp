@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <random>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -115,6 +116,76 @@ TEST(RecordInput, TimesThePacketsOfEachStepAndNoOthers) {
     EXPECT_EQ(input.getTotal().timedPackets, 18U + 3);
     EXPECT_EQ(input.getTime().timeBases, 4U);
     EXPECT_EQ(*input.getPcrPid(), 0x101U);
+}
+
+/// One packet per letter: a and A have the same PID and differ in their last byte.
+std::string packetsOf(const std::string& letters, bool asRecords) {
+    std::string stream;
+    for (const char letter : letters) {
+        const auto pid = static_cast<std::uint32_t>(letter | 0x20);
+        const auto record = TestSupport::TestPacket{.pid = pid, .number = letter < 'a' ? 1U : 0U}.record(3);
+        stream.append(record.begin() + (asRecords ? 0 : Ts::RECORD_HEADER_SIZE), record.end());
+    }
+    return stream;
+}
+
+TEST(RecordComparison, AcceptsExactlyThePacketsOfThePids) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "a:b";
+    std::minstd_rand random;
+    const auto pick = [&random](const std::string& letters) { return letters[random() % letters.size()]; };
+    int accepted = 0;
+    for (int i = 0; i < 3000; ++i) {
+        std::string packets(random() % 7, ' ');
+        std::ranges::generate(packets, [&] { return pick("aAbc"); });
+        const std::string pids = std::array{"", "a", "ab", "bc"}[random() % 4];
+        const auto hasPid = [](const std::string& all, char letter) {
+            return all.find(static_cast<char>(letter | 0x20)) != std::string::npos ||
+                   all.find(static_cast<char>(letter & ~0x20)) != std::string::npos;
+        };
+        const auto filter = [&](const std::string& wanted) {
+            std::string result;
+            std::ranges::copy_if(packets, std::back_inserter(result),
+                                 [&](char letter) { return hasPid(wanted, letter); });
+            return result;
+        };
+        std::string records = filter(pids.empty() ? std::string{pick("abc"), pick("abc")} : pids);
+        for (auto changes = random() % 3; changes > 0; --changes) {
+            const std::size_t at = random() % (records.size() + 1);
+            records = records.substr(0, at) + (random() % 2 == 0 ? std::string{pick("aAbc")} : "") +
+                      records.substr(std::min(records.size(), at + random() % 2));
+        }
+        const std::string seen = records.empty() ? packets : records;
+        const std::string expected = filter(pids.empty() ? seen : pids);
+
+        writeFile(path, packetsOf(packets, false) + "torn");
+        std::string option = "3=" + path + ":";
+        for (const char pid : pids) {
+            option += (option.ends_with(":") ? "" : ",") + std::to_string(pid);
+        }
+        RecordCheck check({option});
+        for (const char letter : records) {
+            if (random() % 2 == 0) {
+                check.isSettled();  // may look ahead in the file
+            }
+            check.add(bytesOf(packetsOf({letter}, true)));
+        }
+        const bool isSettled = check.isSettled();
+        check.end(0);
+        std::uint64_t differences = 0;
+        for (const auto kind : {FaultKind::Unexpected, FaultKind::Missing, FaultKind::Extra}) {
+            const auto& [count, first] = check.getFaults().get(kind);
+            differences += count;
+            const auto place = std::ranges::mismatch(records, expected).in1 - records.begin();
+            if (count != 0 && !pids.empty()) {
+                EXPECT_EQ(first.record, static_cast<std::uint64_t>(place)) << records << " " << expected;
+            }
+        }
+        EXPECT_EQ(differences, records == expected ? 0U : 1U) << packets << ":" << pids << " " << records;
+        EXPECT_EQ(isSettled, check.getFaults().get(FaultKind::Missing).count == 0);
+        accepted += records == expected ? 1 : 0;
+    }
+    EXPECT_THAT(accepted, testing::AllOf(testing::Gt(750), testing::Lt(2250)));
 }
 
 /// Reads once. Returns the continuity counters.

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "command_error.h"
+#include "command_line.h"
+
 namespace Vel::Zepctl {
 
 std::optional<std::uint32_t> RecordContinuity::check(const RecordView& packet) {
@@ -78,13 +81,41 @@ std::optional<double> RecordInput::getBitRate(std::uint64_t timedPackets) const 
                        : std::nullopt;
 }
 
+RecordCheck::RecordCheck(const std::vector<std::string>& against) {
+    for (const std::string& text : against) {
+        const std::size_t equals = text.find('=');
+        const auto tsiidx = parseNumber("--against: TSIIDX", text.substr(0, equals), {0, MAX_TSIIDX});
+        if (equals == std::string::npos ||
+            !m_Comparisons.try_emplace(tsiidx, tsiidx, text.substr(equals + 1)).second) {
+            throw CommandError(WrongUse,
+                               "--against \"" + text +
+                                   "\" is not TSIIDX=FILE[:PID,...] with a TSIIDX that was not given before");
+        }
+    }
+}
+
 void RecordCheck::add(std::span<const std::uint8_t> records) {
     for (; records.size() >= Ts::RECORD_SIZE; records = records.subspan(Ts::RECORD_SIZE)) {
         const RecordView record(records.data());
         if (m_Faults.addRecord(record)) {
             m_Inputs[record.getTsiidx()].add(record, m_Faults);
         }
+        // Also with a bad sync byte, which the file may have as well.
+        if (const auto found = m_Comparisons.find(record.getTsiidx()); found != m_Comparisons.end()) {
+            found->second.add(record, m_Faults);
+        }
     }
+}
+
+void RecordCheck::end(std::size_t tornBytes) {
+    for (auto& [tsiidx, comparison] : m_Comparisons) {
+        comparison.end(m_Faults);
+    }
+    m_Faults.addTornRecord(tornBytes);
+}
+
+bool RecordCheck::isSettled() {
+    return std::ranges::all_of(m_Comparisons, [](auto& entry) { return entry.second.isSettled(); });
 }
 
 }  // namespace Vel::Zepctl

@@ -7,7 +7,10 @@
 #include <map>
 #include <optional>
 #include <span>
+#include <string>
+#include <vector>
 
+#include "records/record_comparison.h"
 #include "records/record_fault.h"
 #include "records/record_view.h"
 #include "vel/ts_basics/pcr.h"
@@ -96,10 +99,16 @@ private:
 /// Checks a stream of records. Thread-bound.
 class RecordCheck {
 public:
+    /// @param against for each input that is to be compared: TSIIDX=FILE[:PID,...]
+    /// @throws CommandError for other text, an input that is named twice, and a FILE that cannot be used
+    explicit RecordCheck(const std::vector<std::string>& against = {});
+
     /// Takes the next complete records.
     void add(std::span<const std::uint8_t> records);
     /// Takes the size of the incomplete record at the end of the stream, 0 if there is none.
-    void end(std::size_t tornBytes) { m_Faults.addTornRecord(tornBytes); }
+    void end(std::size_t tornBytes);
+    /// Whether every comparison has found a difference or all that it expected.
+    bool isSettled();
 
     const FaultLog& getFaults() const { return m_Faults; }
     /// By TSIIDX.
@@ -108,6 +117,7 @@ public:
 private:
     FaultLog m_Faults;
     std::map<std::uint32_t, RecordInput> m_Inputs;
+    std::map<std::uint32_t, RecordComparison> m_Comparisons;  // by TSIIDX
 };
 
 }  // namespace Vel::Zepctl

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <iostream>
+#include <thread>
 #include <utility>
 
 #include <fmt/format.h>
@@ -23,7 +25,14 @@ namespace Vel::Zepctl {
 namespace {
 
 /// One year; the end time then cannot overflow the clock's range.
-constexpr double MAX_WATCH_SECONDS = 366 * 86400.0;
+constexpr double MAX_SECONDS = 366 * 86400.0;
+
+using Clock = std::chrono::steady_clock;
+
+/// The records are complete once nothing more arrives for this time.
+constexpr std::chrono::milliseconds QUIET(200);
+/// A missing file is looked for, and the end of a file is read again, at this interval.
+constexpr std::chrono::milliseconds RETRY_INTERVAL(20);
 
 /// Passes all records to a check or split, block by block. On a terminal, standard error shows the progress
 /// through a file, which may grow meanwhile; the cursor stays before it, so that the next line overwrites it.
@@ -49,6 +58,28 @@ void readToEnd(RecordReader& reader, Consumer& consumer) {
     consumer.end(reader.getTornBytes());
 }
 
+/// Passes records to a check until they are complete or the time is up. Starts over if a plain file is
+/// rewritten; the last writer of a FIFO may be followed by another one.
+void readUntil(Clock::time_point end, RecordReader& reader, RecordCheck& check,
+               const std::vector<std::string>& against) {
+    auto latest = Clock::now();
+    for (auto now = latest; now < end && (now - latest < QUIET || !check.isSettled()); now = Clock::now()) {
+        if (!reader.waitForData(RETRY_INTERVAL)) {
+            continue;
+        }
+        if (reader.restartIfRewritten()) {
+            check = RecordCheck(against);
+        }
+        check.add(reader.read());
+        if (reader.isAtEnd()) {
+            std::this_thread::sleep_for(RETRY_INTERVAL);
+        } else {
+            latest = Clock::now();
+        }
+    }
+    check.end(reader.getTornBytes());
+}
+
 /// Prints the report, which lists the faults, and fails the command if there are any.
 void finish(const std::string& report, const std::string& name, const FaultLog& faults) {
     printOutput(report);
@@ -60,6 +91,15 @@ void finish(const std::string& report, const std::string& name, const FaultLog& 
 }  // namespace
 
 RecordCommands::RecordCommands(CLI::App& app, const DevicePaths& devices) : m_Devices(devices) {
+    const auto isSeconds = [](const std::string& text) {
+        double seconds = 0;
+        const char* end = text.data() + text.size();
+        const bool isNumber = std::from_chars(text.data(), end, seconds).ptr == end;
+        return isNumber && seconds > 0 && seconds <= MAX_SECONDS
+                   ? std::string()
+                   : fmt::format("\"{}\" is not a number of seconds greater than 0 and at most {} (366 days)",
+                                 text, MAX_SECONDS);
+    };
     CLI::App* records = app.add_subcommand(
         "records", "Inspect records (each a TSIIDX followed by a transport stream packet)");
     records->require_subcommand(1);
@@ -69,16 +109,27 @@ RecordCommands::RecordCommands(CLI::App& app, const DevicePaths& devices) : m_De
         *records, "check", "Check the records of a file; exit status 1 if they have faults",
         R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte other
 than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are not faults, nor is
-a file without records. The bit rate counts 188 bytes per recorded packet. Time is measured with
-the PCRs of one PID per input, the first with two successive PCRs, from its first PCR to its last;
-intervals in which the PCR restarts are excluded. The man page lists the keys of the JSON object.
+a file without records. With --against, the records of that input must be exactly the packets of
+the PIDs in FILE, first to last; without PIDs, of the PIDs seen in the records. The last colon
+separates the PIDs, so a FILE that contains a colon is followed by one. The bit rate counts 188
+bytes per recorded packet. Time is measured with the PCRs of one PID per input, the first with two
+successive PCRs, from its first PCR to its last; intervals in which the PCR restarts are excluded.
+The man page lists the keys of the JSON object.
 
 Example: zepctl records check out.rec
-         some-receiver | zepctl records check --json - > result.json)",
+         some-receiver | zepctl records check --json - > result.json
+         zepctl records check --against 3=a.ts:0x100,0x101 --wait 10 out.rec)",
         [this] { this->check(); });
     check.add_option("FILE", m_File,
                      "records, or - for standard input (default: pktio in the directory of -d)");
     check.add_flag("--json", m_Json, "print the result as JSON");
+    CLI::Option* against = check.add_option("--against", m_Against, "compare an input with FILE")
+                               ->type_name("TSIIDX=FILE[:PID,...]")
+                               ->allow_extra_args(false);
+    check.add_option("--wait", m_Seconds, "wait until all has arrived, at most SECONDS")
+        ->type_name("SECONDS")
+        ->check(isSeconds)
+        ->needs(against);
 
     CLI::App& split = declareCommand(
         *records, "split", "Write the packets of each input to a transport stream file",
@@ -106,18 +157,7 @@ Example: zepctl records watch pktio --for 60)",
     watch.add_option(
         "FILE", m_File,
         "FIFO, growing file or device, or - for standard input (default: pktio in the directory of -d)");
-    watch.add_option("--for", m_Seconds, "stop after SECONDS")
-        ->type_name("SECONDS")
-        ->check([](const std::string& text) {
-            double seconds = 0;
-            const char* end = text.data() + text.size();
-            const bool isNumber = std::from_chars(text.data(), end, seconds).ptr == end;
-            return isNumber && seconds > 0 && seconds <= MAX_WATCH_SECONDS
-                       ? std::string()
-                       : fmt::format(
-                             "\"{}\" is not a number of seconds greater than 0 and at most {} (366 days)",
-                             text, MAX_WATCH_SECONDS);
-        });
+    watch.add_option("--for", m_Seconds, "stop after SECONDS")->type_name("SECONDS")->check(isSeconds);
 }
 
 std::string RecordCommands::getFile() const {
@@ -125,9 +165,20 @@ std::string RecordCommands::getFile() const {
 }
 
 void RecordCommands::check() const {
-    RecordReader reader(getFile());
-    RecordCheck result;
-    readToEnd(reader, result);
+    RecordCheck result(m_Against);
+    const auto limit = std::chrono::duration_cast<Clock::duration>(Seconds(m_Seconds.value_or(0)));
+    const auto end = Clock::now() + limit;
+    const std::string file = getFile();
+    // Another program may still have to create the file.
+    while (file != "-" && ::access(file.c_str(), F_OK) == -1 && Clock::now() < end) {
+        std::this_thread::sleep_for(RETRY_INTERVAL);
+    }
+    RecordReader reader(file);
+    if (m_Seconds) {
+        readUntil(end, reader, result, m_Against);
+    } else {
+        readToEnd(reader, result);
+    }
     const std::string name = reader.getName();
     finish(m_Json ? formatJsonReport(reader.getRawName(), result) : formatReport(name, result), name,
            result.getFaults());

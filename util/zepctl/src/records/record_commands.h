@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -26,7 +27,8 @@ private:
     std::string m_File;  // empty for the data device
     std::string m_Directory;
     bool m_Json = false;
-    std::optional<double> m_Seconds;  // of a watch
+    std::vector<std::string> m_Against;
+    std::optional<double> m_Seconds;  // limit of a watch, or of a check that waits
 };
 
 }  // namespace Vel::Zepctl

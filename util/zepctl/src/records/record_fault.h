@@ -10,7 +10,16 @@
 namespace Vel::Zepctl {
 
 /// What makes a stream of records faulty. The last three concern the record itself, not the packet in it.
-enum class FaultKind { Continuity, TransportError, BadSync, UnknownTsiidx, TornRecord };
+enum class FaultKind {
+    Continuity,
+    TransportError,
+    Unexpected,
+    Missing,
+    Extra,
+    BadSync,
+    UnknownTsiidx,
+    TornRecord
+};
 
 /// Of each kind: its key in JSON, its name, and what was found, with {2} to {5} for the fields of a Fault
 /// from its TSIIDX on.
@@ -23,6 +32,11 @@ inline constexpr std::array FAULT_TEXTS = std::to_array<FaultText>({
     {"continuity_errors", "continuity error",
      "TSIIDX {2}, PID 0x{3:04x}: continuity counter {5}, expected {4}"},
     {"transport_errors", "transport error", "TSIIDX {2}, PID 0x{3:04x}: transport_error_indicator is set"},
+    {"unexpected_packets", "unexpected packet",
+     "TSIIDX {2}: packet {4} of the file, PID 0x{3:04x}, is missing, changed or late; found PID 0x{5:04x}"},
+    {"missing_packets", "missing packet",
+     "TSIIDX {2}: packet {4} of the file, PID 0x{3:04x}, is missing at the end"},
+    {"extra_packets", "extra packet", "TSIIDX {2}, PID 0x{3:04x}: the file has no further packet"},
     {"bad_sync", "bad sync byte", "TSIIDX {2}: sync byte 0x{5:02x}, expected 0x{4:02x}"},
     {"unknown_tsiidx", "unknown TSIIDX value", "TSIIDX {5}, allowed 0..{4}"},
     {"torn_record", "torn record", "ends after {5} of {4} bytes"},
@@ -33,9 +47,10 @@ struct Fault {
     FaultKind kind{};
     std::uint64_t record = 0;    // index, from 0
     std::uint32_t tsiidx = 0;    // meaningless in a torn record
-    std::uint32_t pid = 0;       // of Continuity and TransportError
-    std::uint32_t expected = 0;  // continuity counter, sync byte, highest TSIIDX, bytes of a record
-    std::uint32_t found = 0;     // in the same unit
+    std::uint32_t pid = 0;       // of the packet (of the expected one where there is one)
+    std::uint32_t expected = 0;  // continuity counter, sync byte, highest TSIIDX, bytes of a record,
+                                 // index of a packet in its file
+    std::uint32_t found = 0;     // in the same unit; the PID in place of the expected packet
 
     /// Offset of the record in the stream.
     std::uint64_t getByteOffset() const { return record * Ts::RECORD_SIZE; }
@@ -55,6 +70,8 @@ public:
     [[nodiscard]] bool addRecord(const RecordView& record);
     /// Adds a fault of the latest record.
     void add(FaultKind kind, const RecordView& record, std::uint32_t expected, std::uint32_t found);
+    /// Adds a fault; one at the end of the stream has the number of records as its record.
+    void add(const Fault& fault);
     /// Adds the incomplete record at the end of the stream; 0 bytes are not a fault.
     void addTornRecord(std::size_t bytes);
 
@@ -67,8 +84,6 @@ public:
     std::string toLines() const;
 
 private:
-    void add(const Fault& fault);
-
     std::uint64_t m_Records = 0;
     std::array<Entry, FAULT_TEXTS.size()> m_Entries{};
 };

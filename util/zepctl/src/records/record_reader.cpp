@@ -28,9 +28,9 @@ RecordReader::RecordReader(const std::string& path)
     }
 }
 
-void RecordReader::waitForData() const {
+bool RecordReader::waitForData(std::chrono::milliseconds limit) const {
     // read() would report the end of a FIFO that has had no writer yet; poll() waits for the first one.
-    static_cast<void>(CppUtil::waitFor(m_File.get(), POLLIN, {}));
+    return CppUtil::waitFor(m_File.get(), POLLIN, {}, limit);
 }
 
 std::span<const std::uint8_t> RecordReader::read() {
@@ -48,6 +48,14 @@ std::span<const std::uint8_t> RecordReader::read() {
     m_Torn = held % Ts::RECORD_SIZE;
     m_Given = held - m_Torn;
     return {m_Block.data(), m_Given};
+}
+
+std::span<const std::uint8_t> RecordReader::readAt(std::uint64_t offset) {
+    const ssize_t got = ::pread(m_File.get(), m_Block.data(), m_Block.size(), static_cast<off_t>(offset));
+    if (got < 0) {
+        throw systemError("Cannot read " + getName());
+    }
+    return {m_Block.data(), static_cast<std::size_t>(got)};
 }
 
 bool RecordReader::restartIfRewritten() {

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -13,19 +14,24 @@
 
 namespace Vel::Zepctl {
 
-/// Reads records in blocks from a file, a device, a FIFO or standard input. Thread-bound.
+/// Reads records in blocks from a file, a device, a FIFO or standard input, or other bytes of a plain file.
+/// Thread-bound.
 class RecordReader {
 public:
     /// @param path "-" for standard input. A FIFO does not need a writer yet; waitForData() waits for one
     /// @throws CommandError when it cannot be opened
     explicit RecordReader(const std::string& path);
 
-    /// Waits until poll() reports data or the end of the stream.
-    void waitForData() const;
+    /// Waits until poll() reports data or the end of the stream. False after the limit.
+    bool waitForData(std::chrono::milliseconds limit = std::chrono::milliseconds::max()) const;
     /// Reads once and returns the complete records, valid until the next call. An empty result does not mean
     /// the end of the stream; see isAtEnd().
     /// @throws CommandError when reading fails
     [[nodiscard]] std::span<const std::uint8_t> read();
+    /// A block of a plain file from that offset on, valid until the next call; shorter at the end of the
+    /// file. Not to be mixed with read().
+    /// @throws CommandError when reading fails
+    [[nodiscard]] std::span<const std::uint8_t> readAt(std::uint64_t offset);
     /// Whether the latest read() found the end. A plain file may grow, and reading then continues.
     bool isAtEnd() const { return m_AtEnd; }
     /// Size of the incomplete record that has been read, in bytes.

@@ -27,7 +27,7 @@ Json jsonOf(const FaultLog::Entry& entry) {
     if (entry.count == 0) {
         return {{"count", 0}, {"first", nullptr}};
     }
-    const bool hasPid = kind == FaultKind::Continuity || kind == FaultKind::TransportError;
+    const bool hasPid = kind < FaultKind::BadSync;
     return {{"count", entry.count},
             {"first",
              {{"record", record},

@@ -7,24 +7,30 @@
 
 namespace Vel::Zepctl {
 
-/// One record in a block of records: the TSIIDX of its header, and its packet for reading. Reentrant; the
-/// block must outlive it.
-class RecordView final : public Ts::TSPacket {
+/// A packet in a block, for reading. Reentrant; the block must outlive it.
+class PacketView : public Ts::TSPacket {
 public:
-    /// @param record first of Ts::RECORD_SIZE bytes
-    explicit RecordView(const std::uint8_t* record) : m_Record(record) {}
+    /// @param packet first of Ts::TS_PACKET_SIZE bytes
+    explicit PacketView(const std::uint8_t* packet) : m_Packet(packet) {}
 
-    /// The value in the record, so it may be above 255.
-    std::uint32_t getTsiidx() const { return Ts::readRecordHeader(m_Record); }
-
-    const std::uint8_t* getDataPtr() const override { return m_Record + Ts::RECORD_HEADER_SIZE; }
-    /// @throws TsPacketError always: records are not changed
+    const std::uint8_t* getDataPtr() const override { return m_Packet; }
+    /// @throws TsPacketError always: packets are not changed
     std::uint8_t* getDataPtr() override {
         throw Ts::TsPacketError("Cannot get data pointer. Packet is read-only.");
     }
 
 private:
-    const std::uint8_t* m_Record;
+    const std::uint8_t* m_Packet;
+};
+
+/// One record in a block: the TSIIDX of its header, and its packet for reading. Reentrant, as PacketView.
+class RecordView final : public PacketView {
+public:
+    /// @param record first of Ts::RECORD_SIZE bytes
+    explicit RecordView(const std::uint8_t* record) : PacketView(record + Ts::RECORD_HEADER_SIZE) {}
+
+    /// The value in the record, so it may be above 255.
+    std::uint32_t getTsiidx() const { return Ts::readRecordHeader(getDataPtr() - Ts::RECORD_HEADER_SIZE); }
 };
 
 }  // namespace Vel::Zepctl
