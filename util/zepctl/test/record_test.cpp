@@ -90,6 +90,33 @@ TEST(RecordCheck, JudgesContinuityByTheStandard) {
     }
 }
 
+TEST(RecordInput, CountsPcrsThatJumpOrAreTooFarApart) {
+    const struct {
+        const char* packets;
+        std::uint64_t jumps;
+        std::uint64_t gaps;
+    } cases[] = {
+        {"0np0 0np100 0np100 0np200", 0, 0},
+        {"0np0 0np101 0np1101 0np1102", 0, 2},
+        {"0np0 0np1 0np1002 0np1001", 2, 0},  // ahead and back
+        {"0np0 0np5000 0np0", 2, 0},          // before a PID has been chosen
+        {"0np0 0np10 0ndp5000 0np4900", 1, 0},
+        {"0np0 0np10 0nd 0np5000", 0, 0},  // announced
+        {"0np95443710 0np20", 0, 0},       // wraps
+        {"0np0 0np10 0qnp0 0enp5000 0qnp200 0np30", 0, 0},
+    };
+    for (const auto& [packets, jumps, gaps] : cases) {
+        for (const bool isStrict : {false, true}) {
+            RecordCheck check({}, isStrict);
+            check.add(bytesOf(recordsOf(packets)));
+            EXPECT_EQ(check.getInputs().at(3).getTime().jumps, jumps) << packets;
+            EXPECT_EQ(check.getInputs().at(3).getTime().gaps, gaps) << packets;
+            EXPECT_EQ(check.getFaults().get(FaultKind::PcrJump).count, isStrict ? jumps : 0) << packets;
+            EXPECT_EQ(check.getFaults().get(FaultKind::PcrGap).count, isStrict ? gaps : 0) << packets;
+        }
+    }
+}
+
 TEST(RecordInput, TimesThePacketsOfEachStepAndNoOthers) {
     RecordCheck check;
     check.add(

@@ -8,6 +8,14 @@
 
 namespace Vel::Zepctl {
 
+namespace {
+
+std::uint32_t millisecondsOf(Ts::PcrTicks time) {
+    return static_cast<std::uint32_t>(std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
+}
+
+}  // namespace
+
 std::optional<std::uint32_t> RecordContinuity::check(const RecordView& packet) {
     constexpr std::uint32_t COUNTER_MASK = 0x0F;
     const bool isDuplicate = m_Counter && Ts::isDuplicate(packet, m_Last);
@@ -27,7 +35,7 @@ void RecordInput::add(const RecordView& packet, FaultLog& faults) {
     const std::uint32_t number = packet.getPid();
     Pid& pid = m_Pids[number];
     count(pid.counts, &PacketCounts::packets);
-    followClock(packet, pid.counts);
+    followClock(packet, pid.counts, faults);
     if (packet.hasTransportError()) {
         // Any bit of the packet may be wrong, so nothing else in it is checked, nor is the next counter.
         count(pid.counts, &PacketCounts::transportErrors);
@@ -53,7 +61,7 @@ void RecordInput::count(PacketCounts& pid, std::uint64_t PacketCounts::*counter)
     ++(m_Total.*counter);
 }
 
-void RecordInput::followClock(const RecordView& packet, PacketCounts& pid) {
+void RecordInput::followClock(const RecordView& packet, PacketCounts& pid, FaultLog& faults) {
     using Kind = Ts::PcrClock::Reading::Kind;
     m_Recent.push_back(&pid);
     if (m_Recent.size() > Ts::PcrClock::MAX_STEP_PACKETS) {
@@ -61,6 +69,13 @@ void RecordInput::followClock(const RecordView& packet, PacketCounts& pid) {
     }
     const bool isChosen = m_Clock.getPid().has_value();
     const auto [kind, packets, time] = m_Clock.read(packet);
+    if (time > MAX_PCR_DISTANCE) {
+        const bool isJump = time > Ts::PcrClock::MAX_STEP;
+        ++(isJump ? m_Time.jumps : m_Time.gaps);
+        const Ts::PcrTicks pcr = Ts::readPcr(packet).value();
+        faults.add(isJump ? FaultKind::PcrJump : FaultKind::PcrGap, packet,
+                   millisecondsOf(Ts::pcrDistance(time, pcr)), millisecondsOf(pcr));
+    }
     if (kind == Kind::Nothing || kind == Kind::Candidate) {
         return;
     }
@@ -81,7 +96,7 @@ std::optional<double> RecordInput::getBitRate(std::uint64_t timedPackets) const 
                        : std::nullopt;
 }
 
-RecordCheck::RecordCheck(const std::vector<std::string>& against) {
+RecordCheck::RecordCheck(const std::vector<std::string>& against, bool isStrict) : m_Faults(isStrict) {
     for (const std::string& text : against) {
         const std::size_t equals = text.find('=');
         const auto tsiidx = parseNumber("--against: TSIIDX", text.substr(0, equals), {0, MAX_TSIIDX});

@@ -43,6 +43,8 @@ private:
 struct ClockTime {
     Ts::PcrTicks elapsed{0};      // 64 bits are enough for 21,000 years
     std::uint64_t timeBases = 0;  // a newly chosen PCR PID begins one as well
+    std::uint64_t jumps = 0;      // PCRs that do not continue the clock, not announced by a discontinuity
+    std::uint64_t gaps = 0;       // PCRs more than RecordInput::MAX_PCR_DISTANCE after the previous one
 };
 
 /// Counts of one PID, or of all PIDs of an input.
@@ -65,6 +67,9 @@ public:
         RecordContinuity continuity;
     };
 
+    /// ISO/IEC 13818-1, 2.7.2.
+    static constexpr std::chrono::milliseconds MAX_PCR_DISTANCE{100};
+
     RecordInput() = default;
     RecordInput(const RecordInput&) = delete;
     RecordInput& operator=(const RecordInput&) = delete;
@@ -84,7 +89,7 @@ public:
 private:
     /// Adds the packet to a counter of the PID and to that of the input.
     void count(PacketCounts& pid, std::uint64_t PacketCounts::*counter);
-    void followClock(const RecordView& packet, PacketCounts& pid);
+    void followClock(const RecordView& packet, PacketCounts& pid, FaultLog& faults);
 
     PacketCounts m_Total;
     std::map<std::uint32_t, Pid> m_Pids;
@@ -100,8 +105,9 @@ private:
 class RecordCheck {
 public:
     /// @param against for each input that is to be compared: TSIIDX=FILE[:PID,...]
+    /// @param isStrict whether irregular PCRs are faults
     /// @throws CommandError for other text, an input that is named twice, and a FILE that cannot be used
-    explicit RecordCheck(const std::vector<std::string>& against = {});
+    explicit RecordCheck(const std::vector<std::string>& against = {}, bool isStrict = false);
 
     /// Takes the next complete records.
     void add(std::span<const std::uint8_t> records);

@@ -61,14 +61,14 @@ void readToEnd(RecordReader& reader, Consumer& consumer) {
 /// Passes records to a check until they are complete or the time is up. Starts over if a plain file is
 /// rewritten; the last writer of a FIFO may be followed by another one.
 void readUntil(Clock::time_point end, RecordReader& reader, RecordCheck& check,
-               const std::vector<std::string>& against) {
+               const std::vector<std::string>& against, bool isStrict) {
     auto latest = Clock::now();
     for (auto now = latest; now < end && (now - latest < QUIET || !check.isSettled()); now = Clock::now()) {
         if (!reader.waitForData(RETRY_INTERVAL)) {
             continue;
         }
         if (reader.restartIfRewritten()) {
-            check = RecordCheck(against);
+            check = RecordCheck(against, isStrict);
         }
         check.add(reader.read());
         if (reader.isAtEnd()) {
@@ -123,6 +123,7 @@ Example: zepctl records check out.rec
     check.add_option("FILE", m_File,
                      "records, or - for standard input (default: pktio in the directory of -d)");
     check.add_flag("--json", m_Json, "print the result as JSON");
+    check.add_flag("--strict", m_IsStrict, "PCR jumps and PCR distances above 100 ms are faults");
     CLI::Option* against = check.add_option("--against", m_Against, "compare an input with FILE")
                                ->type_name("TSIIDX=FILE[:PID,...]")
                                ->allow_extra_args(false);
@@ -165,7 +166,7 @@ std::string RecordCommands::getFile() const {
 }
 
 void RecordCommands::check() const {
-    RecordCheck result(m_Against);
+    RecordCheck result(m_Against, m_IsStrict);
     const auto limit = std::chrono::duration_cast<Clock::duration>(Seconds(m_Seconds.value_or(0)));
     const auto end = Clock::now() + limit;
     const std::string file = getFile();
@@ -175,7 +176,7 @@ void RecordCommands::check() const {
     }
     RecordReader reader(file);
     if (m_Seconds) {
-        readUntil(end, reader, result, m_Against);
+        readUntil(end, reader, result, m_Against, m_IsStrict);
     } else {
         readToEnd(reader, result);
     }

@@ -27,6 +27,7 @@ private:
     std::string m_File;  // empty for the data device
     std::string m_Directory;
     bool m_Json = false;
+    bool m_IsStrict = false;
     std::vector<std::string> m_Against;
     std::optional<double> m_Seconds;  // limit of a watch, or of a check that waits
 };

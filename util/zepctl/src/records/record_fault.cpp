@@ -38,6 +38,9 @@ void FaultLog::addTornRecord(std::size_t bytes) {
 
 void FaultLog::add(const Fault& fault) {
     Entry& entry = m_Entries[static_cast<std::size_t>(fault.kind)];
+    if (!m_IsStrict && (fault.kind == FaultKind::PcrJump || fault.kind == FaultKind::PcrGap)) {
+        return;
+    }
     if (entry.count++ == 0) {
         entry.first = fault;
     }

@@ -13,6 +13,8 @@ namespace Vel::Zepctl {
 enum class FaultKind {
     Continuity,
     TransportError,
+    PcrJump,
+    PcrGap,
     Unexpected,
     Missing,
     Extra,
@@ -32,6 +34,9 @@ inline constexpr std::array FAULT_TEXTS = std::to_array<FaultText>({
     {"continuity_errors", "continuity error",
      "TSIIDX {2}, PID 0x{3:04x}: continuity counter {5}, expected {4}"},
     {"transport_errors", "transport error", "TSIIDX {2}, PID 0x{3:04x}: transport_error_indicator is set"},
+    {"pcr_jumps", "PCR jump",
+     "TSIIDX {2}, PID 0x{3:04x}: from {4} to {5} ms without a discontinuity indicator"},
+    {"pcr_gaps", "PCR gap", "TSIIDX {2}, PID 0x{3:04x}: from {4} to {5} ms, more than 100 ms"},
     {"unexpected_packets", "unexpected packet",
      "TSIIDX {2}: packet {4} of the file, PID 0x{3:04x}, is missing, changed or late; found PID 0x{5:04x}"},
     {"missing_packets", "missing packet",
@@ -49,7 +54,7 @@ struct Fault {
     std::uint32_t tsiidx = 0;    // meaningless in a torn record
     std::uint32_t pid = 0;       // of the packet (of the expected one where there is one)
     std::uint32_t expected = 0;  // continuity counter, sync byte, highest TSIIDX, bytes of a record,
-                                 // index of a packet in its file
+                                 // previous PCR in ms, index of a packet in its file
     std::uint32_t found = 0;     // in the same unit; the PID in place of the expected packet
 
     /// Offset of the record in the stream.
@@ -61,6 +66,9 @@ struct Fault {
 /// Counts the records of a stream and their faults, and keeps the first fault of each kind. Reentrant.
 class FaultLog {
 public:
+    /// @param isStrict whether irregular PCRs are faults
+    explicit FaultLog(bool isStrict = false) : m_IsStrict(isStrict) {}
+
     struct Entry {
         std::uint64_t count = 0;
         Fault first;  // valid if count is not 0
@@ -84,6 +92,7 @@ public:
     std::string toLines() const;
 
 private:
+    bool m_IsStrict;
     std::uint64_t m_Records = 0;
     std::array<Entry, FAULT_TEXTS.size()> m_Entries{};
 };

@@ -45,6 +45,15 @@ std::span<const std::uint8_t> RecordReader::read() {
     }
     m_AtEnd = got == 0;
     const std::size_t held = m_Torn + static_cast<std::size_t>(std::max<ssize_t>(got, 0));
+    // A record begins with its TSIIDX. That of a packet would be above 255.
+    constexpr std::size_t NEXT = Ts::TS_PACKET_SIZE;
+    if (!m_HasRecords && held >= NEXT && m_Block[0] == Ts::SYNC_BYTE &&
+        Ts::readRecordHeader(m_Block.data()) > MAX_TSIIDX &&
+        (held == NEXT ? m_AtEnd : m_Block[NEXT] == Ts::SYNC_BYTE)) {
+        throw CommandError(DeviceUnusable,
+                           getName() + " holds packets of 188 bytes, not records of 192 bytes");
+    }
+    m_HasRecords |= held >= Ts::RECORD_SIZE;
     m_Torn = held % Ts::RECORD_SIZE;
     m_Given = held - m_Torn;
     return {m_Block.data(), m_Given};
@@ -77,6 +86,7 @@ bool RecordReader::restartIfRewritten() {
         m_Given = 0;
         m_Torn = 0;
         m_Known.clear();
+        m_HasRecords = false;
         return true;
     }
     if (m_Given != 0 || m_Known.empty()) {

@@ -26,7 +26,7 @@ public:
     bool waitForData(std::chrono::milliseconds limit = std::chrono::milliseconds::max()) const;
     /// Reads once and returns the complete records, valid until the next call. An empty result does not mean
     /// the end of the stream; see isAtEnd().
-    /// @throws CommandError when reading fails
+    /// @throws CommandError when reading fails, and for packets without the header of a record
     [[nodiscard]] std::span<const std::uint8_t> read();
     /// A block of a plain file from that offset on, valid until the next call; shorter at the end of the
     /// file. Not to be mixed with read().
@@ -56,6 +56,7 @@ private:
     std::string m_Name;
     struct stat m_Status {};
     bool m_AtEnd = false;
+    bool m_HasRecords = false;  // otherwise, they may be packets without the header of a record
     std::vector<std::uint8_t> m_Block;
     std::size_t m_Given = 0;  // bytes of the block that the latest read() returned
     std::size_t m_Torn = 0;   // bytes of the block after them

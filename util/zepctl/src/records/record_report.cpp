@@ -54,6 +54,8 @@ Json jsonOf(std::uint32_t tsiidx, const RecordInput& input) {
     return {{"tsiidx", tsiidx},
             {"packets", total.packets},
             {"continuity_errors", total.continuityErrors},
+            {"pcr_jumps", input.getTime().jumps},
+            {"pcr_gaps", input.getTime().gaps},
             {"pcr_pid", pcrPid ? Json(*pcrPid) : Json()},
             {"bit_rate", jsonOf(input.getBitRate(total.timedPackets))},
             {"pids", std::move(pids)}};
@@ -67,12 +69,19 @@ std::string formatReport(const std::string& name, const RecordCheck& check) {
     if (!check.getInputs().empty()) {
         text += "TSIIDX     PID     PACKETS  CONTINUITY  SCRAMBLED  TRANSPORT    PCRS     KBIT/S\n";
     }
+    std::string clocks;
     for (const auto& [tsiidx, input] : check.getInputs()) {
+        if (const auto& time = input.getTime(); time.jumps + time.gaps != 0) {
+            clocks +=
+                fmt::format("TSIIDX {}: {}, {} above 100 ms\n", tsiidx, formatCount(time.jumps, "PCR jump"),
+                            formatCount(time.gaps, "PCR distance"));
+        }
         for (const auto& [number, pid] : input.getPids()) {
             text += formatRow(tsiidx, fmt::format("0x{:04x}", number), pid.counts, input);
         }
         text += formatRow(tsiidx, "all", input.getTotal(), input);
     }
+    text += clocks;
     if (!faults.isEmpty()) {
         return text + faults.toLines();
     }
