@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <exception>
-#include <iostream>
 #include <string>
 #include <string_view>
 
@@ -25,7 +24,7 @@ using namespace Vel::Zepctl;
 
 int fail(ExitStatus status, const std::string& line) {
     // Any text may contain user input: keep it on one line and control sequences away from the terminal.
-    std::cerr << "zepctl: " << Vel::CppUtil::escapeControls(line) << '\n';
+    Vel::CppUtil::writeError("zepctl: " + Vel::CppUtil::escapeControls(line) + '\n');
     return status;
 }
 
@@ -90,7 +89,7 @@ int main(int argc, char** argv) {
         app.fallthrough();  // global options may follow the command
         app.footer(
             "\"zepctl help COMMAND\" prints the help of a command.\n\n"
-            "Exit status: 0 success, 1 check found faults, or split skipped records,\n"
+            "Exit status: 0 success, 1 check or watch found faults, or split skipped records,\n"
             "2 usage error, value out of range, or request that does not fit the present state,\n"
             "3 a file or device cannot be used.\n\n"
             "Example: zepctl create /tmp/zep\n"

@@ -185,7 +185,7 @@ TEST(RecordComparison, AcceptsExactlyThePacketsOfThePids) {
         const std::string seen = records.empty() ? packets : records;
         const std::string expected = filter(pids.empty() ? seen : pids);
 
-        writeFile(path, packetsOf(packets, false) + "torn");
+        writeFile(path, packetsOf(packets, false) + "Gone");  // an incomplete packet
         std::string option = "3=" + path + ":";
         for (const char pid : pids) {
             option += (option.ends_with(":") ? "" : ",") + std::to_string(pid);
@@ -325,13 +325,14 @@ TEST(ArrivalDrift, IsHowFarArrivalMovesAwayFromThePcr) {
 
 TEST(RecordWatch, HasOneRowPerInputAndDoesNotTimeWhatWasThereBefore) {
     RecordWatch watch;
-    EXPECT_THAT(watch.formatRows(Seconds(1.4), START), testing::ElementsAre("      1  no records yet"));
+    EXPECT_THAT(watch.formatRows(Seconds(1.4), START, false),
+                testing::ElementsAre("      1  no records yet"));
     watch.add(bytesOf(recordsOf("0t 1 3")), std::nullopt);
     for (int i = 0; i <= 7; ++i) {
         const std::string record = recordsOf(std::to_string(4 + i) + "p" + std::to_string(999 * i));
         watch.add(bytesOf(record), START + milliseconds(1000) * i);
     }
-    EXPECT_THAT(watch.formatRows(Seconds(3725.4), START + milliseconds(7000)),
+    EXPECT_THAT(watch.formatRows(Seconds(3725.4), START + milliseconds(7000), false),
                 testing::ElementsAre(
                     "   3725       3        1.5        1.5          10           1      +4.0    +1001",
                     "   3725     255          -          -           1           0         -        -"));

@@ -14,8 +14,6 @@
 #include "command_error.h"
 #include "command_line.h"
 #include "print_output.h"
-#include "records/record_check.h"
-#include "records/record_reader.h"
 #include "records/record_report.h"
 #include "records/record_split.h"
 #include "records/record_watch.h"
@@ -56,28 +54,6 @@ void readToEnd(RecordReader& reader, Consumer& consumer) {
         std::cerr << "     \r";
     }
     consumer.end(reader.getTornBytes());
-}
-
-/// Passes records to a check until they are complete or the time is up. Starts over if a plain file is
-/// rewritten; the last writer of a FIFO may be followed by another one.
-void readUntil(Clock::time_point end, RecordReader& reader, RecordCheck& check,
-               const std::vector<std::string>& against, bool isStrict) {
-    auto latest = Clock::now();
-    for (auto now = latest; now < end && (now - latest < QUIET || !check.isSettled()); now = Clock::now()) {
-        if (!reader.waitForData(RETRY_INTERVAL)) {
-            continue;
-        }
-        if (reader.restartIfRewritten()) {
-            check = RecordCheck(against, isStrict);
-        }
-        check.add(reader.read());
-        if (reader.isAtEnd()) {
-            std::this_thread::sleep_for(RETRY_INTERVAL);
-        } else {
-            latest = Clock::now();
-        }
-    }
-    check.end(reader.getTornBytes());
 }
 
 /// Prints the report, which lists the faults, and fails the command if there are any.
@@ -151,18 +127,41 @@ earlier (-) packets arrive than their PCRs indicate, relative to the first two s
 time base, in ms and in ppm of the time elapsed on the PCR clock. The drift restarts when the PCR
 jumps (a new time base). Records already in a file are counted but not timed. If a file is
 truncated or rewritten, watching restarts at its beginning. A terminal shows one table; otherwise,
-one line per input is printed every second. Ends on Ctrl-C, or when the last writer closes a FIFO.
+one line per input is printed every second. Ends on Ctrl-C, or when the last writer closes a FIFO;
+the exit status is then 1 if there were faults, as in a check. The man page lists the JSON keys.
 
 Example: zepctl records watch pktio --for 60)",
-        [this] { watchRecords(getFile(), m_Seconds); });
+        [this] { watchRecords(getFile(), m_Seconds, m_Json); });
     watch.add_option(
         "FILE", m_File,
         "FIFO, growing file or device, or - for standard input (default: pktio in the directory of -d)");
+    watch.add_flag("--json", m_Json, "print one JSON object per line: inputs, and finally the result");
     watch.add_option("--for", m_Seconds, "stop after SECONDS")->type_name("SECONDS")->check(isSeconds);
 }
 
 std::string RecordCommands::getFile() const {
     return m_File.empty() ? m_Devices.getPktio() : m_File;
+}
+
+/// Passes records to a check until they are complete or the time is up. Starts over if a plain file is
+/// rewritten; the last writer of a FIFO may be followed by another one.
+void RecordCommands::readUntil(Clock::time_point end, RecordReader& reader, RecordCheck& check) const {
+    auto latest = Clock::now();
+    for (auto now = latest; now < end && (now - latest < QUIET || !check.isSettled()); now = Clock::now()) {
+        if (!reader.waitForData(RETRY_INTERVAL)) {
+            continue;
+        }
+        if (reader.restartIfRewritten()) {
+            check = RecordCheck(m_Against, m_IsStrict);
+        }
+        check.add(reader.read());
+        if (reader.isAtEnd()) {
+            std::this_thread::sleep_for(RETRY_INTERVAL);
+        } else {
+            latest = Clock::now();
+        }
+    }
+    check.end(reader.getTornBytes());
 }
 
 void RecordCommands::check() const {
@@ -176,7 +175,7 @@ void RecordCommands::check() const {
     }
     RecordReader reader(file);
     if (m_Seconds) {
-        readUntil(end, reader, result, m_Against, m_IsStrict);
+        readUntil(end, reader, result);
     } else {
         readToEnd(reader, result);
     }

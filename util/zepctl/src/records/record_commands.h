@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -7,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "device_paths.h"
+#include "records/record_check.h"
 
 namespace Vel::Zepctl {
 
@@ -20,6 +22,7 @@ public:
 
 private:
     std::string getFile() const;
+    void readUntil(std::chrono::steady_clock::time_point end, RecordReader& reader, RecordCheck& check) const;
     void check() const;
     void split() const;
 

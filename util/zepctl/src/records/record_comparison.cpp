@@ -23,14 +23,11 @@ RecordComparison::RecordComparison(std::uint32_t tsiidx, const std::string& expe
         m_Pids.set(parseNumber("--against: PID", pid, Drivers::Zep::PID_RANGE));
     }
     m_TakesAnyPid = m_Pids.none();
-    const auto isPacket = [this](std::uint64_t index) {
-        const std::uint8_t* packet = get(index);
-        return packet == nullptr || *packet == Ts::SYNC_BYTE;
-    };
-    if (!m_File.isPlainFile() || !isPacket(0) || !isPacket(1)) {
-        throw CommandError(DeviceUnusable, m_File.getName() +
-                                               " is not a transport stream: a plain file with "
-                                               "the sync byte 0x47 every 188 bytes");
+    m_Block = m_File.readAt(0);
+    if (!m_Block.empty() && !hasSyncBytes(m_Block)) {
+        throw CommandError(
+            DeviceUnusable,
+            m_File.getName() + " is not a transport stream: it lacks the sync byte 0x47 every 188 bytes");
     }
 }
 

@@ -6,12 +6,6 @@
 
 namespace Vel::Zepctl {
 
-std::string Fault::toString() const {
-    const std::string format = "record {0} (byte {1}): ";
-    return fmt::format(fmt::runtime(format + FAULT_TEXTS[static_cast<std::size_t>(kind)].found), record,
-                       getByteOffset(), tsiidx, pid, expected, found);
-}
-
 bool FaultLog::addRecord(const RecordView& record) {
     ++m_Records;
     const std::uint32_t tsiidx = record.getTsiidx();
@@ -54,8 +48,12 @@ std::string FaultLog::toLines() const {
     std::string lines;
     for (const Entry& entry : m_Entries) {
         if (entry.count != 0) {
-            const char* name = FAULT_TEXTS[static_cast<std::size_t>(entry.first.kind)].name;
-            lines += formatCount(entry.count, name) + "; the first at " + entry.first.toString() + '\n';
+            const auto& [kind, record, tsiidx, pid, expected, found] = entry.first;
+            const FaultText& text = FAULT_TEXTS[static_cast<std::size_t>(kind)];
+            lines +=
+                fmt::format("{}; the first at record {} (byte {}): ", formatCount(entry.count, text.name),
+                            record, entry.first.getByteOffset());
+            lines += fmt::format(fmt::runtime(text.found), tsiidx, pid, expected, found) + '\n';
         }
     }
     return lines;

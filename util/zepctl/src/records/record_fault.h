@@ -23,7 +23,7 @@ enum class FaultKind {
     TornRecord
 };
 
-/// Of each kind: its key in JSON, its name, and what was found, with {2} to {5} for the fields of a Fault
+/// Of each kind: its key in JSON, its name, and what was found, with {0} to {3} for the fields of a Fault
 /// from its TSIIDX on.
 struct FaultText {
     const char* key;
@@ -32,19 +32,19 @@ struct FaultText {
 };
 inline constexpr std::array FAULT_TEXTS = std::to_array<FaultText>({
     {"continuity_errors", "continuity error",
-     "TSIIDX {2}, PID 0x{3:04x}: continuity counter {5}, expected {4}"},
-    {"transport_errors", "transport error", "TSIIDX {2}, PID 0x{3:04x}: transport_error_indicator is set"},
+     "TSIIDX {0}, PID 0x{1:04x}: continuity counter {3}, expected {2}"},
+    {"transport_errors", "transport error", "TSIIDX {0}, PID 0x{1:04x}: transport_error_indicator is set"},
     {"pcr_jumps", "PCR jump",
-     "TSIIDX {2}, PID 0x{3:04x}: from {4} to {5} ms without a discontinuity indicator"},
-    {"pcr_gaps", "PCR gap", "TSIIDX {2}, PID 0x{3:04x}: from {4} to {5} ms, more than 100 ms"},
+     "TSIIDX {0}, PID 0x{1:04x}: from {2} to {3} ms without a discontinuity indicator"},
+    {"pcr_gaps", "PCR gap", "TSIIDX {0}, PID 0x{1:04x}: from {2} to {3} ms, more than 100 ms"},
     {"unexpected_packets", "unexpected packet",
-     "TSIIDX {2}: packet {4} of the file, PID 0x{3:04x}, is missing, changed or late; found PID 0x{5:04x}"},
+     "TSIIDX {0}: packet {2} of the file, PID 0x{1:04x}, is missing, changed or late; found PID 0x{3:04x}"},
     {"missing_packets", "missing packet",
-     "TSIIDX {2}: packet {4} of the file, PID 0x{3:04x}, is missing at the end"},
-    {"extra_packets", "extra packet", "TSIIDX {2}, PID 0x{3:04x}: the file has no further packet"},
-    {"bad_sync", "bad sync byte", "TSIIDX {2}: sync byte 0x{5:02x}, expected 0x{4:02x}"},
-    {"unknown_tsiidx", "unknown TSIIDX value", "TSIIDX {5}, allowed 0..{4}"},
-    {"torn_record", "torn record", "ends after {5} of {4} bytes"},
+     "TSIIDX {0}: packet {2} of the file, PID 0x{1:04x}, is missing at the end"},
+    {"extra_packets", "extra packet", "TSIIDX {0}, PID 0x{1:04x}: the file has no further packet"},
+    {"bad_sync", "bad sync byte", "TSIIDX {0}: sync byte 0x{3:02x}, expected 0x{2:02x}"},
+    {"unknown_tsiidx", "unknown TSIIDX value", "TSIIDX {3}, allowed 0..{2}"},
+    {"torn_record", "torn record", "ends after {3} of {2} bytes"},
 });
 
 /// Where a fault is, and what was found there.
@@ -59,8 +59,6 @@ struct Fault {
 
     /// Offset of the record in the stream.
     std::uint64_t getByteOffset() const { return record * Ts::RECORD_SIZE; }
-    /// "record 7 (byte 1344): TSIIDX 3, PID 0x0100: continuity counter 9, expected 8"
-    std::string toString() const;
 };
 
 /// Counts the records of a stream and their faults, and keeps the first fault of each kind. Reentrant.

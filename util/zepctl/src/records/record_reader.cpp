@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "command_error.h"
-#include "vel/ts_basics/zep_record.h"
+#include "records/record_view.h"
 
 namespace Vel::Zepctl {
 
@@ -46,10 +46,8 @@ std::span<const std::uint8_t> RecordReader::read() {
     m_AtEnd = got == 0;
     const std::size_t held = m_Torn + static_cast<std::size_t>(std::max<ssize_t>(got, 0));
     // A record begins with its TSIIDX. That of a packet would be above 255.
-    constexpr std::size_t NEXT = Ts::TS_PACKET_SIZE;
-    if (!m_HasRecords && held >= NEXT && m_Block[0] == Ts::SYNC_BYTE &&
-        Ts::readRecordHeader(m_Block.data()) > MAX_TSIIDX &&
-        (held == NEXT ? m_AtEnd : m_Block[NEXT] == Ts::SYNC_BYTE)) {
+    if (!m_HasRecords && held + (m_AtEnd ? 1 : 0) > Ts::TS_PACKET_SIZE &&
+        hasSyncBytes({m_Block.data(), held}) && Ts::readRecordHeader(m_Block.data()) > MAX_TSIIDX) {
         throw CommandError(DeviceUnusable,
                            getName() + " holds packets of 188 bytes, not records of 192 bytes");
     }

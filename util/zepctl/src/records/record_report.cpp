@@ -18,10 +18,6 @@ std::string formatRow(std::uint32_t tsiidx, const std::string& pid, const Packet
                        formatBitRate(input.getBitRate(counts.timedPackets)));
 }
 
-Json jsonOf(std::optional<double> bitRate) {
-    return bitRate ? Json(std::llround(*bitRate)) : Json();
-}
-
 Json jsonOf(const FaultLog::Entry& entry) {
     const auto& [kind, record, tsiidx, pid, expected, found] = entry.first;
     if (entry.count == 0) {
@@ -36,6 +32,12 @@ Json jsonOf(const FaultLog::Entry& entry) {
               {"pid", hasPid ? Json(pid) : Json()},
               {"expected", expected},
               {"found", found}}}};
+}
+
+}  // namespace
+
+Json jsonOf(std::optional<double> bitRate) {
+    return bitRate ? Json(std::llround(*bitRate)) : Json();
 }
 
 Json jsonOf(std::uint32_t tsiidx, const RecordInput& input) {
@@ -60,8 +62,6 @@ Json jsonOf(std::uint32_t tsiidx, const RecordInput& input) {
             {"bit_rate", jsonOf(input.getBitRate(total.timedPackets))},
             {"pids", std::move(pids)}};
 }
-
-}  // namespace
 
 std::string formatReport(const std::string& name, const RecordCheck& check) {
     const FaultLog& faults = check.getFaults();
@@ -91,7 +91,8 @@ std::string formatReport(const std::string& name, const RecordCheck& check) {
     return text + fmt::format("{}: {}, no faults\n", name, formatCount(faults.getRecords(), "record"));
 }
 
-std::string formatJsonReport(const std::string& name, const RecordCheck& check) {
+std::string formatJsonReport(const std::string& name, const RecordCheck& check,
+                             std::optional<Seconds> watched) {
     const FaultLog& faults = check.getFaults();
     Json inputs = Json::array();
     for (const auto& [tsiidx, input] : check.getInputs()) {
@@ -101,13 +102,16 @@ std::string formatJsonReport(const std::string& name, const RecordCheck& check) 
     for (std::size_t kind = 0; kind < FAULT_TEXTS.size(); ++kind) {
         kinds[FAULT_TEXTS[kind].key] = jsonOf(faults.get(static_cast<FaultKind>(kind)));
     }
-    const Json report = {{"file", name},
-                         {"records", faults.getRecords()},
-                         {"ok", faults.isEmpty()},
-                         {"faults", std::move(kinds)},
-                         {"inputs", std::move(inputs)}};
+    Json report = {{"file", name},
+                   {"records", faults.getRecords()},
+                   {"ok", faults.isEmpty()},
+                   {"faults", std::move(kinds)},
+                   {"inputs", std::move(inputs)}};
+    if (watched) {
+        report["seconds"] = watched->count();
+    }
     // A file name may not be valid UTF-8.
-    return report.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
+    return report.dump(watched ? -1 : 2, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
 std::string formatBitRate(std::optional<double> bitRate) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "vel/ts_basics/ts_error.h"
 #include "vel/ts_basics/zep_record.h"
@@ -32,5 +33,11 @@ public:
     /// The value in the record, so it may be above 255.
     std::uint32_t getTsiidx() const { return Ts::readRecordHeader(getDataPtr() - Ts::RECORD_HEADER_SIZE); }
 };
+
+/// Whether the first two packets have sync bytes, as far as they are there.
+inline bool hasSyncBytes(std::span<const std::uint8_t> packets) {
+    return packets[0] == Ts::SYNC_BYTE &&
+           (packets.size() <= Ts::TS_PACKET_SIZE || packets[Ts::TS_PACKET_SIZE] == Ts::SYNC_BYTE);
+}
 
 }  // namespace Vel::Zepctl

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "command_error.h"
 #include "print_output.h"
@@ -74,9 +75,11 @@ std::size_t terminalRows() {
     return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 2 ? size.ws_row : USUAL_ROWS;
 }
 
-/// The table on standard output: redrawn in place on a terminal; elsewhere, rows are appended.
+/// The table on standard output: redrawn in place on a terminal; elsewhere, and in JSON, rows are appended.
 class WatchTable {
 public:
+    explicit WatchTable(bool isJson) : m_IsJson(isJson) {}
+
     bool isOnTerminal() const { return m_OnTerminal; }
 
     /// Prints one row per input; on a terminal no more than fit, except for the final table.
@@ -85,7 +88,7 @@ public:
         if (m_OnTerminal && m_Lines != 0) {
             text = fmt::format("\x1b[{}A\x1b[J", m_Lines);
         }
-        if (m_OnTerminal || m_Lines == 0) {
+        if (m_OnTerminal || (m_Lines == 0 && !m_IsJson)) {
             text += fmt::format("{}\n", RecordWatch::HEADER);
         }
         // The header and the line with the cursor need space as well.
@@ -94,14 +97,15 @@ public:
             rows.resize(room);
             rows.back() = fmt::format("{} more inputs", hidden);
         }
-        text += fmt::format("{}\n", fmt::join(rows, "\n"));
+        text += fmt::format("{}{}", fmt::join(rows, "\n"), rows.empty() ? "" : "\n");
         // Without automatic wrapping, since a wrapped line would shift the table.
         printOutput(m_OnTerminal ? "\x1b[?7l" + text + "\x1b[?7h" : text);
         m_Lines = rows.size() + 1;
     }
 
 private:
-    bool m_OnTerminal = isTerminal();
+    bool m_IsJson;
+    bool m_OnTerminal = !m_IsJson && isTerminal();
     std::size_t m_Lines = 0;  // of the previous table
 };
 
@@ -178,11 +182,21 @@ void RecordWatch::add(std::span<const std::uint8_t> records, std::optional<Arriv
     }
 }
 
-std::vector<std::string> RecordWatch::formatRows(Seconds watched, ArrivalTime now) const {
+std::vector<std::string> RecordWatch::formatRows(Seconds watched, ArrivalTime now, bool isJson) const {
     std::vector<std::string> rows;
     for (const auto& [tsiidx, input] : m_Check.getInputs()) {
         const Arrival& arrival = m_Arrivals.at(tsiidx);
         const auto drift = arrival.drift.get();
+        if (isJson) {
+            nlohmann::ordered_json row = jsonOf(tsiidx, input);
+            row["seconds"] = watched.count();
+            row["arrival_bit_rate"] = jsonOf(arrival.rate.getLatest(now));
+            row["overall_bit_rate"] = jsonOf(arrival.rate.getOverall());
+            row["drift_ms"] = drift ? nlohmann::ordered_json(drift->lateness.count()) : nullptr;
+            row["drift_ppm"] = drift ? nlohmann::ordered_json(drift->ppm) : nullptr;
+            rows.push_back(row.dump());
+            continue;
+        }
         rows.push_back(fmt::format("{:7.0f}  {:6}  {:>9}  {:>9}  {:10}  {:10}  {:>8}  {:>7}", watched.count(),
                                    tsiidx, formatBitRate(arrival.rate.getLatest(now)),
                                    formatBitRate(arrival.rate.getOverall()), arrival.packets,
@@ -190,17 +204,17 @@ std::vector<std::string> RecordWatch::formatRows(Seconds watched, ArrivalTime no
                                    drift ? fmt::format("{:+.1f}", drift->lateness.count()) : "-",
                                    drift ? fmt::format("{:+.0f}", drift->ppm) : "-"));
     }
-    if (rows.empty()) {
+    if (rows.empty() && !isJson) {
         rows.push_back(fmt::format("{:7.0f}  no records yet", watched.count()));
     }
     return rows;
 }
 
-void watchRecords(const std::string& path, std::optional<double> seconds) {
+void watchRecords(const std::string& path, std::optional<double> seconds, bool isJson) {
     const CppUtil::FileDescriptor signals = blockEndingSignals();
     RecordReader reader(path);
     RecordWatch watch;
-    WatchTable table;
+    WatchTable table(isJson);
     const auto start = Clock::now();
     const auto end = seconds ? start + std::chrono::duration_cast<Clock::duration>(Seconds(*seconds))
                              : Clock::time_point::max();
@@ -219,7 +233,7 @@ void watchRecords(const std::string& path, std::optional<double> seconds) {
             if (!waitForOutput(signals.get())) {
                 break;
             }
-            table.print(watch.formatRows(now - start, now), false);
+            table.print(watch.formatRows(now - start, now, isJson), false);
             nextPrint = std::max(nextPrint + interval, now);
         }
         auto wait = std::chrono::ceil<milliseconds>(std::min(nextPrint, end) - now);
@@ -240,17 +254,20 @@ void watchRecords(const std::string& path, std::optional<double> seconds) {
         isLive |= reader.isAtEnd();
         isClosed = reader.isAtEnd() && !isPlain;
     }
-    // A signal ends the watch even if nobody reads its output.
-    if (!waitForOutput(signals.get()) && !CppUtil::waitFor(STDOUT_FILENO, POLLOUT, {}, milliseconds(100))) {
-        return;
-    }
     watch.end(isClosed ? reader.getTornBytes() : 0);
-    const Seconds watched = now - start;
-    table.print(watch.formatRows(watched, now), true);
-    const FaultLog& faults = watch.getFaults();
-    printOutput(fmt::format("{} watched for {:.1f} s: {}{}", reader.getName(), watched.count(),
-                            formatCount(faults.getRecords(), "record"),
-                            faults.isEmpty() ? ", no faults\n" : "\n" + faults.toLines()));
+    const FaultLog& faults = watch.getCheck().getFaults();
+    // A signal ends the watch even if nobody reads its output.
+    if (waitForOutput(signals.get()) || CppUtil::waitFor(STDOUT_FILENO, POLLOUT, {}, milliseconds(100))) {
+        const Seconds watched = now - start;
+        table.print(watch.formatRows(watched, now, isJson), true);
+        printOutput(isJson ? formatJsonReport(reader.getRawName(), watch.getCheck(), watched)
+                           : fmt::format("{} watched for {:.1f} s: {}{}", reader.getName(), watched.count(),
+                                         formatCount(faults.getRecords(), "record"),
+                                         faults.isEmpty() ? ", no faults\n" : "\n" + faults.toLines()));
+    }
+    if (!faults.isEmpty()) {
+        throw CommandError(StreamFaulty, reader.getName() + " is faulty");
+    }
 }
 
 }  // namespace Vel::Zepctl

@@ -81,13 +81,14 @@ public:
     /// Takes the size of the incomplete record at the end of the stream, 0 if there is none.
     void end(std::size_t tornBytes) { m_Check.end(tornBytes); }
 
-    const FaultLog& getFaults() const { return m_Check.getFaults(); }
+    const RecordCheck& getCheck() const { return m_Check; }
     /// Names the columns of formatRows().
     static constexpr const char* HEADER =
         "SECONDS  TSIIDX     KBIT/S    OVERALL     PACKETS  CONTINUITY  DRIFT MS      PPM";
     /// One line for each input, or one that says that there are no records.
     /// @param watched time since the watch began
-    std::vector<std::string> formatRows(Seconds watched, ArrivalTime now) const;
+    /// @param isJson each line is an object; without records, there is none
+    std::vector<std::string> formatRows(Seconds watched, ArrivalTime now, bool isJson) const;
 
 private:
     struct Arrival {
@@ -102,11 +103,11 @@ private:
 
 /// Watches what arrives in a FIFO, on standard input, from a device or in a growing file, until the time
 /// limit, SIGINT, SIGTERM or SIGHUP, or until the last writer closes the FIFO or pipe. On a terminal, it
-/// redraws one table in place; elsewhere it prints one line per input every second. Finally it prints a
-/// summary. Blocks those signals for the rest of the program. Main thread.
+/// redraws one table in place; elsewhere, and in JSON, it prints one line per input every second. Finally it
+/// prints a summary. Blocks those signals for the rest of the program. Main thread.
 /// @param path "-" for standard input; a FIFO does not need a writer yet
 /// @param seconds time limit, none for no limit
-/// @throws CommandError when reading or printing fails
-void watchRecords(const std::string& path, std::optional<double> seconds);
+/// @throws CommandError when reading or printing fails, and finally if there were faults
+void watchRecords(const std::string& path, std::optional<double> seconds, bool isJson);
 
 }  // namespace Vel::Zepctl
