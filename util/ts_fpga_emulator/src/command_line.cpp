@@ -119,7 +119,8 @@ Settings readSettings(const cxxopts::ParseResult& options) {
         }
     }
     const auto device = [&](const char* option, const char* nameInDirectory) {
-        return options.count(option) > 0 || options.count("dir") == 0
+        return options.count(option) > 0 || options.count("dir") == 0 ||
+                       options["dir"].as<std::string>().empty()
                    ? options[option].as<std::string>()
                    : (std::filesystem::path(options["dir"].as<std::string>()) / nameInDirectory).string();
     };

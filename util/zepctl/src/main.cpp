@@ -50,7 +50,11 @@ std::string describeUnknownCommand(const CLI::App& app) {
 int run(CLI::App& app, int argc, char** argv) {
     std::string help = "--help";
     if (argc > 1 && std::string_view(argv[1]) == "help") {
-        argv[1] = help.data();  // prints the help of the command that follows
+        const bool isKnown = argc == 2 || !app.get_subcommands([&](const CLI::App* command) {
+                                                  return command->get_name() == argv[2];
+                                              })
+                                               .empty();
+        argv[1] = isKnown ? help.data() : argv[2];  // prints the help of the command that follows
     }
     try {
         app.parse(argc, argv);  // runs the command as well

@@ -60,9 +60,14 @@ void PacketDispatcher::openDevice(const std::string& path, const std::stop_token
     bool isAnnounced = false;
     while (!stop.stop_requested()) {
         // Lets the next line open a FIFO that nobody else reads.
-        const CppUtil::FileDescriptor reader(m_KeepsFifo && std::filesystem::is_fifo(path, ignored)
-                                                 ? ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)
-                                                 : -1);
+        m_KeepsFifo = m_KeepsFifo && std::filesystem::is_fifo(path, ignored);
+        const CppUtil::FileDescriptor reader(
+            m_KeepsFifo ? ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1);
+        if (m_KeepsFifo && !reader.isOpen()) {
+            Log::warning(*m_Logger, "Cannot read {}, so -k has no effect: {}", m_DeviceName,
+                         CppUtil::errnoText(errno));
+            m_KeepsFifo = false;
+        }
         m_File = CppUtil::FileDescriptor(::open(path.c_str(), FLAGS, NEW_FILE_MODE));
         if (m_File.isOpen()) {
             takeDevice();
@@ -143,10 +148,15 @@ void PacketDispatcher::discardRestOfRecord() {
     std::array<char, 32> path{};
     fmt::format_to_n(path.data(), path.size() - 1, "/proc/self/fd/{}", m_File.get());
     const CppUtil::FileDescriptor reader(::open(path.data(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (::read(reader.get(), rest.data(), static_cast<std::size_t>(unread) % rest.size()) < 0) {
-        Log::error(*m_Logger, "Cannot discard the rest of a record on {}: {}", m_DeviceName,
-                   CppUtil::errnoText(errno));
+    if (!reader.isOpen()) {
+        if (m_HasReader) {  // the first attempt since the reader has gone
+            Log::error(*m_Logger, "Cannot discard the rest of a record on {}: {}", m_DeviceName,
+                       CppUtil::errnoText(errno));
+        }
+        return;
     }
+    // A reader that opens the FIFO at this moment may have emptied it.
+    static_cast<void>(::read(reader.get(), rest.data(), static_cast<std::size_t>(unread) % rest.size()) >= 0);
 }
 
 bool PacketDispatcher::dispatch(Ts::LowlevInTSPacket& packet, const std::stop_token& stop) {

@@ -130,7 +130,7 @@ Pacer::Rest PktioStreamIn::releaseDue(std::chrono::nanoseconds limit) noexcept {
     constexpr int GROUP_PACKETS = 100;  // then a routing call or a removal can take effect
     letRoutingCallGoFirst();
     const CppUtil::Lock lock(m_FilterLock);
-    static_cast<void>(m_Dispatcher.getWriteLock().lock({}));  // never waits: only the pacer writes
+    static_cast<void>(m_Dispatcher.getWriteLock().lock({}));  // hardly ever waits: only the pacer writes
     const std::lock_guard device(m_Dispatcher.getWriteLock(), std::adopt_lock);
     Pacer::Rest rest;
     try {

@@ -18,7 +18,7 @@ std::uint32_t pidOf(const std::uint8_t* packet) {
 
 RecordComparison::RecordComparison(std::uint32_t tsiidx, const std::string& expected)
     : m_Tsiidx(tsiidx), m_File(expected.substr(0, expected.rfind(':'))) {
-    std::istringstream pids(expected.substr(std::min(m_File.getRawName().size() + 1, expected.size())));
+    std::istringstream pids(expected.substr(std::min(expected.rfind(':'), expected.size() - 1) + 1));
     for (std::string pid; std::getline(pids, pid, ',');) {
         m_Pids.set(parseNumber("--against: PID", pid, Drivers::Zep::PID_RANGE));
     }
