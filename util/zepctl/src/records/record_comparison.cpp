@@ -58,7 +58,7 @@ void RecordComparison::add(const RecordView& record, FaultLog& faults) {
     if (m_TakesAnyPid && !m_Pids.test(pid)) {
         m_Pids.set(pid);
         if (const auto skipped = m_Skipped.find(pid); skipped != m_Skipped.end()) {
-            m_Next = skipped->second;
+            m_Next = std::min(m_Next, skipped->second);
         }
     }
     const std::uint8_t* packet = findNext();
