@@ -34,7 +34,7 @@ void requireOtherFile(const std::string& dataDevice, const char* role, const std
     }
 }
 
-/// A wrong path would otherwise show up only once something is routed. Opening a feed would end its writer.
+/// Empty for a file that can be read. Does not open it: that would end the writer of a feed.
 std::string whyUnreadable(const std::string& path) {
     std::error_code ignored;
     if (std::filesystem::is_directory(path, ignored)) {
@@ -117,7 +117,8 @@ void ZEPTFEMApplication::setupApplication(const cxxopts::ParseResult& options) {
     const Settings settings = readSettings(options);
     logSettings(settings);
     for (const auto& [uri, file] : settings.files) {
-        if (const std::string reason = whyUnreadable(file); !file.empty() && !reason.empty()) {
+        const std::string reason = file.empty() ? "" : whyUnreadable(file);
+        if (!reason.empty()) {  // otherwise it would show up only once something is routed
             Log::warning(*m_Logger, "Cannot read {} of {}: {}", escapeControls(file), escapeControls(uri),
                          reason);
         }

@@ -35,7 +35,7 @@ PacketDispatcher::PacketDispatcher(const std::string& devicePath, const std::sto
       m_DeviceName(CppUtil::escapeControls(devicePath)),
       m_KeepsFifo(keepsFifo) {
     openDevice(devicePath, stop);
-    if (m_KeepsFifo) {
+    if (m_KeepsFifo && m_Device == Device::Open) {
         m_Watcher = std::jthread([this](const std::stop_token& end) { watchReader(end); });
     }
 }
@@ -59,7 +59,7 @@ void PacketDispatcher::openDevice(const std::string& path, const std::stop_token
     std::error_code ignored;
     bool isAnnounced = false;
     while (!stop.stop_requested()) {
-        // Lets the next line open a FIFO that nobody else reads.
+        // Its own reader lets it open a FIFO that nobody else reads.
         m_KeepsFifo = m_KeepsFifo && std::filesystem::is_fifo(path, ignored);
         const CppUtil::FileDescriptor reader(
             m_KeepsFifo ? ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1);
@@ -75,7 +75,6 @@ void PacketDispatcher::openDevice(const std::string& path, const std::stop_token
         }
         m_Error = errno;
         if (m_Error != ENXIO || !std::filesystem::is_fifo(path, ignored)) {
-            m_KeepsFifo = false;
             Log::warning(*m_Logger, "Cannot write to {}: {}", m_DeviceName, CppUtil::errnoText(m_Error));
             return;
         }
@@ -85,7 +84,6 @@ void PacketDispatcher::openDevice(const std::string& path, const std::stop_token
         CppUtil::FileDescriptor::pauseBeforeRetry();
     }
     m_Device = Device::NeverOpened;
-    m_KeepsFifo = false;
 }
 
 /// A plain file is emptied only once it is locked: what it holds may be the output of another program. It is
@@ -93,7 +91,6 @@ void PacketDispatcher::openDevice(const std::string& path, const std::stop_token
 void PacketDispatcher::takeDevice() {
     struct stat status {};
     bool isReady = ::fstat(m_File.get(), &status) == 0;
-    m_KeepsFifo = m_KeepsFifo && S_ISFIFO(status.st_mode);
     if (isReady && S_ISREG(status.st_mode)) {
         if (::flock(m_File.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
             throw CppUtil::InvalidArgumentError("The data device \"" + m_DeviceName +

@@ -179,7 +179,7 @@ bool PktioStreamIn::readPacket(Ts::LowlevInTSPacket& packet) {
             return false;
         }
     }
-    if (!packet.hasSyncByte() && !m_IsNoSyncReported) {
+    if (bytes.front() != Ts::SYNC_BYTE && !m_IsNoSyncReported) {
         reportNoSync();
     }
     m_Status.packetsRead.increment();
