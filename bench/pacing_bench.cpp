@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -190,12 +191,12 @@ double residentMiB() {
            (1 << 20);
 }
 
-/// The first benchmark with streams: freed memory of earlier ones would be used again and not be counted.
 void memoryOfClockedInputs(benchmark::State& state) {
     constexpr int INPUTS = 64;
     const RateFile file(1, START + REST);
     Log::getLogsystem();  // allocates its queue
     while (state.KeepRunning()) {
+        ::malloc_trim(0);  // else freed memory of earlier benchmarks is used again and not counted
         const double before = residentMiB();
         const auto player = startInputs(file, INPUTS, "/dev/null", Utils::PcrPacing::Clock);
         sleepFor(3 * START);

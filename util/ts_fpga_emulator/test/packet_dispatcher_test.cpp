@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <csignal>
 #include <thread>
 
 #include "support.h"
+#include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::Utils {
@@ -52,6 +54,21 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     const ssize_t got = ::read(reader.get(), record.data(), SIZE);
     EXPECT_TRUE(0 < got && got < ssize_t{SIZE}) << got << ": a started record is given up after a while";
     EXPECT_EQ(::read(reader.get(), record.data(), SIZE), -1) << "the second one is not started";
+}
+
+TEST(PacketDispatcher, ADeviceThatFailsWithinARecordIsReportedToTheNextOne) {
+    std::signal(SIGPIPE, SIG_IGN);
+    const TemporaryFolder folder;
+    ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
+    CppUtil::FileDescriptor reader(::open((folder / "fifo").c_str(), O_RDONLY | O_NONBLOCK));
+    PacketDispatcher dispatcher(folder / "fifo");
+    auto packet = Ts::LowlevInTSPacket::create<1'000'000>();
+    EXPECT_EQ(dispatcher.tryDispatch(packet), PacketDispatcher::Outcome::Started);
+    EXPECT_EQ(dispatcher.tryDispatch(packet), PacketDispatcher::Outcome::DeviceFull);
+    reader = CppUtil::FileDescriptor();
+    EXPECT_TRUE(dispatcher.waitForDevice({})) << "the wait is over, but not because of a stop request";
+    EXPECT_THROW(dispatcher.tryDispatch(packet), CppUtil::IOError);
+    EXPECT_EQ(dispatcher.getRecordCount(), 0U);
 }
 
 }  // namespace
