@@ -1,11 +1,12 @@
 // Preloaded into a program under test, makes the N-th call of one function fail: FAIL_CALL names the
-// function, FAIL_AT is N, and FAIL_ERRNO is the errno, or 0 for a short count. The file FAIL_MARK appears at
-// that call.
+// function, FAIL_AT is N, and FAIL_ERRNO is the errno, 0 for a short count, or -1 for a count of 0. The file
+// FAIL_MARK appears at that call.
 
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -16,6 +17,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 extern "C" void* __libc_malloc(std::size_t size);
 
@@ -46,13 +48,14 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
-/// A transfer of `count` bytes: 0 for one that goes on with the returned count, -1 for one that fails.
-int transfer(const char* call, std::size_t& count) {
+/// The result of a transfer that fails, or transfers nothing; none for one that goes on with `count`.
+std::optional<ssize_t> transfer(const char* call, std::size_t& count) {
     if (!isDue(call)) {
-        return 0;
+        return std::nullopt;
     }
+    const long error = readNumber("FAIL_ERRNO");
     count = count > 1 ? count / 2 : count;
-    return readNumber("FAIL_ERRNO") == 0 ? 0 : -1;
+    return error == 0 ? std::nullopt : std::optional<ssize_t>(error > 0 ? -1 : 0);
 }
 
 }  // namespace
@@ -76,13 +79,30 @@ void* mmap(void* address, std::size_t length, int protection, int flags, int fd,
 }
 
 ssize_t read(int fd, void* buffer, std::size_t count) {
-    return transfer("read", count) != 0 ? -1
-                                        : next<ssize_t(int, void*, std::size_t)>("read")(fd, buffer, count);
+    const auto result = transfer("read", count);
+    return result ? *result : next<ssize_t(int, void*, std::size_t)>("read")(fd, buffer, count);
 }
 
 ssize_t write(int fd, const void* data, std::size_t count) {
-    using Write = ssize_t(int, const void*, std::size_t);
-    return transfer("write", count) != 0 ? -1 : next<Write>("write")(fd, data, count);
+    const auto result = transfer("write", count);
+    return result ? *result : next<ssize_t(int, const void*, std::size_t)>("write")(fd, data, count);
+}
+
+int flock(int fd, int operation) noexcept {
+    return isDue("flock") ? -1 : next<int(int, int)>("flock")(fd, operation);
+}
+
+int ftruncate(int fd, off_t length) noexcept {
+    return isDue("ftruncate") ? -1 : next<int(int, off_t)>("ftruncate64")(fd, length);
+}
+
+int mkfifo(const char* path, mode_t mode) noexcept {
+    return isDue("mkfifo") ? -1 : next<int(const char*, mode_t)>("mkfifo")(path, mode);
+}
+
+int close(int fd) {
+    const int result = next<int(int)>("close")(fd);
+    return isDue("close") ? -1 : result;
 }
 
 int poll(pollfd* entries, nfds_t count, int patience) {

@@ -106,7 +106,10 @@ public:
         std::size_t count = 0;
         std::istringstream text(out());
         for (std::string line; std::getline(text, line);) {
-            count += line.find(' ') == line.find(" " + beginning) ? 1 : 0;
+            const std::size_t space = line.find(' ');
+            count += space != std::string::npos && line.compare(space + 1, beginning.size(), beginning) == 0
+                         ? 1
+                         : 0;
         }
         return count;
     }
@@ -123,15 +126,16 @@ constexpr std::size_t PACKET = 188;
 constexpr std::size_t RECORD = 192;
 
 /// `count` packets of the PIDs in turn, with steady continuity counters. With `ticksPerPacket` above 0, every
-/// 20th packet of the first PID carries a PCR of that pace.
+/// 20th packet of the first PID carries a PCR of that pace, and after each `clockPackets` the clock is 0
+/// again.
 inline Bytes makeStream(const std::vector<std::uint32_t>& pids, std::uint32_t count,
-                        std::uint64_t ticksPerPacket = 0) {
+                        std::uint64_t ticksPerPacket = 0, std::uint32_t clockPackets = UINT32_MAX) {
     Bytes stream;
     for (std::uint32_t i = 0; i < count; ++i) {
         const auto turn = static_cast<std::uint32_t>(i / pids.size());
         TestPacket packet{.pid = pids[i % pids.size()], .number = i, .counter = turn};
         if (ticksPerPacket > 0 && packet.pid == pids[0] && turn % 20 == 0) {
-            packet.pcr = i * ticksPerPacket;
+            packet.pcr = i % clockPackets * ticksPerPacket;
         }
         const Bytes bytes = packet.bytes();
         stream.insert(stream.end(), bytes.begin(), bytes.end());

@@ -10,11 +10,12 @@
 #include <limits>
 #include <map>
 #include <mutex>
-#include <random>
+#include <optional>
 #include <set>
 #include <thread>
 
 #include "harness.h"
+#include "test_random.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::SystemTest {
@@ -40,6 +41,24 @@ struct Life {
     std::map<std::uint32_t, std::vector<Span>> routes = {};  // by PID
 };
 
+/// What a run has seen.
+struct Counters {
+    std::size_t records = 0;
+    std::size_t roundsByCompanion = 0;
+    std::size_t roundsByRows = 0;
+    std::size_t startsByPendingRoute = 0;
+    std::size_t changesWhilePlaying = 0;
+    std::size_t playedToTheEnd = 0;
+    std::size_t clockJumps = 0;  // with -c: -m waits for hours for a clock that jumps back
+
+    bool areAllAboveZero(bool withJumps) const {
+        return records * roundsByCompanion * roundsByRows * startsByPendingRoute * changesWhilePlaying *
+                       playedToTheEnd !=
+                   0 &&
+               (clockJumps > 0 || !withJumps);
+    }
+};
+
 std::string changeLine(bool isAdded, const std::string& what, std::uint32_t tsiidx) {
     return std::string("[info] Detected ") + (isAdded ? "added " : "removed ") + what +
            std::to_string(tsiidx);
@@ -58,6 +77,8 @@ protected:
     static constexpr std::uint32_t FILES = 3;
     static constexpr std::uint32_t SYNC = 9;  // an input with an empty file, and its TSIIDX
     static constexpr std::uint32_t PIDS[] = {0x100, 0x101, 0x102, 0x103};
+    static constexpr std::uint32_t CLOCK_PACKETS = 1600;  // from a jump of the clock to the next one
+    const bool isClocked = GetParam() == Texts{"-c"};
 
     void SetUp() override {
         ASSERT_EQ(::mkfifo(data.c_str(), 0600), 0);
@@ -65,9 +86,9 @@ protected:
         m_Reader = std::jthread([this](const std::stop_token& stop) { readSlowly(stop); });
         Texts arguments = GetParam() + link(SYNC, {});
         for (std::uint32_t n = 1; n <= FILES; ++n) {
-            // 50,000 packets per second, or 5000, for which the reader is not too slow.
-            const std::uint64_t ticksPerPacket = GetParam() == Texts{"-c"} ? 5400 : 540;
-            m_Files[n] = makeStream({std::begin(PIDS), std::end(PIDS)}, 100000 + n, ticksPerPacket);
+            // 50,000 packets per second, or 5000, for which the reader is not too slow. One file is short.
+            m_Files[n] = makeStream({std::begin(PIDS), std::end(PIDS)}, (n == 1 ? 2000 : 100000) + n,
+                                    isClocked ? 5400 : 540, isClocked ? CLOCK_PACKETS : UINT32_MAX);
             arguments = arguments + link(n, m_Files[n]);
         }
         startAndWait(arguments);
@@ -76,12 +97,13 @@ protected:
     }
 
     void playRound() {
-        m_ByCompanion = random(2) == 0;
+        m_ByCompanion = !m_ByCompanion;
+        ++(m_ByCompanion ? counters.roundsByCompanion : counters.roundsByRows);
         changeInput(SYNC, SYNC);
         for (int i = 0; i < 60 && !HasFailure(); ++i) {
-            const std::uint32_t n = 1 + random(FILES);
-            const std::uint32_t tsiidx = m_Inputs.contains(n) ? m_Inputs[n] : n + 10 * random(2);
-            const std::uint32_t what = random(20);
+            const std::uint32_t n = 1 + random.below(FILES);
+            const std::uint32_t tsiidx = m_Inputs.contains(n) ? m_Inputs[n] : n + 10 * random.below(2);
+            const std::uint32_t what = random.below(20);
             if (what == 0) {
                 replaceInputs();
                 truncateInputs();
@@ -89,7 +111,7 @@ protected:
                 changeInput(n, tsiidx);
                 changeRoute(tsiidx, PIDS[0]);  // on for long, so that the file does not rush to its end
             } else {
-                changeRoute(tsiidx, PIDS[1 + random(3)]);
+                changeRoute(tsiidx, PIDS[1 + random.below(3)]);
             }
         }
         for (const auto& [tsiidx, pid] : std::set(m_Routes)) {
@@ -99,6 +121,9 @@ protected:
         }
         for (const auto& [n, tsiidx] : std::map(m_Inputs)) {
             changeInput(n, tsiidx);
+        }
+        if (counters.playedToTheEnd == 0) {
+            playToTheEnd();
         }
         if (m_Routes.contains({SYNC, PIDS[0]})) {
             toggleRoute(SYNC, PIDS[0]);
@@ -113,7 +138,7 @@ protected:
         const bool isThere = eventually([&] {
             const auto begin = m_Log.tellg();
             if (std::getline(m_Log, line) && !m_Log.eof()) {
-                return line.find(" ms late, ") == std::string::npos;  // on a busy machine
+                return line.find(" ms late; ") == std::string::npos;  // on a busy machine
             }
             m_Log.clear();
             m_Log.seekg(begin);
@@ -124,20 +149,30 @@ protected:
         ASSERT_EQ(expected.starts_with("[error]") ? line.substr(0, expected.size()) : line, expected);
     }
 
-    std::uint32_t random(std::uint32_t below) { return static_cast<std::uint32_t>(m_Random() % below); }
+    /// The program ends while an input plays: what has been written is a gapless beginning.
+    void endWhilePlaying() {
+        changeInput(SYNC, SYNC);
+        changeRoute(FILES, PIDS[0]);
+        changeInput(FILES, FILES);
+        ASSERT_TRUE(eventually([&] { return findLastPacket(FILES).has_value(); }));
+        EXPECT_EQ(emulator->terminate(), 0);
+        expect("[info] Application exit has been signaled...");
+        check();
+    }
 
-    std::size_t recordCount = 0;
+    TestSupport::Random random;
+    Counters counters;
 
 private:
     /// Reads the data device, at times not at all.
     void readSlowly(const std::stop_token& stop) {
-        std::minstd_rand pauses(1);
+        TestSupport::Random pauses;
         for (std::uint8_t block[8192]; !stop.stop_requested();) {
             std::unique_lock lock(m_ReadLock);
             const ssize_t got = ::read(m_Fifo.get(), block, sizeof block);
             m_Arrived.insert(m_Arrived.end(), block, block + std::max<ssize_t>(got, 0));
             lock.unlock();
-            std::this_thread::sleep_for(std::chrono::milliseconds(pauses() % 100 == 0 ? 50 : 1));
+            std::this_thread::sleep_for(std::chrono::milliseconds(pauses.oneIn(100) ? 50 : 1));
         }
     }
 
@@ -161,7 +196,60 @@ private:
         return input == m_Inputs.end() || input->second != tsiidx ? nullptr : &lives.back();
     }
 
+    /// The number in its file of the input's packet that was read last.
+    std::optional<std::uint32_t> findLastPacket(std::uint32_t tsiidx) {
+        const Life* life = findPlaying(tsiidx);
+        const std::lock_guard lock(m_ReadLock);
+        for (std::size_t i = m_Arrived.size() / RECORD; life != nullptr && i-- > life->span.mayFrom;) {
+            const std::uint8_t* record = m_Arrived.data() + i * RECORD;
+            if (record[0] == tsiidx) {
+                return Ts::readRecordHeader(record + RECORD - Ts::RECORD_HEADER_SIZE);
+            }
+        }
+        return std::nullopt;
+    }
+    std::uint32_t countPackets(const Life& life) const {
+        return static_cast<std::uint32_t>(m_Files.at(life.n).size() / PACKET);
+    }
+
+    /// An input of which a PID has been routed from its first packet delivers more, up to the end of its
+    /// file.
+    void expectProgress(std::uint32_t tsiidx) {
+        const Life* life = findPlaying(tsiidx);
+        if (life == nullptr || life->n == SYNC || !life->routes.contains(PIDS[0])) {
+            return;
+        }
+        const std::vector<Span>& spans = life->routes.at(PIDS[0]);
+        if (spans.size() != 1 || spans[0].mustFrom != 0 || spans[0].mustTo != NEVER) {
+            return;
+        }
+        const std::uint32_t last = (countPackets(*life) - 1) / 4 * 4;  // of this PID
+        const auto before = findLastPacket(tsiidx);
+        std::optional<std::uint32_t> now;
+        ASSERT_TRUE(eventually([&] {
+            now = findLastPacket(tsiidx);
+            return now > before || now >= last;
+        })) << "TSIIDX "
+            << tsiidx << " stands still after packet " << before.value_or(-1) << " of " << last;
+        counters.playedToTheEnd += now >= last ? 1 : 0;
+    }
+
+    void playToTheEnd() {
+        constexpr std::uint32_t SHORT_FILE = 1;
+        changeInput(SYNC, SYNC);
+        changeRoute(SHORT_FILE,
+                    PIDS[0]);  // first: routes of earlier rounds would start the stream without it
+        changeInput(SHORT_FILE, SHORT_FILE);
+        while (!HasFailure() && counters.playedToTheEnd == 0) {
+            expectProgress(SHORT_FILE);
+        }
+        changeRoute(SHORT_FILE, PIDS[0]);
+        changeInput(SHORT_FILE, SHORT_FILE);
+        changeInput(SYNC, SYNC);
+    }
+
     void changeInput(std::uint32_t n, std::uint32_t tsiidx) {
+        expectProgress(tsiidx);
         const std::size_t before = countWritten();
         const bool isAdded = m_Inputs.emplace(n, tsiidx).second;
         if (m_ByCompanion) {
@@ -178,6 +266,7 @@ private:
                 life.routes[pid] = isRouted ? std::vector{Span{before, 0}} : std::vector<Span>{};
                 life.isStarted |= isRouted;
             }
+            counters.startsByPendingRoute += life.isStarted ? 1 : 0;
             m_Lives[tsiidx].push_back(life);
         }
         isAdded ? 0 : m_Inputs.erase(n);
@@ -216,6 +305,8 @@ private:
         if (life == nullptr) {
             return;
         }
+        const auto packet = findLastPacket(tsiidx);
+        counters.changesWhilePlaying += packet && *packet < countPackets(*life) - 4 ? 1 : 0;
         auto& spans = life->routes[pid];
         if (isAdded) {
             const bool isStarted = std::exchange(life->isStarted, true);
@@ -263,10 +354,11 @@ private:
             const Life* life = nullptr;
             std::size_t records = 0;  // up to its last one
             std::size_t packet = 0;   // the next one of its file
+            std::size_t lastPacket = 0;
         };
         std::map<std::uint32_t, Position> positions;
         ASSERT_EQ(arrived.size() % RECORD, 0U);
-        recordCount += arrived.size() / RECORD;
+        counters.records += arrived.size() / RECORD;
         for (std::size_t i = 0; i < arrived.size() / RECORD; ++i) {
             const auto record = arrived.begin() + static_cast<std::ptrdiff_t>(i * RECORD);
             const std::uint32_t tsiidx = record[0];
@@ -295,12 +387,13 @@ private:
                     spans, [&](const Span& span) { return span.mustFrom <= at.records && i < span.mustTo; }))
                     << "packet " << at.packet << " is missing before it";
             }
+            const bool isJump = at.records > 0 && at.packet / CLOCK_PACKETS != at.lastPacket / CLOCK_PACKETS;
+            counters.clockJumps += isClocked && isJump ? 1 : 0;
             at.records = i + 1;
-            ++at.packet;
+            at.lastPacket = at.packet++;
         }
     }
 
-    std::minstd_rand m_Random{std::random_device{}()};
     std::map<std::uint32_t, Bytes> m_Files;
     std::ifstream m_Log;
     bool m_ByCompanion = false;
@@ -326,25 +419,33 @@ std::array<std::size_t, 3> measure(pid_t pid) {
 }
 
 TEST_P(StreamModelTest, RecordsAndLogAreThoseOfTheChanges) {
-    const char* seconds = std::getenv("ZEPTFEM_TEST_SECONDS");
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::seconds(seconds ? std::stoi(seconds) : 2);
+    SCOPED_TRACE(random.origin());
+    constexpr int MAX_ROUNDS = 50;  // until everything has happened
+    const std::chrono::seconds duration(TestSupport::testNumber("ZEPTFEM_TEST_SECONDS", 2));
+    const auto end = std::chrono::steady_clock::now() + duration;
     playRound();
     const auto first = measure(emulator->pid());
     auto last = first;
     int rounds = 1;
-    for (; !HasFailure() && std::chrono::steady_clock::now() < end; ++rounds) {
+    const auto isOver = [&] {
+        return std::chrono::steady_clock::now() >= end &&
+               (counters.areAllAboveZero(isClocked) || rounds >= MAX_ROUNDS);
+    };
+    for (; !HasFailure() && !isOver(); ++rounds) {
         playRound();
         last = measure(emulator->pid());
         ASSERT_EQ(std::pair(last[0], last[1]), std::pair(first[0], first[1])) << "descriptors, threads";
         // A sanitizer holds back what was freed, 256 MiB of it.
         ASSERT_LE(last[2], first[2] + (SANITIZED ? 512 : 16)) << "MiB";
     }
-    std::cout << rounds << " rounds of 60 changes, " << recordCount << " records, " << last[0]
+    HasFailure() ? void() : endWhilePlaying();
+    std::cout << random.origin() << ": " << counters.roundsByCompanion << " rounds of 60 changes by zepctl, "
+              << counters.roundsByRows << " by rows; " << counters.records << " records, "
+              << counters.startsByPendingRoute << " inputs started by a pending route, "
+              << counters.changesWhilePlaying << " changes while playing, " << counters.playedToTheEnd
+              << " times played to the end, " << counters.clockJumps << " clock jumps; " << last[0]
               << " descriptors, " << last[1] << " threads, " << first[2] << " to " << last[2] << " MiB\n";
-    EXPECT_GT(recordCount, 0U);
-    EXPECT_EQ(emulator->terminate(), 0);
-    expect("[info] Application exit has been signaled...");
+    EXPECT_TRUE(counters.areAllAboveZero(isClocked)) << "some of it has not happened";
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, StreamModelTest, testing::Values(Texts{}, Texts{"-m"}, Texts{"-c"}),

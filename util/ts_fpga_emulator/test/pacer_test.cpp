@@ -39,9 +39,10 @@ struct Play {
         return {due[i].empty() ? std::nullopt : std::optional(START + due[i].front()), false};
     }
 
-    void run() {
+    void run(const std::function<void(nanoseconds nextDue)>& check = [](auto) {}) {
         for (auto rest = pacer.releaseDue(); rest.nextDue; rest = pacer.releaseDue()) {
             ++wakeUps;
+            check(*rest.nextDue - START);
             nowNs = std::max(
                 nowNs, static_cast<std::uint64_t>(pacer.toSteady(*rest.nextDue).time_since_epoch().count()));
         }
@@ -74,7 +75,10 @@ TEST(Pacer, WakesUpForGroupsOfAllInputsTogether) {
         inputs[i] = every(microseconds(1500), 1000, i * microseconds(23));
     }
     Play play(std::move(inputs));
-    play.run();
+    play.run([&](nanoseconds nextDue) {
+        ASSERT_GT(nextDue, play.now() + Pacer::GROUP_TIME)
+            << "a group is everything that is due in this time";
+    });
     EXPECT_EQ(play.sent.size(), 64'000U);
     for (const auto& [input, lateness] : play.sent) {
         ASSERT_LE(lateness, nanoseconds(0));
@@ -124,6 +128,20 @@ TEST(Pacer, ADeviceThatIsTooSlowButNeverStallsShiftsTheSchedule) {
     play.run();
     EXPECT_EQ(play.sent.size(), 10'000U);
     EXPECT_GT(play.pacer.toSteady({}).time_since_epoch(), std::chrono::seconds(4));
+}
+
+TEST(Pacer, EndsAtOnceWhileItWaitsForAnHourOrForPackets) {
+    for (const bool hasPackets : {true, false}) {
+        PacketDispatcher dispatcher("/dev/null");
+        Pacer pacer(dispatcher);
+        Pacer::Input input{[](auto) { return Pacer::Rest{}; }};
+        pacer.start();
+        pacer.add();
+        if (hasPackets) {
+            pacer.schedule(input, pacer.now() + std::chrono::hours(1));
+        }
+        std::this_thread::sleep_for(milliseconds(20));  // until it probably waits
+    }
 }
 
 TEST(Pacer, ABacklogDoesNotDelayOtherInputs) {

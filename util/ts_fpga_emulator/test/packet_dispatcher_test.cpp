@@ -32,8 +32,10 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     };
     const auto readRecords = [&](std::uint32_t count) {
         for (; count > 0; --count) {
-            for (std::size_t got = 0; got < SIZE;) {
-                got += static_cast<std::size_t>(::read(reader.get(), &record[got], SIZE - got));
+            for (std::size_t read = 0; read < SIZE;) {
+                const ssize_t got = ::read(reader.get(), &record[read], SIZE - read);
+                ASSERT_GT(got, 0);
+                read += static_cast<std::size_t>(got);
             }
             EXPECT_EQ(record.find_first_not_of(record[0]), std::string::npos);
         }
