@@ -1,5 +1,7 @@
 #include "device_paths.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "command_error.h"
@@ -31,6 +33,16 @@ std::string DevicePaths::getPktio() const {
         throw CommandError(WrongUse, "Name the directory of the devices with -d DIR or in ZEP_DIR");
     }
     return std::filesystem::path(directory) / "pktio";
+}
+
+const std::string& requireExisting(const std::string& path) {
+    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
+        throw CommandError(DeviceUnusable,
+                           path +
+                               " does not exist; -d DIR names a directory of stand-ins, which "
+                               "\"zepctl create --fifo DIR\" creates");
+    }
+    return path;
 }
 
 }  // namespace Vel::Zepctl

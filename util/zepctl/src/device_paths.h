@@ -24,4 +24,7 @@ struct DevicePaths {
     std::string router = Drivers::Zep::ROUTER_DEVICE.path;
 };
 
+/// Returns `path`. Throws CommandError if nothing has that name: usually nobody has named the stand-ins.
+const std::string& requireExisting(const std::string& path);
+
 }  // namespace Vel::Zepctl

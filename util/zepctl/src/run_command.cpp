@@ -54,10 +54,7 @@ Words describeDev(const DevicePaths& devices) {
         }
     }
     for (const auto& [path, standIn] : standIns) {
-        if (::access(standIn.c_str(), F_OK) != 0) {
-            throw systemError("Cannot find " + standIn);
-        }
-        words.insert(words.end(), {"--dev-bind", standIn, path});
+        words.insert(words.end(), {"--dev-bind", requireExisting(standIn), path});
     }
     if (::geteuid() == 0) {
         words.insert(words.end(), {"--cap-add", "ALL"});  // bwrap drops them otherwise

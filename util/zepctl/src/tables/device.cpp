@@ -7,20 +7,9 @@
 #include <fmt/format.h>
 
 #include "command_error.h"
+#include "device_paths.h"
 
 namespace Vel::Zepctl {
-
-namespace {
-
-/// A device that does not exist usually means that nobody named the directory of the stand-ins.
-const std::string& requireExisting(const std::string& path) {
-    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
-        throw CommandError(DeviceUnusable, path + " does not exist; -d DIR names a directory of stand-ins");
-    }
-    return path;
-}
-
-}  // namespace
 
 LockedDevice::LockedDevice(const std::string& path, const Drivers::Zep::DeviceInfo& info, Access access,
                            int file)
