@@ -3,7 +3,6 @@
 #include <csignal>
 #include <exception>
 #include <string>
-#include <string_view>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -28,36 +27,55 @@ int fail(ExitStatus status, const std::string& line) {
     return status;
 }
 
-/// CLI11 reports a mistyped command as a missing one. Names the word that is not a command, and the commands;
-/// empty if all words were used.
-std::string describeUnknownCommand(const CLI::App& app) {
-    const CLI::App* parent = &app;
-    while (!parent->get_subcommands().empty()) {
-        parent = parent->get_subcommands().front();
-    }
-    const auto rest = app.remaining(true);
-    if (rest.empty() || parent->get_require_subcommand_min() == 0) {
-        return "";
-    }
+/// The command of `parent` with that name. Throws CommandError, which names the commands, if there is none.
+const CLI::App* findCommand(const CLI::App* parent, const std::string& name) {
     std::string names;
     for (const CLI::App* command : parent->get_subcommands({})) {
+        if (command->get_name() == name) {
+            return command;
+        }
         names += (names.empty() ? "" : ", ") + command->get_name();
     }
-    return fmt::format("\"{}\" is not a command of {}; the commands are {}", rest.front(), parent->get_name(),
-                       names);
+    throw CommandError(WrongUse, fmt::format("\"{}\" is not a command of {}; the commands are {}", name,
+                                             parent->get_name(), names));
+}
+
+void declareHelp(CLI::App& app) {
+    CLI::App& help = *app.add_subcommand("help", "Print the help of a command");
+    help.footer("Example: zepctl help input add");
+    const CLI::Option& words =
+        *help.add_option("COMMAND", "the command (default: zepctl)")->expected(-1)->take_all();
+    help.callback([&] {
+        const CLI::App* command = &app;
+        std::string name = app.get_name();
+        for (const std::string& word : words.results()) {
+            command = findCommand(command, word);
+            name += ' ' + word;
+        }
+        printOutput(command->get_formatter()->make_help(command, name, CLI::AppFormatMode::Normal));
+    });
+}
+
+void parse(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);  // runs the command as well
+    } catch (const CLI::RequiredError&) {
+        // CLI11 reports a mistyped command as a missing one.
+        const CLI::App* parent = &app;
+        while (!parent->get_subcommands().empty()) {
+            parent = parent->get_subcommands().front();
+        }
+        const auto rest = app.remaining(true);
+        if (!rest.empty() && parent->get_require_subcommand_min() != 0) {
+            findCommand(parent, rest.front());
+        }
+        throw;
+    }
 }
 
 int run(CLI::App& app, int argc, char** argv) {
-    std::string help = "--help";
-    if (argc > 1 && std::string_view(argv[1]) == "help") {
-        const bool isKnown = argc == 2 || !app.get_subcommands([&](const CLI::App* command) {
-                                                  return command->get_name() == argv[2];
-                                              })
-                                               .empty();
-        argv[1] = isKnown ? help.data() : argv[2];  // prints the help of the command that follows
-    }
     try {
-        app.parse(argc, argv);  // runs the command as well
+        parse(app, argc, argv);
         return Done;
     } catch (const CLI::Success& success) {
         app.exit(success);  // prints the help or version
@@ -65,9 +83,6 @@ int run(CLI::App& app, int argc, char** argv) {
         return Done;
     } catch (const CLI::RuntimeError& ended) {
         return ended.get_exit_code();  // of the program that run has started
-    } catch (const CLI::RequiredError& error) {
-        const std::string unknown = describeUnknownCommand(app);
-        return fail(WrongUse, unknown.empty() ? error.what() : unknown);
     } catch (const CLI::ParseError& error) {
         return fail(WrongUse, error.what());
     } catch (const CommandError& error) {
@@ -92,7 +107,6 @@ int main(int argc, char** argv) {
         app.require_subcommand(1);
         app.fallthrough();  // global options may follow the command
         app.footer(
-            "\"zepctl help COMMAND\" prints the help of a command.\n\n"
             "Exit status: 0 success, 1 check or watch found faults, or split skipped records,\n"
             "2 usage error, value out of range, or request that does not fit the present state,\n"
             "3 a file or device cannot be used.\n\n"
@@ -103,6 +117,7 @@ int main(int argc, char** argv) {
         const TableCommands tableCommands(app, devices);
         const RecordCommands recordCommands(app, devices);
         declareRun(app, devices);
+        declareHelp(app);
         return run(app, argc, argv);
     } catch (const std::exception& error) {
         return fail(DeviceUnusable, error.what());
