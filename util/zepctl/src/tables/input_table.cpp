@@ -47,7 +47,6 @@ void InputTable::add(const IpInEntry& input) {
 }
 
 void InputTable::remove(const IpInEntry& input) {
-    checkOrder();
     bool isFound = false;
     for (IpInEntry& row : m_Rows) {
         if (row.isEnabled() && std::is_eq(row <=> input)) {
@@ -74,9 +73,10 @@ void InputTable::checkOrder() const {
         if (row.isEnabled() && previous != nullptr && row < *previous) {
             throw CommandError(
                 DeviceUnusable,
-                fmt::format("Row {} of the IP LUT is out of order: {} comes after {}; "
-                            "\"zepctl clear inputs\" clears the table",
-                            &row - m_Rows.data(), buildInputUri(row), buildInputUri(*previous)));
+                fmt::format(
+                    "Row {} of the IP LUT is out of order: {} comes after {}; remove one of them with "
+                    "\"zepctl input remove\", or all inputs with \"zepctl clear inputs\"",
+                    &row - m_Rows.data(), buildInputUri(row), buildInputUri(*previous)));
         }
         previous = row.isEnabled() ? &row : previous;
     }

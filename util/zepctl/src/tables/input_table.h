@@ -21,7 +21,7 @@ namespace Vel::Zepctl {
 /// So a reader that waits for a stable table sees one change for each input that is added or removed, and
 /// none for any other input. The control bit is not changed.
 ///
-/// A table whose enabled rows do not ascend is not changed, only cleared: no order of stores would keep its
+/// If the enabled rows do not ascend, rows are only removed or cleared: no order of stores would keep other
 /// inputs from being seen as removed and added.
 ///
 /// Reads the table once, at construction; nobody else may write it during the lifetime of the object. All
@@ -33,21 +33,24 @@ public:
     /// The enabled rows, in table order.
     [[nodiscard]] std::vector<Drivers::Zep::IpInEntry> list() const;
 
+    /// Throws CommandError, which names the first row that is out of order, if the enabled rows do not
+    /// ascend.
+    void checkOrder() const;
+
     /// Writes the row between its neighbours. If no row is free there, the rows up to the next free one move
     /// up; if all rows above are in use, the rows down to the next free one move down. Throws CommandError if
     /// the rows are out of order, if the address and port or the TSIIDX already have a row, and if all rows
     /// are in use.
     void add(const Drivers::Zep::IpInEntry& input);
 
-    /// Clears the row of that address and port, whatever its TSIIDX; no row moves. Throws CommandError if the
-    /// rows are out of order, and if there is no such input.
+    /// Clears the row of that address and port, whatever its TSIIDX; no row moves. Throws CommandError if
+    /// there is no such input.
     void remove(const Drivers::Zep::IpInEntry& input);
 
     /// Clears all rows, including what disabled ones still hold.
     void clear();
 
 private:
-    void checkOrder() const;
     void clearCopies();
     void insert(const Drivers::Zep::IpInEntry& input);
     /// @param target one of m_Rows

@@ -1,6 +1,7 @@
 #include "tables/table_commands.h"
 
 #include <optional>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -22,11 +23,9 @@ namespace Zep = Drivers::Zep;
 
 namespace {
 
-/// Prints the rows of a table after the lock is released: the reader of the output may be slow, or need the
-/// lock itself.
-template <typename Table, typename Row>
-void printRows(const std::string& path, const Zep::DeviceInfo& info, std::string (*format)(const Row&)) {
-    const auto rows = Table(LockedDevice(path, info, Access::Read).memory()).list();
+/// To be called after the lock is released: the reader of the output may be slow, or need the lock itself.
+template <typename Row>
+void printRows(const std::vector<Row>& rows, std::string (*format)(const Row&)) {
     std::string lines;
     for (const Row& row : rows) {
         lines += format(row) + '\n';
@@ -97,9 +96,13 @@ void TableCommands::declareInput(CLI::App& app) {
         });
     remove.add_option("URI", m_Uri, "as input list prints it")->required();
 
-    declareCommand(input, "list", "Print the inputs in the form that input add accepts",
-                   "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list",
-                   [this] { printRows<InputTable>(m_Devices.tsio, Zep::TSIO_DEVICE, formatInput); });
+    declareCommand(
+        input, "list", "Print the inputs in the form that input add accepts",
+        "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list", [this] {
+            const InputTable table(LockedDevice(m_Devices.tsio, Zep::TSIO_DEVICE, Access::Read).memory());
+            printRows(table.list(), formatInput);
+            table.checkOrder();
+        });
 }
 
 void TableCommands::declareRoute(CLI::App& app) {
@@ -130,9 +133,12 @@ void TableCommands::declareRoute(CLI::App& app) {
                                        RouteTable(device.memory()).remove(*m_TSIIDX, *m_PID);
                                    }));
 
-    declareCommand(route, "list", "Print the routes in the form that route add accepts",
-                   "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list",
-                   [this] { printRows<RouteTable>(m_Devices.router, Zep::ROUTER_DEVICE, formatRoute); });
+    declareCommand(
+        route, "list", "Print the routes in the form that route add accepts",
+        "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list", [this] {
+            const RouteTable table(LockedDevice(m_Devices.router, Zep::ROUTER_DEVICE, Access::Read).memory());
+            printRows(table.list(), formatRoute);
+        });
 }
 
 void TableCommands::declareRouteKey(CLI::App& command) {
