@@ -14,15 +14,25 @@ std::uint32_t pidOf(const std::uint8_t* packet) {
     return PacketView(packet).getPid();
 }
 
+std::bitset<MAX_PID + 1> parsePids(const std::string& expected) {
+    std::bitset<MAX_PID + 1> pids;
+    const std::size_t colon = expected.rfind(':');
+    if (colon != std::string::npos && colon + 1 != expected.size()) {
+        std::istringstream list(expected.substr(colon + 1) + ',');  // so that an empty last one counts
+        for (std::string pid; std::getline(list, pid, ',');) {
+            pids.set(parseNumber("--against: PIDs follow the last colon, but", pid, Drivers::Zep::PID_RANGE));
+        }
+    }
+    return pids;
+}
+
 }  // namespace
 
 RecordComparison::RecordComparison(std::uint32_t tsiidx, const std::string& expected)
-    : m_Tsiidx(tsiidx), m_File(expected.substr(0, expected.rfind(':'))) {
-    std::istringstream pids(expected.substr(std::min(expected.rfind(':'), expected.size() - 1) + 1));
-    for (std::string pid; std::getline(pids, pid, ',');) {
-        m_Pids.set(parseNumber("--against: PID", pid, Drivers::Zep::PID_RANGE));
-    }
-    m_TakesAnyPid = m_Pids.none();
+    : m_Tsiidx(tsiidx),
+      m_Pids(parsePids(expected)),
+      m_TakesAnyPid(m_Pids.none()),
+      m_File(expected.substr(0, expected.rfind(':'))) {
     m_Block = m_File.readAt(0);
     if (!m_Block.empty() && !hasSyncBytes(m_Block)) {
         throw CommandError(

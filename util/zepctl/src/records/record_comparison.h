@@ -34,14 +34,13 @@ private:
     const std::uint8_t* findNext();
 
     std::uint32_t m_Tsiidx;
+    std::bitset<MAX_PID + 1> m_Pids;
+    bool m_TakesAnyPid;
     RecordReader m_File;
     std::span<const std::uint8_t> m_Block;
     std::uint64_t m_BlockStart = 0;  // index of its first packet
-
-    std::bitset<MAX_PID + 1> m_Pids;
-    bool m_TakesAnyPid = false;
-    std::uint64_t m_Begin = 0;  // index of the packet after the one that the latest record matched
-    std::uint64_t m_Next = 0;   // index of the next packet of the file, at or after that one
+    std::uint64_t m_Begin = 0;       // index of the packet after the one that the latest record matched
+    std::uint64_t m_Next = 0;        // index of the next packet of the file, at or after that one
     // Of each PID that no record has had yet: index of the first packet that was skipped
     std::map<std::uint32_t, std::uint64_t> m_Skipped;
     bool m_IsDifferent = false;
