@@ -1,27 +1,48 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
-#include <utility>
+#include <system_error>
 
+#include "command_error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::Zepctl {
 
+/// Creates the directory and those above it, unless it exists. Throws CommandError.
+inline void createDirectory(const std::string& path) {
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    if (error) {
+        throw CommandError(DeviceUnusable, "Cannot create directory \"" + path + "\": " + error.message());
+    }
+}
+
+struct OpenFile {
+    CppUtil::FileDescriptor file;
+    struct stat status;
+};
+
 /// Opens a file that is to be written, and creates it if it is missing; an existing one keeps its contents.
-/// Never follows a link and never waits, so the caller checks with fstat() what has been opened.
+/// Never follows a link and never waits, so the caller checks by its status what has been opened.
 /// @param access O_WRONLY or O_RDWR
-/// @return no descriptor, with errno, when that fails, and for an existing file unless `mayExist`
-[[nodiscard]] inline CppUtil::FileDescriptor openForWriting(const std::string& path, int access,
-                                                            bool mayExist) {
+/// @throws CommandError when that fails, and for an existing file unless `mayExist`
+[[nodiscard]] inline OpenFile openForWriting(const std::string& path, int access, bool mayExist) {
     constexpr int FLAGS = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     constexpr mode_t MODE = 0666;  // less the umask
-    CppUtil::FileDescriptor file(::open(path.c_str(), access | FLAGS | O_CREAT | O_EXCL, MODE));
-    return file.isOpen() || errno != EEXIST || !mayExist
-               ? std::move(file)
-               : CppUtil::FileDescriptor(::open(path.c_str(), access | FLAGS));
+    OpenFile opened{CppUtil::FileDescriptor(::open(path.c_str(), access | FLAGS | O_CREAT | O_EXCL, MODE)),
+                    {}};
+    if (!opened.file.isOpen() && errno == EEXIST && mayExist) {
+        opened.file = CppUtil::FileDescriptor(::open(path.c_str(), access | FLAGS));
+    }
+    if (!opened.file.isOpen() || ::fstat(opened.file.get(), &opened.status) != 0) {
+        throw systemError("Cannot create " + path);
+    }
+    return opened;
 }
 
 }  // namespace Vel::Zepctl

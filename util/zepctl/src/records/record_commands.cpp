@@ -190,7 +190,8 @@ void RecordCommands::split() const {
     readToEnd(reader, result);
     std::string lines;
     for (const auto& [tsiidx, output] : result.getOutputs()) {
-        lines += fmt::format("{}: {}\n", output.name, formatCount(output.packets, "packet"));
+        lines += fmt::format("{}: {}\n", CppUtil::escapeControls(output.path),
+                             formatCount(output.packets, "packet"));
     }
     const FaultLog& faults = result.getFaults();
     if (faults.getRecords() == 0) {

@@ -2,15 +2,12 @@
 
 #include <unistd.h>
 
-#include <filesystem>
-#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "command_error.h"
 #include "plain_file.h"
-#include "vel/cpp_utils/text.h"
 
 namespace Vel::Zepctl {
 
@@ -28,10 +25,11 @@ void RecordSplit::add(std::span<const std::uint8_t> records) {
         }
         Output& output = m_Outputs[record.getTsiidx()];
         if (!output.file) {
-            open(output, getPath(record.getTsiidx()));
+            output.path = getPath(record.getTsiidx());
+            open(output);
         }
         if (std::fwrite(record.getDataPtr(), Ts::TS_PACKET_SIZE, 1, output.file.get()) != 1) {
-            throw systemError("Cannot write " + output.name);
+            throw systemError("Cannot write " + output.path);
         }
         ++output.packets;
     }
@@ -41,7 +39,7 @@ void RecordSplit::end(std::size_t tornBytes) {
     m_Faults.addTornRecord(tornBytes);
     for (auto& [tsiidx, output] : m_Outputs) {
         if (std::fclose(output.file.release()) != 0) {
-            throw systemError("Cannot write " + output.name);
+            throw systemError("Cannot write " + output.path);
         }
     }
 }
@@ -52,12 +50,7 @@ std::string RecordSplit::getPath(std::uint32_t tsiidx) const {
 
 /// Later records may have any TSIIDX, so all names are checked before the first file is created.
 void RecordSplit::prepareDirectory() const {
-    std::error_code error;
-    std::filesystem::create_directories(m_Directory, error);
-    if (error) {
-        errno = error.value();
-        throw systemError("Cannot create directory " + CppUtil::escapeControls(m_Directory));
-    }
+    createDirectory(m_Directory);
     for (std::uint32_t tsiidx = 0; tsiidx <= MAX_TSIIDX; ++tsiidx) {
         const std::string path = getPath(tsiidx);
         if (struct stat status{}; ::lstat(path.c_str(), &status) == 0) {
@@ -70,25 +63,19 @@ void RecordSplit::requireOutput(const std::string& path, const struct stat& stat
     const bool isInput = status.st_dev == m_Input.st_dev && status.st_ino == m_Input.st_ino;
     if (isInput || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
         const char* reason = isInput ? "the input file" : "not a plain file with a single link";
-        throw CommandError(DeviceUnusable,
-                           fmt::format("Cannot create {}: it is {}", CppUtil::escapeControls(path), reason));
+        throw CommandError(DeviceUnusable, fmt::format("Cannot create {}: it is {}", path, reason));
     }
 }
 
 /// The name may have been taken by something else since it was checked, so the opened file is checked again.
-void RecordSplit::open(Output& output, const std::string& path) const {
-    output.name = CppUtil::escapeControls(path);
-    CppUtil::FileDescriptor file = openForWriting(path, O_WRONLY, true);
-    struct stat status {};
-    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
-        throw systemError("Cannot create " + output.name);
-    }
-    requireOutput(path, status);
+void RecordSplit::open(Output& output) const {
+    auto [file, status] = openForWriting(output.path, O_WRONLY, true);
+    requireOutput(output.path, status);
     if (::ftruncate(file.get(), 0) == 0) {
         output.file.reset(::fdopen(file.release(), "wb"));
     }
     if (!output.file) {
-        throw systemError("Cannot create " + output.name);
+        throw systemError("Cannot create " + output.path);
     }
 }
 

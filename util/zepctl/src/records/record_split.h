@@ -20,7 +20,7 @@ namespace Vel::Zepctl {
 class RecordSplit {
 public:
     struct Output {
-        std::string name;  // for messages
+        std::string path;
         std::unique_ptr<std::FILE, int (*)(std::FILE*)> file{nullptr, &std::fclose};
         std::uint64_t packets = 0;
     };
@@ -48,7 +48,7 @@ private:
     std::string getPath(std::uint32_t tsiidx) const;
     void prepareDirectory() const;
     void requireOutput(const std::string& path, const struct stat& status) const;
-    void open(Output& output, const std::string& path) const;
+    void open(Output& output) const;
 
     std::string m_Directory;
     struct stat m_Input;

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <system_error>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -61,16 +61,12 @@ void checkName(const std::string& path, std::uint32_t size, bool force) {
 
 /// Creates the file, or extends it to its size, and keeps what is in it.
 CppUtil::FileDescriptor openStandIn(const std::string& path, std::uint32_t size, bool force) {
-    CppUtil::FileDescriptor file = openForWriting(path, O_RDWR, force);
-    struct stat status {};
-    if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
-        throw systemError("Cannot create " + path);
-    }
+    auto [file, status] = openForWriting(path, O_RDWR, force);
     checkExisting(path, status, size, true);
-    if (status.st_size < size && ::ftruncate(file.get(), size) != 0) {
+    if (::ftruncate(file.get(), size) != 0) {
         throw systemError("Cannot create " + path);
     }
-    return file;
+    return std::move(file);
 }
 
 /// In single quotes, or in $'...' so that no control character gets to the terminal.
@@ -136,12 +132,7 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
     if (withFifo) {
         checkName(fifo, FIFO, force);
     }
-    std::error_code error;
-    std::filesystem::create_directories(directory, error);
-    if (error) {
-        throw CommandError(DeviceUnusable,
-                           "Cannot create directory \"" + directory + "\": " + error.message());
-    }
+    createDirectory(directory);
     if (withFifo && ::mkfifo(fifo.c_str(), 0666) != 0 && !(errno == EEXIST && force)) {
         throw systemError("Cannot create " + fifo);
     }
