@@ -29,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 
 /// The records are complete once nothing more arrives for this time.
 constexpr std::chrono::milliseconds QUIET(200);
-/// A missing file is looked for, and the end of a file is read again, at this interval.
+/// A missing file is looked for at this interval.
 constexpr std::chrono::milliseconds RETRY_INTERVAL(20);
 
 /// Passes all records to a check or split, block by block. On a terminal, standard error shows the progress
@@ -59,9 +59,7 @@ void readToEnd(RecordReader& reader, Consumer& consumer) {
 /// Prints the report, which lists the faults, and fails the command if there are any.
 void finish(const std::string& report, const std::string& name, const FaultLog& faults) {
     printOutput(report);
-    if (!faults.isEmpty()) {
-        throw CommandError(StreamFaulty, name + " is faulty");
-    }
+    faults.requireNone(name);
 }
 
 }  // namespace
@@ -155,11 +153,7 @@ void RecordCommands::readUntil(Clock::time_point end, RecordReader& reader, Reco
             check = RecordCheck(m_Against, m_IsStrict);
         }
         check.add(reader.read());
-        if (reader.isAtEnd()) {
-            std::this_thread::sleep_for(RETRY_INTERVAL);
-        } else {
-            latest = Clock::now();
-        }
+        latest = reader.isAtEnd() ? latest : Clock::now();
     }
     check.end(reader.getTornBytes());
 }

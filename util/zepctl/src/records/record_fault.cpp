@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "command_error.h"
+
 namespace Vel::Zepctl {
 
 bool FaultLog::addRecord(const RecordView& record) {
@@ -42,6 +44,12 @@ void FaultLog::add(const Fault& fault) {
 
 bool FaultLog::isEmpty() const {
     return std::ranges::all_of(m_Entries, [](const Entry& entry) { return entry.count == 0; });
+}
+
+void FaultLog::requireNone(const std::string& name) const {
+    if (!isEmpty()) {
+        throw CommandError(StreamFaulty, name + " is faulty");
+    }
 }
 
 std::string FaultLog::toLines() const {

@@ -84,6 +84,8 @@ public:
     /// Complete records, including faulty ones.
     std::uint64_t getRecords() const { return m_Records; }
     bool isEmpty() const;
+    /// Throws CommandError, which says that the stream of that name is faulty, unless there are no faults.
+    void requireNone(const std::string& name) const;
     const Entry& get(FaultKind kind) const { return m_Entries[static_cast<std::size_t>(kind)]; }
     /// One line for each kind that occurred, with its count and where it occurred first, as in
     /// "2 continuity errors; the first at record 7 (byte 1344): TSIIDX 3, ..."

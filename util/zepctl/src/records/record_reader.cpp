@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "command_error.h"
 #include "records/record_view.h"
@@ -14,6 +15,7 @@ namespace {
 
 /// 192 KiB: few system calls, and the block is still in the cache when its records are checked.
 constexpr std::size_t BLOCK_RECORDS = 1024;
+constexpr std::chrono::milliseconds GROWTH_INTERVAL(20);
 
 }  // namespace
 
@@ -29,6 +31,10 @@ RecordReader::RecordReader(const std::string& path)
 }
 
 bool RecordReader::waitForData(std::chrono::milliseconds limit) const {
+    if (m_AtEnd) {
+        // poll() keeps reporting the end, although a file may grow and a FIFO may get another writer.
+        std::this_thread::sleep_for(std::min(limit, GROWTH_INTERVAL));
+    }
     // read() would report the end of a FIFO that has had no writer yet; poll() waits for the first one.
     return CppUtil::waitFor(m_File.get(), POLLIN, {}, limit);
 }

@@ -22,7 +22,8 @@ public:
     /// @throws CommandError when it cannot be opened
     explicit RecordReader(const std::string& path);
 
-    /// Waits until poll() reports data or the end of the stream. False after the limit.
+    /// Waits until poll() reports data or the end of the stream. After a read() that has found the end, it
+    /// first waits for 20 ms, since more may follow. False after the limit.
     bool waitForData(std::chrono::milliseconds limit = std::chrono::milliseconds::max()) const;
     /// Reads once and returns the complete records, valid until the next call. An empty result does not mean
     /// the end of the stream; see isAtEnd().
@@ -46,7 +47,6 @@ public:
     const std::string& getRawName() const { return m_Name; }
     /// The same for messages.
     std::string getName() const { return CppUtil::escapeControls(m_Name); }
-    int getDescriptor() const { return m_File.get(); }
     bool isPlainFile() const { return S_ISREG(m_Status.st_mode); }
     /// From when the file was opened, or from the latest restartIfRewritten().
     const struct stat& getStatus() const { return m_Status; }

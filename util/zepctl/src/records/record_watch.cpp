@@ -2,10 +2,8 @@
 
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/signalfd.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <string_view>
@@ -33,34 +31,26 @@ constexpr milliseconds WINDOW(2000);
 
 constexpr milliseconds TERMINAL_INTERVAL(200);
 constexpr milliseconds LINE_INTERVAL(1000);
-/// poll() always reports a plain file as ready, so its end is checked at this interval.
-constexpr milliseconds GROWTH_INTERVAL(20);
+/// A signal ends the wait for records within this time.
+constexpr milliseconds MAX_WAIT(50);
 
-/// Blocks SIGINT, SIGTERM and SIGHUP, and returns a descriptor that is readable once one of them has arrived.
-/// Those that are ignored, for example by nohup, stay ignored.
-CppUtil::FileDescriptor blockEndingSignals() {
-    sigset_t signals;
-    ::sigemptyset(&signals);
+volatile std::sig_atomic_t g_IsEnding = 0;  // set by a signal
+
+void endOnSignals() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        struct sigaction action {};
-        if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
-            ::sigaddset(&signals, signal);
+        if (std::signal(signal, [](int) { g_IsEnding = 1; }) == SIG_IGN) {
+            std::signal(signal, SIG_IGN);  // for example under nohup
         }
     }
-    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
-    CppUtil::FileDescriptor descriptor(::signalfd(-1, &signals, SFD_CLOEXEC));
-    if (!descriptor.isOpen()) {
-        throw systemError("Cannot wait for signals");
-    }
-    return descriptor;
 }
 
-/// Waits until standard output is writable. False as soon as `signals` is readable.
-bool waitForOutput(int signals) {
-    std::array<pollfd, 2> ready{{{signals, POLLIN, 0}, {STDOUT_FILENO, POLLOUT, 0}}};
-    while (::poll(ready.data(), ready.size(), -1) == -1) {
-    }
-    return ready[0].revents == 0;
+/// Waits until standard output is writable. False if it still is not 100 ms after a signal.
+bool waitForOutput() {
+    bool isWritable = false;
+    do {
+        isWritable = CppUtil::waitFor(STDOUT_FILENO, POLLOUT, {}, milliseconds(100));
+    } while (!isWritable && g_IsEnding == 0);
+    return isWritable;
 }
 
 /// Whether standard output understands control sequences.
@@ -211,7 +201,7 @@ std::vector<std::string> RecordWatch::formatRows(Seconds watched, ArrivalTime no
 }
 
 void watchRecords(const std::string& path, std::optional<double> seconds, bool isJson) {
-    const CppUtil::FileDescriptor signals = blockEndingSignals();
+    endOnSignals();
     RecordReader reader(path);
     RecordWatch watch;
     WatchTable table(isJson);
@@ -221,28 +211,19 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
     const auto interval = table.isOnTerminal() ? TERMINAL_INTERVAL : LINE_INTERVAL;
     auto nextPrint = start + interval;
     auto now = start;
-    const bool isPlain = reader.isPlainFile();
-    std::array<pollfd, 2> ready{
-        {{signals.get(), POLLIN, 0}, {isPlain ? -1 : reader.getDescriptor(), POLLIN, 0}}};
     // Records that a plain file already holds did not arrive now.
-    bool isLive = !isPlain;
-    bool isStopped = false;
+    bool isLive = !reader.isPlainFile();
     bool isClosed = false;
-    for (; !isStopped && !isClosed && now < end; now = Clock::now()) {
+    for (; g_IsEnding == 0 && !isClosed && now < end; now = Clock::now()) {
         if (now >= nextPrint) {
-            if (!waitForOutput(signals.get())) {
+            if (!waitForOutput()) {
                 break;
             }
             table.print(watch.formatRows(now - start, now, isJson), false);
             nextPrint = std::max(nextPrint + interval, now);
         }
-        auto wait = std::chrono::ceil<milliseconds>(std::min(nextPrint, end) - now);
-        if (isPlain) {
-            wait = std::min(wait, reader.isAtEnd() ? GROWTH_INTERVAL : milliseconds(0));
-        }
-        const bool isReady = ::poll(ready.data(), ready.size(), static_cast<int>(wait.count())) > 0;
-        isStopped = isReady && ready[0].revents != 0;
-        if (!isPlain && !(isReady && ready[1].revents != 0)) {
+        const auto wait = std::chrono::ceil<milliseconds>(std::min(nextPrint, end) - now);
+        if (!reader.waitForData(std::clamp(wait, milliseconds(1), MAX_WAIT))) {
             continue;
         }
         if (reader.restartIfRewritten()) {
@@ -252,12 +233,12 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
         const auto records = reader.read();
         watch.add(records, isLive ? std::optional(Clock::now()) : std::nullopt);
         isLive |= reader.isAtEnd();
-        isClosed = reader.isAtEnd() && !isPlain;
+        isClosed = reader.isAtEnd() && !reader.isPlainFile();
     }
     watch.end(isClosed ? reader.getTornBytes() : 0);
     const FaultLog& faults = watch.getCheck().getFaults();
     // A signal ends the watch even if nobody reads its output.
-    if (waitForOutput(signals.get()) || CppUtil::waitFor(STDOUT_FILENO, POLLOUT, {}, milliseconds(100))) {
+    if (waitForOutput()) {
         const Seconds watched = now - start;
         table.print(watch.formatRows(watched, now, isJson), true);
         printOutput(isJson ? formatJsonReport(reader.getRawName(), watch.getCheck(), watched)
@@ -265,9 +246,7 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
                                          formatCount(faults.getRecords(), "record"),
                                          faults.isEmpty() ? ", no faults\n" : "\n" + faults.toLines()));
     }
-    if (!faults.isEmpty()) {
-        throw CommandError(StreamFaulty, reader.getName() + " is faulty");
-    }
+    faults.requireNone(reader.getName());
 }
 
 }  // namespace Vel::Zepctl

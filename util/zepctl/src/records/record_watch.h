@@ -104,7 +104,7 @@ private:
 /// Watches what arrives in a FIFO, on standard input, from a device or in a growing file, until the time
 /// limit, SIGINT, SIGTERM or SIGHUP, or until the last writer closes the FIFO or pipe. On a terminal, it
 /// redraws one table in place; elsewhere, and in JSON, it prints one line per input every second. Finally it
-/// prints a summary. Blocks those signals for the rest of the program. Main thread.
+/// prints a summary. Handles those signals for the rest of the program. Main thread.
 /// @param path "-" for standard input; a FIFO does not need a writer yet
 /// @param seconds time limit, none for no limit
 /// @throws CommandError when reading or printing fails, and finally if there were faults
