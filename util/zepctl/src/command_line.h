@@ -12,9 +12,10 @@
 
 namespace Vel::Zepctl {
 
-/// Adds a command to `parent`. Parsing a command line that names it calls `run`.
+/// Adds a command to `parent`. Parsing a command line that names it calls `run`, unless other commands have
+/// been added to it.
 CLI::App& declareCommand(CLI::App& parent, const std::string& name, const std::string& help,
-                         const std::string& footer, const std::function<void()>& run);
+                         const std::string& footer, const std::function<void()>& run = {});
 
 /// The number that a text gives: decimal, or hexadecimal with a 0x prefix; never octal, so 010 is ten.
 /// @param name of the number, for the error

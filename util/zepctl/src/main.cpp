@@ -7,12 +7,10 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "arguments.h"
 #include "command_error.h"
-#include "device_paths.h"
+#include "commands.h"
 #include "print_output.h"
-#include "records/record_commands.h"
-#include "run_command.h"
-#include "tables/table_commands.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/cpp_utils/text.h"
@@ -20,12 +18,6 @@
 namespace {
 
 using namespace Vel::Zepctl;
-
-int fail(ExitStatus status, const std::string& line) {
-    // Any text may contain user input: keep it on one line and control sequences away from the terminal.
-    Vel::CppUtil::writeError("zepctl: " + Vel::CppUtil::escapeControls(line) + '\n');
-    return status;
-}
 
 /// The command of `parent` with that name. Throws CommandError, which names the commands, if there is none.
 const CLI::App* findCommand(const CLI::App* parent, const std::string& name) {
@@ -59,6 +51,9 @@ void declareHelp(CLI::App& app) {
 void parse(CLI::App& app, int argc, char** argv) {
     try {
         app.parse(argc, argv);  // runs the command as well
+    } catch (const CLI::Success& success) {
+        app.exit(success);  // prints the help or version
+        printOutput("");
     } catch (const CLI::RequiredError&) {
         // CLI11 reports a mistyped command as a missing one.
         const CLI::App* parent = &app;
@@ -73,25 +68,31 @@ void parse(CLI::App& app, int argc, char** argv) {
     }
 }
 
-int run(CLI::App& app, int argc, char** argv) {
-    try {
-        parse(app, argc, argv);
-        return Done;
-    } catch (const CLI::Success& success) {
-        app.exit(success);  // prints the help or version
-        printOutput("");
-        return Done;
-    } catch (const CLI::RuntimeError& ended) {
-        return ended.get_exit_code();  // of the program that run has started
-    } catch (const CLI::ParseError& error) {
-        return fail(WrongUse, error.what());
-    } catch (const CommandError& error) {
-        return fail(error.getStatus(), error.what());
-    } catch (const Vel::CppUtil::InvalidArgumentError& error) {
-        return fail(WrongUse, error.getMessage());
-    } catch (const Vel::Error& error) {  // of a device
-        return fail(DeviceUnusable, error.getMessage());
-    }
+void run(int argc, char** argv) {
+    CLI::App app("Create, edit and show the tables of the transport stream FPGA, and inspect its records",
+                 "zepctl");
+    app.set_version_flag("-V,--version", ZEPCTL_NAME_AND_VERSION, "Print name and version and exit");
+    app.require_subcommand(1);
+    app.fallthrough();  // global options may follow the command
+    app.footer(
+        "Exit status: 0 success, 1 check or watch found faults, or split skipped records,\n"
+        "2 usage error, value out of range, or request that does not fit the present state,\n"
+        "3 a file or device cannot be used.\n\n"
+        "Example: zepctl create /tmp/zep\n"
+        "         zepctl -d /tmp/zep input add udp://239.1.2.3:5000 3\n"
+        "         zepctl -d /tmp/zep route add 3 0x100");
+    Arguments args(app);
+    declareTableCommands(app, args);
+    declareRecordCommands(app, args);
+    declareRun(app, args);
+    declareHelp(app);
+    parse(app, argc, argv);
+}
+
+int fail(ExitStatus status, const std::string& line) {
+    // Any text may contain user input: keep it on one line and control sequences away from the terminal.
+    Vel::CppUtil::writeError("zepctl: " + Vel::CppUtil::escapeControls(line) + '\n');
+    return status;
 }
 
 }  // namespace
@@ -101,24 +102,18 @@ int main(int argc, char** argv) {
     // Read-only, so that printing to a descriptor that the parent closed still fails.
     Vel::CppUtil::occupyStandardDescriptors(O_RDONLY);
     try {
-        CLI::App app("Create, edit and show the tables of the transport stream FPGA, and inspect its records",
-                     "zepctl");
-        app.set_version_flag("-V,--version", ZEPCTL_NAME_AND_VERSION, "Print name and version and exit");
-        app.require_subcommand(1);
-        app.fallthrough();  // global options may follow the command
-        app.footer(
-            "Exit status: 0 success, 1 check or watch found faults, or split skipped records,\n"
-            "2 usage error, value out of range, or request that does not fit the present state,\n"
-            "3 a file or device cannot be used.\n\n"
-            "Example: zepctl create /tmp/zep\n"
-            "         zepctl -d /tmp/zep input add udp://239.1.2.3:5000 3\n"
-            "         zepctl -d /tmp/zep route add 3 0x100");
-        const DevicePaths devices(app);
-        const TableCommands tableCommands(app, devices);
-        const RecordCommands recordCommands(app, devices);
-        declareRun(app, devices);
-        declareHelp(app);
-        return run(app, argc, argv);
+        run(argc, argv);
+        return Done;
+    } catch (const CLI::RuntimeError& ended) {
+        return ended.get_exit_code();  // of the program that the run command has started
+    } catch (const CLI::ParseError& error) {
+        return fail(WrongUse, error.what());
+    } catch (const CommandError& error) {
+        return fail(error.getStatus(), error.what());
+    } catch (const Vel::CppUtil::InvalidArgumentError& error) {
+        return fail(WrongUse, error.getMessage());
+    } catch (const Vel::Error& error) {  // of a device
+        return fail(DeviceUnusable, error.getMessage());
     } catch (const std::exception& error) {
         return fail(DeviceUnusable, error.what());
     }

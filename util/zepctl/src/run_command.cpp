@@ -1,5 +1,3 @@
-#include "run_command.h"
-
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -18,6 +16,7 @@
 
 #include "command_error.h"
 #include "command_line.h"
+#include "commands.h"
 
 namespace Vel::Zepctl {
 
@@ -40,11 +39,10 @@ void requireBwrap() {
 }
 
 /// The command line of bwrap for a /dev with the stand-ins and all other nodes of this one.
-Words describeDev(const DevicePaths& devices) {
-    const std::map<std::string, std::string> standIns = {
-        {Drivers::Zep::TSIO_DEVICE.path, devices.tsio},
-        {Drivers::Zep::ROUTER_DEVICE.path, devices.router},
-        {Drivers::Zep::PKTIO_DEVICE_PATH, devices.getPktio()}};
+Words describeDev(const Arguments& args) {
+    const std::map<std::string, std::string> standIns = {{Drivers::Zep::TSIO_DEVICE.path, args.tsio},
+                                                         {Drivers::Zep::ROUTER_DEVICE.path, args.router},
+                                                         {Drivers::Zep::PKTIO_DEVICE_PATH, args.getPktio()}};
     Words words = {"bwrap", "--die-with-parent", "--dev-bind", "/", "/", "--tmpfs", "/dev"};
     for (const auto& node : std::filesystem::directory_iterator("/dev")) {
         const std::string path = node.path();
@@ -65,8 +63,8 @@ Words describeDev(const DevicePaths& devices) {
 
 /// Runs the program and returns its exit status. bwrap does not pass on signals, so it has them blocked. So
 /// has the program, until env unblocks them there: no signal is lost.
-int run(const DevicePaths& devices, const Words& program) {
-    Words words = describeDev(devices);
+int run(const Arguments& args, const Words& program) {
+    Words words = describeDev(args);
     Words command = {"env", "--default-signal=HUP,INT,TERM,CHLD,XFSZ"};
     sigset_t signals;
     sigemptyset(&signals);
@@ -129,7 +127,7 @@ int run(const DevicePaths& devices, const Words& program) {
 
 }  // namespace
 
-void declareRun(CLI::App& app, const DevicePaths& devices) {
+void declareRun(CLI::App& app, const Arguments& args) {
     CLI::App& command =
         declareCommand(app, "run", "Run a program with the stand-ins of -d at the device paths",
                        "Usage: zepctl -d DIR run COMMAND [ARGUMENT...]\n\n"
@@ -140,7 +138,7 @@ void declareRun(CLI::App& app, const DevicePaths& devices) {
                            if (app.remaining().empty()) {
                                throw CommandError(WrongUse, "Name the command to run");
                            }
-                           throw CLI::RuntimeError(run(devices, app.remaining()));
+                           throw CLI::RuntimeError(run(args, app.remaining()));
                        });
     command.preparse_callback([&](std::size_t) { app.prefix_command(); });  // options that follow are its own
 }

@@ -1,18 +1,17 @@
-#include "records/record_commands.h"
-
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <functional>
 #include <iostream>
 #include <thread>
 #include <utility>
 
 #include <fmt/format.h>
 
-#include "command_error.h"
 #include "command_line.h"
+#include "commands.h"
 #include "print_output.h"
 #include "records/record_report.h"
 #include "records/record_split.h"
@@ -31,6 +30,16 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds QUIET(200);
 /// A missing file is looked for at this interval.
 constexpr std::chrono::milliseconds RETRY_INTERVAL(20);
+
+std::string checkSeconds(const std::string& text) {
+    double seconds = 0;
+    const char* end = text.data() + text.size();
+    const bool isNumber = std::from_chars(text.data(), end, seconds).ptr == end;
+    return isNumber && seconds > 0 && seconds <= MAX_SECONDS
+               ? std::string()
+               : fmt::format("\"{}\" is not a number of seconds greater than 0 and at most {} (366 days)",
+                             text, MAX_SECONDS);
+}
 
 /// Passes all records to a check or split, block by block. On a terminal, standard error shows the progress
 /// through a file, which may grow meanwhile; the cursor stays before it, so that the next line overwrites it.
@@ -53,145 +62,122 @@ void readToEnd(RecordReader& reader, Consumer& consumer) {
     if (shown != 0) {
         std::cerr << "     \r";
     }
-    consumer.end(reader.getTornBytes());
-}
-
-/// Prints the report, which lists the faults, and fails the command if there are any.
-void finish(const std::string& report, const std::string& name, const FaultLog& faults) {
-    printOutput(report);
-    faults.requireNone(name);
-}
-
-}  // namespace
-
-RecordCommands::RecordCommands(CLI::App& app, const DevicePaths& devices) : m_Devices(devices) {
-    const auto isSeconds = [](const std::string& text) {
-        double seconds = 0;
-        const char* end = text.data() + text.size();
-        const bool isNumber = std::from_chars(text.data(), end, seconds).ptr == end;
-        return isNumber && seconds > 0 && seconds <= MAX_SECONDS
-                   ? std::string()
-                   : fmt::format("\"{}\" is not a number of seconds greater than 0 and at most {} (366 days)",
-                                 text, MAX_SECONDS);
-    };
-    CLI::App* records = app.add_subcommand(
-        "records", "Inspect records (each a TSIIDX followed by a transport stream packet)");
-    records->require_subcommand(1);
-    records->footer("Example: zepctl records check out.rec");
-
-    CLI::App& check = declareCommand(
-        *records, "check", "Check the records of a file; exit status 1 if they have faults",
-        R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte other
-than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are not faults, nor is
-a file without records. With --against, the records of that input must be exactly the packets of
-the PIDs in FILE, first to last; without PIDs, of the PIDs seen in the records. The last colon
-separates the PIDs, so a FILE that contains a colon is followed by one. The bit rate counts 188
-bytes per recorded packet. Time is measured with the PCRs of one PID per input, the first with two
-successive PCRs, from its first PCR to its last; intervals in which the PCR restarts are excluded.
-The man page lists the keys of the JSON object.
-
-Example: zepctl records check out.rec
-         some-receiver | zepctl records check --json - > result.json
-         zepctl records check --against 3=a.ts:0x100,0x101 --wait 10 out.rec)",
-        [this] { this->check(); });
-    check.add_option("FILE", m_File,
-                     "records, or - for standard input (default: pktio in the directory of -d)");
-    check.add_flag("--json", m_Json, "print the result as JSON");
-    check.add_flag("--strict", m_IsStrict, "PCR jumps and PCR distances above 100 ms are faults");
-    CLI::Option* against = check.add_option("--against", m_Against, "compare an input with FILE")
-                               ->type_name("TSIIDX=FILE[:PID,...]")
-                               ->allow_extra_args(false);
-    check.add_option("--wait", m_Seconds, "wait until all has arrived, at most SECONDS")
-        ->type_name("SECONDS")
-        ->check(isSeconds)
-        ->needs(against);
-
-    CLI::App& split = declareCommand(
-        *records, "split", "Write the packets of each input to a transport stream file",
-        R"(The packets of TSIIDX 3 are written to DIR/tsiidx-003.ts, and so on. Existing files with these
-names are overwritten. If one of these names is FILE itself, a symbolic link, a file with more than
-one hard link, or anything but a plain file, the command fails and changes nothing. Records with a
-bad sync byte or a TSIIDX above 255 and a torn last record are skipped; the exit status is then 1.
-
-Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)",
-        [this] { this->split(); });
-    split.add_option("FILE", m_File, "records, or - for standard input")->required();
-    split.add_option("DIR", m_Directory, "directory for the files, created if it is missing")->required();
-
-    CLI::App& watch = declareCommand(
-        *records, "watch", "Show arriving records live, per input",
-        R"(Shows the rate over the last two seconds and overall, and the drift: how much later (+) or
-earlier (-) packets arrive than their PCRs indicate, relative to the first two seconds of the
-time base, in ms and in ppm of the time elapsed on the PCR clock. The drift restarts when the PCR
-jumps (a new time base). Records already in a file are counted but not timed. If a file is
-truncated or rewritten, watching restarts at its beginning. A terminal shows one table; otherwise,
-one line per input is printed every second. Ends on Ctrl-C, or when the last writer closes a FIFO;
-the exit status is then 1 if there were faults, as in a check. The man page lists the JSON keys.
-
-Example: zepctl records watch pktio --for 60)",
-        [this] { watchRecords(getFile(), m_Seconds, m_Json); });
-    watch.add_option(
-        "FILE", m_File,
-        "FIFO, growing file or device, or - for standard input (default: pktio in the directory of -d)");
-    watch.add_flag("--json", m_Json, "print one JSON object per line: inputs, and finally the result");
-    watch.add_option("--for", m_Seconds, "stop after SECONDS")->type_name("SECONDS")->check(isSeconds);
-}
-
-std::string RecordCommands::getFile() const {
-    return m_File.empty() ? m_Devices.getPktio() : m_File;
 }
 
 /// Passes records to a check until they are complete or the time is up. Starts over if a plain file is
 /// rewritten; the last writer of a FIFO may be followed by another one.
-void RecordCommands::readUntil(Clock::time_point end, RecordReader& reader, RecordCheck& check) const {
+void readUntil(Clock::time_point end, RecordReader& reader, RecordCheck& check, const Arguments& args) {
     auto latest = Clock::now();
     for (auto now = latest; now < end && (now - latest < QUIET || !check.isSettled()); now = Clock::now()) {
         if (!reader.waitForData(RETRY_INTERVAL)) {
             continue;
         }
         if (reader.restartIfRewritten()) {
-            check = RecordCheck(m_Against, m_IsStrict);
+            check = RecordCheck(args.against, args.strict);
         }
         check.add(reader.read());
         latest = reader.isAtEnd() ? latest : Clock::now();
     }
-    check.end(reader.getTornBytes());
 }
 
-void RecordCommands::check() const {
-    RecordCheck result(m_Against, m_IsStrict);
-    const auto limit = std::chrono::duration_cast<Clock::duration>(Seconds(m_Seconds.value_or(0)));
-    const auto end = Clock::now() + limit;
-    const std::string file = getFile();
+void checkRecords(const std::string& file, const Arguments& args) {
+    RecordCheck check(args.against, args.strict);
+    const Seconds limit(args.seconds.value_or(0));
+    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(limit);
     // Another program may still have to create the file.
     while (file != "-" && ::access(file.c_str(), F_OK) == -1 && Clock::now() < end) {
         std::this_thread::sleep_for(RETRY_INTERVAL);
     }
     RecordReader reader(file);
-    if (m_Seconds) {
-        readUntil(end, reader, result);
+    if (args.seconds) {
+        readUntil(end, reader, check, args);
     } else {
-        readToEnd(reader, result);
+        readToEnd(reader, check);
     }
+    check.end(reader.getTornBytes());
     const std::string name = reader.getName();
-    finish(m_Json ? formatJsonReport(reader.getRawName(), result) : formatReport(name, result), name,
-           result.getFaults());
+    printOutput(args.json ? formatJsonReport(reader.getRawName(), check) : formatReport(name, check));
+    check.getFaults().requireNone(name);
 }
 
-void RecordCommands::split() const {
-    RecordReader reader(m_File);
-    RecordSplit result(m_Directory, reader.getStatus());
-    readToEnd(reader, result);
+void splitRecords(const std::string& file, const std::string& directory) {
+    RecordReader reader(file);
+    RecordSplit split(directory, reader.getStatus());
+    readToEnd(reader, split);
+    split.end(reader.getTornBytes());
     std::string lines;
-    for (const auto& [tsiidx, output] : result.getOutputs()) {
+    for (const auto& [tsiidx, output] : split.getOutputs()) {
         lines += fmt::format("{}: {}\n", CppUtil::escapeControls(output.path),
                              formatCount(output.packets, "packet"));
     }
-    const FaultLog& faults = result.getFaults();
+    const FaultLog& faults = split.getFaults();
     if (faults.getRecords() == 0) {
         lines += reader.getName() + " is empty: nothing written\n";
     }
-    finish(lines + faults.toLines(), reader.getName(), faults);
+    printOutput(lines + faults.toLines());
+    faults.requireNone(reader.getName());
+}
+
+}  // namespace
+
+void declareRecordCommands(CLI::App& app, Arguments& args) {
+    CLI::App& records = declareCommand(
+        app, "records", "Inspect records (each a TSIIDX followed by a transport stream packet)",
+        "Example: zepctl records check out.rec");
+    records.require_subcommand(1);
+
+    CLI::App& check = declareCommand(
+        records, "check", "Check the records of a file; exit status 1 if they have faults",
+        R"(Faults are continuity errors (ISO/IEC 13818-1, 2.4.3.3), transport errors, a sync byte other
+than 0x47, a TSIIDX above 255 and a torn last record. Scrambled packets are not faults, nor is
+a file without records. With --against, the records of that input must be exactly the packets of
+the PIDs in FILE, first to last; without PIDs, of the PIDs seen in the records. The last colon
+separates the PIDs, so a FILE that contains a colon is followed by one. The man page explains the
+figures and lists the keys of the JSON object.
+
+Example: zepctl records check out.rec
+         some-receiver | zepctl records check --json - > result.json
+         zepctl records check --against 3=a.ts:0x100,0x101 --wait 10 out.rec)",
+        [&] { checkRecords(args.getRecordFile(), args); });
+    check.add_option("FILE", args.file,
+                     "records, or - for standard input (default: pktio in the directory of -d)");
+    check.add_flag("--json", args.json, "print the result as JSON");
+    check.add_flag("--strict", args.strict, "PCR jumps and PCR distances above 100 ms are faults");
+    CLI::Option* against = check.add_option("--against", args.against, "compare an input with FILE")
+                               ->type_name("TSIIDX=FILE[:PID,...]")
+                               ->allow_extra_args(false);
+    check.add_option("--wait", args.seconds, "wait until all has arrived, at most SECONDS")
+        ->type_name("SECONDS")
+        ->check(checkSeconds)
+        ->needs(against);
+
+    CLI::App& split = declareCommand(
+        records, "split", "Write the packets of each input to a transport stream file",
+        R"(The packets of TSIIDX 3 are written to DIR/tsiidx-003.ts, and so on. Existing files with these
+names are overwritten. If one of these names is FILE itself, a symbolic link, a file with more than
+one hard link, or anything but a plain file, the command fails and changes nothing. Records with a
+bad sync byte or a TSIIDX above 255 and a torn last record are skipped; the exit status is then 1.
+
+Example: zepctl records split out.rec streams && ffprobe streams/tsiidx-003.ts)",
+        [&] { splitRecords(args.file, args.directory); });
+    split.add_option("FILE", args.file, "records, or - for standard input")->required();
+    split.add_option("DIR", args.directory, "directory for the files, created if it is missing")->required();
+
+    CLI::App& watch = declareCommand(
+        records, "watch", "Show arriving records live, per input",
+        R"(Shows the rate over the last two seconds and overall, and the drift: how much later (+) or
+earlier (-) packets arrive than their PCRs indicate, in ms and in ppm of the time elapsed on the
+PCR clock. A terminal shows one table; otherwise, one line per input is printed every second. Ends
+on Ctrl-C, or when the last writer closes a FIFO; the exit status is then 1 if there were faults,
+as in a check. The man page explains the figures and lists the JSON keys.
+
+Example: zepctl records watch pktio --for 60)",
+        [&] { watchRecords(args.getRecordFile(), args.seconds, args.json); });
+    watch.add_option(
+        "FILE", args.file,
+        "FIFO, growing file or device, or - for standard input (default: pktio in the directory of -d)");
+    watch.add_flag("--json", args.json, "print one JSON object per line: inputs, and finally the result");
+    watch.add_option("--for", args.seconds, "stop after SECONDS")->type_name("SECONDS")->check(checkSeconds);
 }
 
 }  // namespace Vel::Zepctl

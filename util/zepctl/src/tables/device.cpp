@@ -6,8 +6,8 @@
 
 #include <fmt/format.h>
 
+#include "arguments.h"
 #include "command_error.h"
-#include "device_paths.h"
 
 namespace Vel::Zepctl {
 

@@ -1,5 +1,3 @@
-#include "tables/table_commands.h"
-
 #include <optional>
 #include <vector>
 
@@ -7,12 +5,14 @@
 
 #include "command_error.h"
 #include "command_line.h"
+#include "commands.h"
 #include "print_output.h"
 #include "tables/device.h"
 #include "tables/input_table.h"
 #include "tables/route_table.h"
 #include "tables/row_text.h"
 #include "tables/stand_ins.h"
+#include "tables/table_dump.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/userspace_drivers/drivers/zep/ts/portnames.h"
 #include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
@@ -44,120 +44,18 @@ void printPorts() {
     printOutput(lines);
 }
 
-}  // namespace
-
-TableCommands::TableCommands(CLI::App& app, const DevicePaths& devices) : m_Devices(devices) {
-    declareCreate(app);
-    declareInput(app);
-    declareRoute(app);
-    CLI::App& clear = declareCommand(app, "clear", "Remove all inputs or all routes; without argument, both",
-                                     "Example: zepctl clear routes", [this] { clearTables(); });
-    clear.add_option("TABLE", m_Table, "what to clear (default: both)")
-        ->check(CLI::IsMember({"inputs", "routes"}));
-    declareDump(app);
-    declareCommand(app, "ports", "Print direction, index and name of each physical port",
-                   "Prints lines like\n  input 0 tuner0\n\nExample: zepctl ports", printPorts);
-}
-
-void TableCommands::declareCreate(CLI::App& app) {
-    CLI::App& create = declareCommand(
-        app, "create", "Create files that stand in for the devices, with empty tables",
-        "Prints the zeptfem command line that uses the files.\n\nExample: zepctl create /tmp/zep", [this] {
-            createStandIns(m_Directory, m_WithFifo, m_Force);
-            printOutput(standInCommandLine(m_Directory, m_WithFifo) + '\n');
-        });
-    create.add_option("DIR", m_Directory, "directory for the files; created if missing")->required();
-    create.add_flag("--fifo", m_WithFifo, "also create the FIFO pktio");
-    create.add_flag("--force", m_Force, "clear existing files in place");
-}
-
-void TableCommands::declareInput(CLI::App& app) {
-    CLI::App& input =
-        *app.add_subcommand("input", "Change or list the inputs, which are the rows of the IP LUT");
-    input.require_subcommand(1);
-    input.footer("Example: zepctl input add udp://239.1.2.3:5000 3");
-
-    CLI::App& add = declareCommand(input, "add", "Add an input",
-                                   "Example: zepctl input add udp://239.1.2.3:5000 3", [this] {
-                                       Zep::IpInEntry row = parseInputUri(m_Uri);
-                                       row.setTSIIDX(*m_TSIIDX);
-                                       LockedDevice device(m_Devices.tsio, Zep::TSIO_DEVICE, Access::Change);
-                                       InputTable(device.memory()).add(row);
-                                   });
-    add.add_option("URI", m_Uri, "address and port: udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0")
-        ->required();
-    addNumber(add, "TSIIDX", m_TSIIDX, Zep::TSIIDX_RANGE, "index of the input").required();
-
-    CLI::App& remove = declareCommand(
-        input, "remove", "Remove an input", "Example: zepctl input remove udp://239.1.2.3:5000", [this] {
-            const Zep::IpInEntry row = parseInputUri(m_Uri);
-            LockedDevice device(m_Devices.tsio, Zep::TSIO_DEVICE, Access::Change);
-            InputTable(device.memory()).remove(row);
-        });
-    remove.add_option("URI", m_Uri, "as input list prints it")->required();
-
-    declareCommand(
-        input, "list", "Print the inputs in the form that input add accepts",
-        "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list", [this] {
-            const InputTable table(LockedDevice(m_Devices.tsio, Zep::TSIO_DEVICE, Access::Read).memory());
-            printRows(table.list(), formatInput);
-            table.checkOrder();
-        });
-}
-
-void TableCommands::declareRoute(CLI::App& app) {
-    CLI::App& route =
-        *app.add_subcommand("route", "Change or list the routes, which are the rows of the PID LUT");
-    route.require_subcommand(1);
-    route.footer("Example: zepctl route add 3 0x100");
-
-    CLI::App& add = declareCommand(
-        route, "add", "Route a PID of an input, by default to the CPU",
-        "Example: zepctl route add 3 0x100\n         zepctl route add 3 256 --out --no-cpu --pididx 7",
-        [this] {
-            LockedDevice device(m_Devices.router, Zep::ROUTER_DEVICE, Access::Change);
-            RouteTable table(device.memory());
-            table.add({*m_TSIIDX, *m_PID, m_PIDIDX ? *m_PIDIDX : table.findFreePididx(),
-                       m_FiltTabIDX.value_or(Zep::FILTTABIDX_RANGE.max), m_OutRoute, !m_NoCpuRoute});
-        });
-    declareRouteKey(add);
-    CLI::Option* out = add.add_flag("--out", m_OutRoute, "also set the out route");
-    add.add_flag("--no-cpu", m_NoCpuRoute, "do not set the CPU route")->needs(out);
-    addNumber(add, "--pididx", m_PIDIDX, Zep::PIDIDX_RANGE, "row of the O-PID MAP (default: lowest unused)");
-    addNumber(add, "--filter", m_FiltTabIDX, Zep::FILTTABIDX_RANGE, "index of a filter table (default: 255)");
-
-    declareRouteKey(declareCommand(route, "remove", "Remove the routes of a PID of an input",
-                                   "Example: zepctl route remove 3 0x100", [this] {
-                                       LockedDevice device(m_Devices.router, Zep::ROUTER_DEVICE,
-                                                           Access::Change);
-                                       RouteTable(device.memory()).remove(*m_TSIIDX, *m_PID);
-                                   }));
-
-    declareCommand(
-        route, "list", "Print the routes in the form that route add accepts",
-        "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list", [this] {
-            const RouteTable table(LockedDevice(m_Devices.router, Zep::ROUTER_DEVICE, Access::Read).memory());
-            printRows(table.list(), formatRoute);
-        });
-}
-
-void TableCommands::declareRouteKey(CLI::App& command) {
-    addNumber(command, "TSIIDX", m_TSIIDX, Zep::TSIIDX_RANGE, "index of the input").required();
-    addNumber(command, "PID", m_PID, Zep::PID_RANGE, "packet identifier").required();
-}
-
 /// Both devices are locked before either is changed.
-void TableCommands::clearTables() {
-    if (m_Table.empty() && CppUtil::isSameFile(m_Devices.tsio, m_Devices.router)) {
-        throw CommandError(WrongUse, m_Devices.tsio + " and " + m_Devices.router + " are the same file");
+void clearTables(const Arguments& args) {
+    if (args.table.empty() && CppUtil::isSameFile(args.tsio, args.router)) {
+        throw CommandError(WrongUse, args.tsio + " and " + args.router + " are the same file");
     }
     std::optional<LockedDevice> tsio;
     std::optional<LockedDevice> router;
-    if (m_Table != "routes") {
-        tsio.emplace(m_Devices.tsio, Zep::TSIO_DEVICE, Access::Change);
+    if (args.table != "routes") {
+        tsio.emplace(args.tsio, Zep::TSIO_DEVICE, Access::Change);
     }
-    if (m_Table != "inputs") {
-        router.emplace(m_Devices.router, Zep::ROUTER_DEVICE, Access::Change);
+    if (args.table != "inputs") {
+        router.emplace(args.router, Zep::ROUTER_DEVICE, Access::Change);
     }
     if (tsio) {
         InputTable(tsio->memory()).clear();
@@ -167,22 +65,124 @@ void TableCommands::clearTables() {
     }
 }
 
-void TableCommands::declareDump(CLI::App& app) {
+void declareCreate(CLI::App& app, Arguments& args) {
+    CLI::App& create = declareCommand(
+        app, "create", "Create files that stand in for the devices, with empty tables",
+        "Prints the zeptfem command line that uses the files.\n\nExample: zepctl create /tmp/zep", [&] {
+            createStandIns(args.directory, args.withFifo, args.force);
+            printOutput(standInCommandLine(args.directory, args.withFifo) + '\n');
+        });
+    create.add_option("DIR", args.directory, "directory for the files; created if missing")->required();
+    create.add_flag("--fifo", args.withFifo, "also create the FIFO pktio");
+    create.add_flag("--force", args.force, "clear existing files in place");
+}
+
+void declareInput(CLI::App& app, Arguments& args) {
+    CLI::App& input =
+        declareCommand(app, "input", "Change or list the inputs, which are the rows of the IP LUT",
+                       "Example: zepctl input add udp://239.1.2.3:5000 3");
+    input.require_subcommand(1);
+
+    CLI::App& add =
+        declareCommand(input, "add", "Add an input", "Example: zepctl input add udp://239.1.2.3:5000 3", [&] {
+            Zep::IpInEntry row = parseInputUri(args.uri);
+            row.setTSIIDX(*args.tsiidx);
+            LockedDevice device(args.tsio, Zep::TSIO_DEVICE, Access::Change);
+            InputTable(device.memory()).add(row);
+        });
+    add.add_option("URI", args.uri, "address and port: udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0")
+        ->required();
+    addNumber(add, "TSIIDX", args.tsiidx, Zep::TSIIDX_RANGE, "index of the input").required();
+
+    CLI::App& remove = declareCommand(input, "remove", "Remove an input",
+                                      "Example: zepctl input remove udp://239.1.2.3:5000", [&] {
+                                          const Zep::IpInEntry row = parseInputUri(args.uri);
+                                          LockedDevice device(args.tsio, Zep::TSIO_DEVICE, Access::Change);
+                                          InputTable(device.memory()).remove(row);
+                                      });
+    remove.add_option("URI", args.uri, "as input list prints it")->required();
+
+    declareCommand(
+        input, "list", "Print the inputs in the form that input add accepts",
+        "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list", [&] {
+            const InputTable table(LockedDevice(args.tsio, Zep::TSIO_DEVICE, Access::Read).memory());
+            printRows(table.list(), formatInput);
+            table.checkOrder();
+        });
+}
+
+void declareRouteKey(CLI::App& command, Arguments& args) {
+    addNumber(command, "TSIIDX", args.tsiidx, Zep::TSIIDX_RANGE, "index of the input").required();
+    addNumber(command, "PID", args.pid, Zep::PID_RANGE, "packet identifier").required();
+}
+
+void declareRoute(CLI::App& app, Arguments& args) {
+    CLI::App& route =
+        declareCommand(app, "route", "Change or list the routes, which are the rows of the PID LUT",
+                       "Example: zepctl route add 3 0x100");
+    route.require_subcommand(1);
+
+    CLI::App& add = declareCommand(
+        route, "add", "Route a PID of an input, by default to the CPU",
+        "Example: zepctl route add 3 0x100\n         zepctl route add 3 256 --out --no-cpu --pididx 7", [&] {
+            LockedDevice device(args.router, Zep::ROUTER_DEVICE, Access::Change);
+            RouteTable table(device.memory());
+            table.add({*args.tsiidx, *args.pid, args.pididx ? *args.pididx : table.findFreePididx(),
+                       args.filtTabIdx.value_or(Zep::FILTTABIDX_RANGE.max), args.outRoute, !args.noCpuRoute});
+        });
+    declareRouteKey(add, args);
+    CLI::Option* out = add.add_flag("--out", args.outRoute, "also set the out route");
+    add.add_flag("--no-cpu", args.noCpuRoute, "do not set the CPU route")->needs(out);
+    addNumber(add, "--pididx", args.pididx, Zep::PIDIDX_RANGE,
+              "row of the O-PID MAP (default: lowest unused)");
+    addNumber(add, "--filter", args.filtTabIdx, Zep::FILTTABIDX_RANGE,
+              "index of a filter table (default: 255)");
+
+    CLI::App& remove =
+        declareCommand(route, "remove", "Remove the routes of a PID of an input",
+                       "Example: zepctl route remove 3 0x100", [&] {
+                           LockedDevice device(args.router, Zep::ROUTER_DEVICE, Access::Change);
+                           RouteTable(device.memory()).remove(*args.tsiidx, *args.pid);
+                       });
+    declareRouteKey(remove, args);
+
+    declareCommand(
+        route, "list", "Print the routes in the form that route add accepts",
+        "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list", [&] {
+            const RouteTable table(LockedDevice(args.router, Zep::ROUTER_DEVICE, Access::Read).memory());
+            printRows(table.list(), formatRoute);
+        });
+}
+
+void declareDump(CLI::App& app, Arguments& args) {
     constexpr std::uint32_t ROWS = Zep::OPidMap::TABLE.rows;  // of the longest table
     CLI::App& dump = declareCommand(
         app, "dump", "Print the rows of a table that are not empty",
         "An empty row of pidlut or physinmap holds a fill value, not zeros. An all-zero row is therefore\n"
         "printed. In pidlut it routes nothing; in physinmap it is in use and feeds input 0.\n\n"
         "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1",
-        [this] { printOutput(dumpTable(m_Table, m_DumpOptions, m_Devices.tsio, m_Devices.router)); });
-    dump.add_option("TABLE", m_Table, "the table")->required()->check(CLI::IsMember(dumpTableNames()));
-    addNumber(dump, "--first", m_DumpOptions.first, {0, ROWS - 1},
-              "first row (default: first row of the table)");
-    addNumber(dump, "--count", m_DumpOptions.count, {0, ROWS},
-              "number of rows to read (default: all that follow)");
-    addNumber(dump, "--bank", m_DumpOptions.bank, {0, 1},
+        [&] { printOutput(dumpTable(args)); });
+    dump.add_option("TABLE", args.table, "the table")->required()->check(CLI::IsMember(dumpTableNames()));
+    addNumber(dump, "--first", args.firstRow, {0, ROWS - 1}, "first row (default: first row of the table)");
+    addNumber(dump, "--count", args.rowCount, {0, ROWS}, "number of rows to read (default: all that follow)");
+    addNumber(dump, "--bank", args.bank, {0, 1},
               "bank of pidlut; 0: in use (default), 1: the other, whatever the value of the bank select bit");
-    dump.add_flag("--all", m_DumpOptions.includeAll, "also print empty rows");
+    dump.add_flag("--all", args.allRows, "also print empty rows");
+}
+
+}  // namespace
+
+void declareTableCommands(CLI::App& app, Arguments& args) {
+    declareCreate(app, args);
+    declareInput(app, args);
+    declareRoute(app, args);
+    CLI::App& clear = declareCommand(app, "clear", "Remove all inputs or all routes; without argument, both",
+                                     "Example: zepctl clear routes", [&] { clearTables(args); });
+    clear.add_option("TABLE", args.table, "what to clear (default: both)")
+        ->check(CLI::IsMember({"inputs", "routes"}));
+    declareDump(app, args);
+    declareCommand(app, "ports", "Print direction, index and name of each physical port",
+                   "Prints lines like\n  input 0 tuner0\n\nExample: zepctl ports", printPorts);
 }
 
 }  // namespace Vel::Zepctl

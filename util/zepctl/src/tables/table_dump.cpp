@@ -55,23 +55,22 @@ std::vector<std::string> dumpTableNames() {
     return names;
 }
 
-std::string dumpTable(const std::string& tableName, const DumpOptions& options, const std::string& tsioPath,
-                      const std::string& routerPath) {
-    const auto* spec = std::ranges::find(DUMPS, tableName, &DumpSpec::name);
+std::string dumpTable(const Arguments& args) {
+    const auto* spec = std::ranges::find(DUMPS, args.table, &DumpSpec::name);
     VEL_ASSERT(spec != DUMPS.end());
-    const std::uint32_t first = options.first.value_or(spec->first);
+    const std::uint32_t first = args.firstRow.value_or(spec->first);
     if (first >= spec->rows) {
         throw CommandError(WrongUse, fmt::format("--first {} is beyond the last row ({}) of {}", first,
-                                                 spec->rows - 1, tableName));
+                                                 spec->rows - 1, spec->name));
     }
-    if (options.bank && spec->dump != Zep::dumpPidLut) {
-        throw CommandError(WrongUse, fmt::format("--bank {}: {} has no banks", *options.bank, tableName));
+    if (args.bank && spec->dump != Zep::dumpPidLut) {
+        throw CommandError(WrongUse, fmt::format("--bank {}: {} has no banks", *args.bank, spec->name));
     }
-    const std::uint32_t count = options.count.value_or(spec->rows - first);
-    LockedDevice device(spec->isTsio ? tsioPath : routerPath,
+    const std::uint32_t count = args.rowCount.value_or(spec->rows - first);
+    LockedDevice device(spec->isTsio ? args.tsio : args.router,
                         spec->isTsio ? Zep::TSIO_DEVICE : Zep::ROUTER_DEVICE, Access::Read);
     std::ostringstream lines;
-    spec->dump(device.memory(), first, count, options.bank.value_or(0), options.includeAll, lines);
+    spec->dump(device.memory(), first, count, args.bank.value_or(0), args.allRows, lines);
     device.memory().verifyMemory();
     return lines.str();
 }

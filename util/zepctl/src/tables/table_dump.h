@@ -1,28 +1,19 @@
 #pragma once
 
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
-namespace Vel::Zepctl {
+#include "arguments.h"
 
-/// The rows of a table to show.
-struct DumpOptions {
-    std::optional<std::uint32_t> first;  ///< else the first row that is not reserved
-    std::optional<std::uint32_t> count;  ///< else all from the first one on
-    std::optional<std::uint32_t> bank;   ///< else bank 0, the one in use
-    bool includeAll = false;             ///< also rows that are not in use
-};
+namespace Vel::Zepctl {
 
 /// The names of all tables that can be dumped.
 [[nodiscard]] std::vector<std::string> dumpTableNames();
 
-/// The lines of those rows of a table, read from the device that holds it.
-/// @param tableName one of dumpTableNames()
+/// The lines of the requested rows of a table, read from the device that holds it.
+/// @param args with the name of the table, which is one of dumpTableNames(), and the rows
 /// @throws CommandError for a first row or a bank that the table does not have, InvalidArgumentError for
 /// other rows that it does not have, and what LockedDevice throws
-[[nodiscard]] std::string dumpTable(const std::string& tableName, const DumpOptions& options,
-                                    const std::string& tsioPath, const std::string& routerPath);
+[[nodiscard]] std::string dumpTable(const Arguments& args);
 
 }  // namespace Vel::Zepctl
