@@ -12,7 +12,6 @@
 #include "fpga_monitoring/iplut_monitor.h"
 #include "tables/input_table.h"
 #include "tables/route_table.h"
-#include "tables/row_text.h"
 #include "tables/stand_ins.h"
 
 namespace Vel::Zepctl {

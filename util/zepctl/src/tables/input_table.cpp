@@ -7,11 +7,35 @@
 #include <fmt/format.h>
 
 #include "command_error.h"
+#include "vel/cpp_utils/error.h"
+#include "vel/cpp_utils/network/ipadrcontainer.h"
+#include "vel/cpp_utils/uri/uri.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/iplut_diag.h"
 
 namespace Vel::Zepctl {
 
 using Drivers::Zep::IpInEntry;
+
+IpInEntry parseInputUri(const std::string& text) {
+    std::string advice = "its form is udp://239.1.2.3:5000, or udp://239.1.2.3 for port 0";
+    try {
+        const CppUtil::UriAuthority authority = CppUtil::Uri::parse(text).getAuthority();
+        const bool hasPort = authority.getPort() != CppUtil::UriAuthority::NO_PORT;
+        IpInEntry input(0, CppUtil::IpAdrContainer(authority.getHost()),
+                        hasPort ? static_cast<std::uint32_t>(authority.getPort()) : 0);
+        const std::string canonical = buildInputUri(input);
+        if (text == canonical) {
+            return input;
+        }
+        advice = hasPort ? "write it as " + canonical : advice;
+    } catch (const CppUtil::ParsingError&) {  // reported below
+    }
+    throw CommandError(WrongUse, fmt::format("\"{}\" is not the URI of an input: {}", text, advice));
+}
+
+std::string formatInput(const IpInEntry& input) {
+    return fmt::format("{} {}", buildInputUri(input), input.getTSIIDX());
+}
 
 InputTable::InputTable(Drivers::IMemIf& memory)
     : m_Memory(memory),

@@ -1,12 +1,22 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "vel/userspace_drivers/drivers/zep/ts/ipinentry.h"
 #include "vel/userspace_drivers/interfaces/memif.h"
 
 namespace Vel::Zepctl {
+
+// The text form of an input is what `input list` prints and `input add` accepts, so a listing is a backup.
+
+/// An enabled row for that input, with TSIIDX 0. Throws CommandError, which shows the form, for a text that
+/// buildInputUri() would not write: zeptfem compares URIs exactly. Reentrant.
+[[nodiscard]] Drivers::Zep::IpInEntry parseInputUri(const std::string& text);
+
+/// "udp://239.1.2.3:5000 3". Reentrant.
+[[nodiscard]] std::string formatInput(const Drivers::Zep::IpInEntry& input);
 
 /// Writes the IP LUT while the hardware or zeptfem reads it. The table has one bank and a row has two words,
 /// so a change takes several stores. After each of them the table is valid:

@@ -6,7 +6,6 @@
 #include <fmt/format.h>
 
 #include "command_error.h"
-#include "tables/row_text.h"
 #include "vel/cpp_utils/assertion.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/pidlut_diag.h"
 
@@ -16,6 +15,14 @@ using Drivers::Zep::PidLutEntry;
 namespace PidLut = Drivers::Zep::PidLut;
 
 static_assert(PidLut::TABLE.rows < Drivers::Zep::PIDIDX_RANGE.max);
+
+std::string formatRoute(const PidLutEntry& route) {
+    // `add` refuses PIDIDX 0, which only other software writes.
+    const std::string pididx = route.getPIDIDX() == 0 ? "" : fmt::format(" --pididx {}", route.getPIDIDX());
+    return fmt::format("{} 0x{:04x}{}{}{} --filter {}", route.getTSIIDX(), route.getPID(),
+                       route.isOutRoute() ? " --out" : "", route.isCpuRoute() ? "" : " --no-cpu", pididx,
+                       route.getFiltTabIDX());
+}
 
 RouteTable::RouteTable(Drivers::IMemIf& memory)
     : m_Memory(memory), m_Routes(Drivers::Zep::readPidLut(memory, 0, Drivers::Zep::getPidLutSize(), false)) {

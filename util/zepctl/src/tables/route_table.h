@@ -1,12 +1,18 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "vel/userspace_drivers/drivers/zep/ts/pidlutentry.h"
 #include "vel/userspace_drivers/interfaces/memif.h"
 
 namespace Vel::Zepctl {
+
+/// The text form of a route, as `route list` prints it and `route add` accepts it, except for rows written by
+/// other software that it refuses: "3 0x0100 --pididx 7 --filter 255", with "--out" and "--no-cpu" where they
+/// apply, and without "--pididx" if it is 0. Reentrant.
+[[nodiscard]] std::string formatRoute(const Drivers::Zep::PidLutEntry& route);
 
 /// Writes the PID LUT while the hardware or zeptfem reads it. The whole new table is written to the bank that
 /// is not in use, then one store flips the select bit: readers see the old table or the new one. The other

@@ -10,7 +10,6 @@
 #include "tables/device.h"
 #include "tables/input_table.h"
 #include "tables/route_table.h"
-#include "tables/row_text.h"
 #include "tables/stand_ins.h"
 #include "tables/table_dump.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
