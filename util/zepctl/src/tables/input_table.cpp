@@ -92,17 +92,14 @@ void InputTable::clear() {
 }
 
 void InputTable::checkOrder() const {
-    const IpInEntry* previous = nullptr;
-    for (const IpInEntry& row : m_Rows) {
-        if (row.isEnabled() && previous != nullptr && row < *previous) {
-            throw CommandError(
-                DeviceUnusable,
-                fmt::format(
-                    "Row {} of the IP LUT is out of order: {} comes after {}; remove one of them with "
-                    "\"zepctl input remove\", or all inputs with \"zepctl clear inputs\"",
-                    &row - m_Rows.data(), buildInputUri(row), buildInputUri(*previous)));
-        }
-        previous = row.isEnabled() ? &row : previous;
+    const auto inputs = list();
+    const auto wrong = std::is_sorted_until(inputs.begin(), inputs.end());
+    if (wrong != inputs.end()) {
+        throw CommandError(
+            DeviceUnusable,
+            fmt::format("The IP LUT is out of order: {} comes after {}; remove one of them with "
+                        "\"zepctl input remove\", or all inputs with \"zepctl clear inputs\"",
+                        buildInputUri(*wrong), buildInputUri(*std::prev(wrong))));
     }
 }
 
