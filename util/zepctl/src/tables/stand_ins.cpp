@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <utility>
 #include <vector>
 
@@ -71,19 +72,14 @@ CppUtil::FileDescriptor openStandIn(const std::string& path, std::uint32_t size,
 
 /// In single quotes, or in $'...' so that no control character gets to the terminal.
 std::string quoteForShell(const std::string& word) {
-    if (word.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
-                               "%+,-./:=@_") == std::string::npos) {
+    if (std::regex_match(word, std::regex("[A-Za-z0-9_%+,./:=@-]*"))) {
         return word;
     }
-    const bool hasControls = CppUtil::escapeControls(word) != word;
-    std::string quoted;
-    for (const char c : word) {
-        if (c == '\'' || (c == '\\' && hasControls)) {
-            quoted += hasControls ? "\\" : "'\\'";
-        }
-        quoted += c;
+    if (CppUtil::escapeControls(word) != word) {
+        const std::string escaped = std::regex_replace(word, std::regex(R"(['\\])"), R"(\$&)");
+        return "$'" + CppUtil::escapeControls(escaped) + "'";
     }
-    return (hasControls ? "$'" + CppUtil::escapeControls(quoted) : "'" + quoted) + "'";
+    return "'" + std::regex_replace(word, std::regex("'"), R"('\'')") + "'";
 }
 
 template <typename Row>
