@@ -10,6 +10,9 @@ namespace Vel::Zepctl {
 /// The commands that create, change and show the tables.
 void declareTableCommands(CLI::App& app, Arguments& args);
 
+/// Of these, `dump`.
+void declareDump(CLI::App& app, Arguments& args);
+
 /// `records check`, `records split` and `records watch`.
 void declareRecordCommands(CLI::App& app, Arguments& args);
 

@@ -11,7 +11,6 @@
 #include "tables/input_table.h"
 #include "tables/route_table.h"
 #include "tables/stand_ins.h"
-#include "tables/table_dump.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/userspace_drivers/drivers/zep/ts/portnames.h"
 #include "vel/userspace_drivers/drivers/zep/ts/register_map.h"
@@ -151,22 +150,6 @@ void declareRoute(CLI::App& app, Arguments& args) {
             const RouteTable table(LockedDevice(args.router, Zep::ROUTER_DEVICE, Access::Read).memory());
             printRows(table.list(), formatRoute);
         });
-}
-
-void declareDump(CLI::App& app, Arguments& args) {
-    constexpr std::uint32_t ROWS = Zep::OPidMap::TABLE.rows;  // of the longest table
-    CLI::App& dump = declareCommand(
-        app, "dump", "Print the rows of a table that are not empty",
-        "An empty row of pidlut or physinmap holds a fill value, not zeros. An all-zero row is therefore\n"
-        "printed. In pidlut it routes nothing; in physinmap it is in use and feeds input 0.\n\n"
-        "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1",
-        [&] { printOutput(dumpTable(args)); });
-    dump.add_option("TABLE", args.table, "the table")->required()->check(CLI::IsMember(dumpTableNames()));
-    addNumber(dump, "--first", args.firstRow, {0, ROWS - 1}, "first row (default: first row of the table)");
-    addNumber(dump, "--count", args.rowCount, {0, ROWS}, "number of rows to read (default: all that follow)");
-    addNumber(dump, "--bank", args.bank, {0, 1},
-              "bank of pidlut; 0: in use (default), 1: the other, whatever the value of the bank select bit");
-    dump.add_flag("--all", args.allRows, "also print empty rows");
 }
 
 }  // namespace

@@ -1,13 +1,16 @@
-#include "tables/table_dump.h"
-
 #include <algorithm>
 #include <array>
 #include <ostream>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
 
 #include "command_error.h"
+#include "command_line.h"
+#include "commands.h"
+#include "print_output.h"
 #include "tables/device.h"
 #include "vel/cpp_utils/assertion.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/iplut_diag.h"
@@ -47,14 +50,7 @@ const std::array<DumpSpec, 7> DUMPS = {{
     {"opidmap", false, 1, Zep::OPidMap::TABLE.rows, withoutBank<Zep::dumpOPidMap>},
 }};
 
-}  // namespace
-
-std::vector<std::string> dumpTableNames() {
-    std::vector<std::string> names;
-    std::ranges::transform(DUMPS, std::back_inserter(names), &DumpSpec::name);
-    return names;
-}
-
+/// The lines of the requested rows of a table, read from the device that holds it.
 std::string dumpTable(const Arguments& args) {
     const auto* spec = std::ranges::find(DUMPS, args.table, &DumpSpec::name);
     VEL_ASSERT(spec != DUMPS.end());
@@ -73,6 +69,26 @@ std::string dumpTable(const Arguments& args) {
     spec->dump(device.memory(), first, count, args.bank.value_or(0), args.allRows, lines);
     device.memory().verifyMemory();
     return lines.str();
+}
+
+}  // namespace
+
+void declareDump(CLI::App& app, Arguments& args) {
+    std::vector<std::string> names;
+    std::ranges::transform(DUMPS, std::back_inserter(names), &DumpSpec::name);
+    constexpr std::uint32_t ROWS = Zep::OPidMap::TABLE.rows;  // of the longest table
+    CLI::App& dump = declareCommand(
+        app, "dump", "Print the rows of a table that are not empty",
+        "An empty row of pidlut or physinmap holds a fill value, not zeros. An all-zero row is therefore\n"
+        "printed. In pidlut it routes nothing; in physinmap it is in use and feeds input 0.\n\n"
+        "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1",
+        [&] { printOutput(dumpTable(args)); });
+    dump.add_option("TABLE", args.table, "the table")->required()->check(CLI::IsMember(names));
+    addNumber(dump, "--first", args.firstRow, {0, ROWS - 1}, "first row (default: first row of the table)");
+    addNumber(dump, "--count", args.rowCount, {0, ROWS}, "number of rows to read (default: all that follow)");
+    addNumber(dump, "--bank", args.bank, {0, 1},
+              "bank of pidlut; 0: in use (default), 1: the other, whatever the value of the bank select bit");
+    dump.add_flag("--all", args.allRows, "also print empty rows");
 }
 
 }  // namespace Vel::Zepctl
