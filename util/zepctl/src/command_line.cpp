@@ -5,7 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "command_error.h"
+#include "command_result.h"
 
 namespace Vel::Zepctl {
 

@@ -8,9 +8,8 @@
 #include <fmt/format.h>
 
 #include "arguments.h"
-#include "command_error.h"
+#include "command_result.h"
 #include "commands.h"
-#include "print_output.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/cpp_utils/text.h"

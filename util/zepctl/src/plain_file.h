@@ -8,7 +8,7 @@
 #include <string>
 #include <system_error>
 
-#include "command_error.h"
+#include "command_result.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::Zepctl {

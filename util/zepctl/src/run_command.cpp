@@ -14,8 +14,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "command_error.h"
 #include "command_line.h"
+#include "command_result.h"
 #include "commands.h"
 
 namespace Vel::Zepctl {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <functional>
 #include <iostream>
 #include <thread>
 #include <utility>
@@ -11,8 +10,8 @@
 #include <fmt/format.h>
 
 #include "command_line.h"
+#include "command_result.h"
 #include "commands.h"
-#include "print_output.h"
 #include "records/record_report.h"
 #include "records/record_split.h"
 #include "records/record_watch.h"

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <sstream>
 
-#include "command_error.h"
 #include "command_line.h"
+#include "command_result.h"
 
 namespace Vel::Zepctl {
 

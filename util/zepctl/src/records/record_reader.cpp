@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "command_error.h"
+#include "command_result.h"
 #include "records/record_view.h"
 
 namespace Vel::Zepctl {

@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "command_error.h"
+#include "command_result.h"
 #include "plain_file.h"
 
 namespace Vel::Zepctl {

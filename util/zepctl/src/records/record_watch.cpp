@@ -11,8 +11,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "command_error.h"
-#include "print_output.h"
+#include "command_result.h"
 #include "records/record_reader.h"
 #include "records/record_report.h"
 

@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 
 #include "arguments.h"
-#include "command_error.h"
+#include "command_result.h"
 
 namespace Vel::Zepctl {
 

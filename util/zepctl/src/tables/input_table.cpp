@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "command_error.h"
+#include "command_result.h"
 #include "vel/cpp_utils/error.h"
 #include "vel/cpp_utils/network/ipadrcontainer.h"
 #include "vel/cpp_utils/uri/uri.h"

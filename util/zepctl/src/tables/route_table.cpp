@@ -5,7 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "command_error.h"
+#include "command_result.h"
 #include "vel/cpp_utils/assertion.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/pidlut_diag.h"
 

@@ -10,7 +10,7 @@
 
 #include <fmt/format.h>
 
-#include "command_error.h"
+#include "command_result.h"
 #include "plain_file.h"
 #include "tables/device.h"
 #include "vel/cpp_utils/text.h"

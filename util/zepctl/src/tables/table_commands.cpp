@@ -3,10 +3,9 @@
 
 #include <fmt/format.h>
 
-#include "command_error.h"
 #include "command_line.h"
+#include "command_result.h"
 #include "commands.h"
-#include "print_output.h"
 #include "tables/device.h"
 #include "tables/input_table.h"
 #include "tables/route_table.h"

@@ -7,10 +7,9 @@
 
 #include <fmt/format.h>
 
-#include "command_error.h"
 #include "command_line.h"
+#include "command_result.h"
 #include "commands.h"
-#include "print_output.h"
 #include "tables/device.h"
 #include "vel/cpp_utils/assertion.h"
 #include "vel/userspace_drivers/drivers/zep/ts/diag/iplut_diag.h"

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cerrno>
+#include <iostream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "vel/cpp_utils/posix/file_descriptor.h"
 
@@ -26,6 +28,15 @@ private:
 /// The failure of the last system call by its errno, as in "Cannot read FILE: Is a directory".
 [[nodiscard]] inline CommandError systemError(const std::string& action) {
     return {DeviceUnusable, action + ": " + CppUtil::errnoText(errno)};
+}
+
+/// Writes to standard output and flushes it, so that lost output is reported with its reason. Throws
+/// CommandError.
+inline void printOutput(std::string_view text) {
+    errno = 0;
+    if (!(std::cout << text << std::flush)) {
+        throw systemError("Cannot write to standard output");
+    }
 }
 
 }  // namespace Vel::Zepctl
