@@ -34,33 +34,6 @@ TEST_F(EmulatorTest, RowsThatAreRewrittenTogetherLoseNoRecord) {
     }
 }
 
-/// Neither the pacing of a stream nor a clock that jumps back delays a change of its routes.
-TEST_F(EmulatorTest, RoutesOfAStreamThatFollowsItsClockChangeAtOnce) {
-    Bytes stream;
-    for (int jump = 0; jump < 20; ++jump) {
-        const Bytes half = makeStream({0x100, 0x101}, 500, 27000);  // half a second
-        stream.insert(stream.end(), half.begin(), half.end());
-    }
-    startAndWait(link(1, stream) + Texts{"-c"});
-    setInput(1, 1, 1);
-    int slowChanges = 0;  // on a busy machine
-    for (std::uint32_t change = 0; change < 30; ++change) {
-        const std::uint32_t pid = 0x100 + change % 2;
-        const auto begin = std::chrono::steady_clock::now();
-        setRoute(1, 1, pid);
-        ASSERT_TRUE(eventually(
-            [&] {
-                const Bytes written = records();
-                return !written.empty() && written[written.size() - RECORD + 6] == (pid & 0xFF);
-            },
-            std::chrono::seconds(1)))
-            << change;
-        slowChanges += std::chrono::steady_clock::now() - begin > std::chrono::milliseconds(100) ? 1 : 0;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    EXPECT_LT(slowChanges, 10);
-}
-
 /// Many signals during start-up, the wait for a reader, playing and shutdown, while a table is never stable:
 /// the program ends once, in order, even if its parent ignored them.
 TEST_F(EmulatorTest, ManySignalsAtAnyTimeEndTheProgramOnce) {
