@@ -69,10 +69,10 @@ void RecordSplit::requireOutput(const std::string& path, const struct stat& stat
 
 /// The name may have been taken by something else since it was checked, so the opened file is checked again.
 void RecordSplit::open(Output& output) const {
-    auto [file, status] = openForWriting(output.path, O_WRONLY, true);
-    requireOutput(output.path, status);
-    if (::ftruncate(file.get(), 0) == 0) {
-        output.file.reset(::fdopen(file.release(), "wb"));
+    OpenFile opened = openForWriting(output.path, O_WRONLY, true);
+    requireOutput(output.path, opened.status);
+    if (::ftruncate(opened.file.get(), 0) == 0) {
+        output.file.reset(::fdopen(opened.file.release(), "wb"));
     }
     if (!output.file) {
         throw systemError("Cannot create " + output.path);

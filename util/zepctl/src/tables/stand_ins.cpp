@@ -62,12 +62,12 @@ void checkName(const std::string& path, std::uint32_t size, bool force) {
 
 /// Creates the file, or extends it to its size, and keeps what is in it.
 CppUtil::FileDescriptor openStandIn(const std::string& path, std::uint32_t size, bool force) {
-    auto [file, status] = openForWriting(path, O_RDWR, force);
-    checkExisting(path, status, size, true);
-    if (::ftruncate(file.get(), size) != 0) {
+    OpenFile opened = openForWriting(path, O_RDWR, force);
+    checkExisting(path, opened.status, size, true);
+    if (::ftruncate(opened.file.get(), size) != 0) {
         throw systemError("Cannot create " + path);
     }
-    return std::move(file);
+    return std::move(opened.file);
 }
 
 /// In single quotes, or in $'...' so that no control character gets to the terminal.
