@@ -7,7 +7,7 @@ _zeptfem_names() { sed -nE '/^Subcommands:/,/^$/s/^  ([a-z]+) .*/\1/p; s/^.*\{([
 
 # Called by bash: _zeptfem PROGRAM WORD PREVIOUS
 _zeptfem() {
-    local all help names value='' word path=()
+    local all help names value='' word path=() wants=command
     COMPREPLY=()
     help=$("$1" --help 2>/dev/null)
     all=$help
@@ -17,16 +17,20 @@ _zeptfem() {
             value=  # this word is the value
         elif [[ $word == -* ]]; then
             value=$(_zeptfem_value "$all" "$word")
-        elif [ "${path[*]}" != run ] && [ "$word" != help ] && grep -qxF -e "$word" <<<"$names"; then
+        elif [ "$word" = help ]; then
+            wants=help
+        elif [ "$wants ${path[*]}" = 'command run' ]; then
+            wants=file  # an argument of the command that run starts
+        elif grep -qxF -e "$word" <<<"$names"; then
             path+=("$word")
             help=$("$1" "${path[@]}" --help 2>/dev/null)
             all+=$'\n'$help
             names=$(_zeptfem_names "$help")
         fi
     done
-    if [ "${path[*]}" = run ] && [ "$3" != run ]; then
-        compopt -o bashdefault -o default  # a file, also as the argument of an option or of the command
-    elif [ "$3" = run ]; then
+    if [ $wants = file ]; then
+        compopt -o bashdefault -o default
+    elif [ -z "$value" ] && [ "$wants ${path[*]}" = 'command run' ]; then
         mapfile -t COMPREPLY < <(compgen -W "$(_zeptfem_options "$all")" -c -- "$2")
     elif [ -z "$value" ] && [[ $2 == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(_zeptfem_options "$all")" -- "$2")

@@ -36,13 +36,15 @@ std::string Arguments::getPktio() const {
 }
 
 const std::string& requireExisting(const std::string& path) {
-    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
-        throw CommandError(DeviceUnusable,
-                           path +
-                               " does not exist; -d DIR names a directory of stand-ins, which "
-                               "\"zepctl create --fifo DIR\" creates");
+    if (::access(path.c_str(), F_OK) == 0) {
+        return path;
     }
-    return path;
+    if (errno != ENOENT) {
+        throw systemError("Cannot find " + path);
+    }
+    throw CommandError(DeviceUnusable, path +
+                                           " does not exist; -d DIR names a directory of stand-ins, which "
+                                           "\"zepctl create --fifo DIR\" creates");
 }
 
 }  // namespace Vel::Zepctl

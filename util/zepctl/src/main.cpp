@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <exception>
+#include <sstream>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -28,7 +29,7 @@ const CLI::App* findCommand(const CLI::App* parent, const std::string& name) {
         names += (names.empty() ? "" : ", ") + command->get_name();
     }
     throw CommandError(WrongUse, fmt::format("\"{}\" is not a command of {}; the commands are {}", name,
-                                             parent->get_name(), names));
+                                             parent->get_name(), names.empty() ? "none" : names));
 }
 
 void declareHelp(CLI::App& app) {
@@ -51,8 +52,9 @@ void parse(CLI::App& app, int argc, char** argv) {
     try {
         app.parse(argc, argv);  // runs the command as well
     } catch (const CLI::Success& success) {
-        app.exit(success);  // prints the help or version
-        printOutput("");
+        std::ostringstream helpOrVersion;
+        app.exit(success, helpOrVersion, helpOrVersion);
+        printOutput(helpOrVersion.str());
     } catch (const CLI::RequiredError&) {
         // CLI11 reports a mistyped command as a missing one.
         const CLI::App* parent = &app;

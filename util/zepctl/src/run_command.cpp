@@ -65,37 +65,33 @@ Words describeDev(const Arguments& args) {
 /// has the program, until env unblocks them there: no signal is lost.
 int run(const Arguments& args, const Words& program) {
     Words words = describeDev(args);
-    Words command = {"env", "--default-signal=HUP,INT,TERM,CHLD,XFSZ"};
+    words.insert(words.end(), {"env", "--default-signal=HUP,INT,TERM,CHLD,XFSZ"});
     sigset_t signals;
     sigemptyset(&signals);
     for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGCHLD}) {
         sigaddset(&signals, signal);
         ::sigprocmask(SIG_BLOCK, &signals, nullptr);
         if (std::signal(signal, SIG_DFL) == SIG_IGN) {
-            command.push_back(fmt::format("--ignore-signal={}", signal));
+            words.push_back(fmt::format("--ignore-signal={}", signal));
         }
     }
-    command.emplace_back("--");
-    command.insert(command.end(), program.begin(), program.end());
     requireBwrap();
 
     int pipe[2] = {};  // for bwrap's report
     if (::pipe2(pipe, O_CLOEXEC) != 0) {
         throw systemError("Cannot create a pipe");
     }
+    words.insert(words.begin() + 1, {"--info-fd", std::to_string(pipe[1])});
+    words.emplace_back("--");
+    words.insert(words.end(), program.begin(), program.end());
+    std::vector<char*> argv;
+    std::transform(words.begin(), words.end(), std::back_inserter(argv),
+                   [](auto& word) { return word.data(); });
+    argv.push_back(nullptr);
     const pid_t zepctl = ::getpid();
     const pid_t bwrap = ::fork();
     if (bwrap == 0) {
-        // SIGKILL for zepctl kills bwrap, and that kills the program. bwrap arranges the latter late, so the
-        // program does not start without it.
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        words.insert(words.end(), {"--info-fd", std::to_string(pipe[1]), "sh", "-c",
-                                   "[ $PPID = $0 ] && exec \"$@\"", std::to_string(::getpid())});
-        words.insert(words.end(), command.begin(), command.end());
-        std::vector<char*> argv;
-        std::transform(words.begin(), words.end(), std::back_inserter(argv),
-                       [](auto& word) { return word.data(); });
-        argv.push_back(nullptr);
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // bwrap arranges the same for the program, but only later
         ::fcntl(pipe[1], F_SETFD, 0);
         if (::getppid() == zepctl) {
             ::execvp(argv.front(), argv.data());

@@ -4,10 +4,12 @@
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <string_view>
 
+#include <climits>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -35,21 +37,39 @@ constexpr milliseconds MAX_WAIT(50);
 
 volatile std::sig_atomic_t g_IsEnding = 0;  // set by a signal
 
+/// Those that are ignored, for example under nohup, stay ignored.
 void endOnSignals() {
+    sigset_t ending;
+    ::sigemptyset(&ending);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        if (std::signal(signal, [](int) { g_IsEnding = 1; }) == SIG_IGN) {
-            std::signal(signal, SIG_IGN);  // for example under nohup
+        struct sigaction action {};
+        if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+            action = {};  // interrupts a write
+            action.sa_handler = [](int) { g_IsEnding = 1; };
+            ::sigaction(signal, &action, nullptr);
         }
+        ::sigaddset(&ending, signal);
     }
+    ::sigprocmask(SIG_UNBLOCK, &ending, nullptr);
 }
 
-/// Waits until standard output is writable. False if it still is not 100 ms after a signal.
-bool waitForOutput() {
-    bool isWritable = false;
-    do {
-        isWritable = CppUtil::waitFor(STDOUT_FILENO, POLLOUT, {}, milliseconds(100));
-    } while (!isWritable && g_IsEnding == 0);
-    return isWritable;
+/// Writes as standard output takes it. False if it takes nothing for 100 ms after a signal, or after `end`.
+[[nodiscard]] bool printUntil(ArrivalTime end, std::string_view text) {
+    while (!text.empty()) {
+        if (!CppUtil::waitFor(STDOUT_FILENO, POLLOUT, {}, milliseconds(100))) {
+            if (g_IsEnding != 0 || Clock::now() >= end) {
+                return false;
+            }
+            continue;
+        }
+        // A pipe that polls as writable takes this much at once.
+        const ssize_t got = ::write(STDOUT_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
+        if (got < 0 && errno != EINTR && errno != EAGAIN) {
+            throw systemError("Cannot write to standard output");
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    }
+    return true;
 }
 
 /// Whether standard output understands control sequences.
@@ -71,8 +91,8 @@ public:
 
     bool isOnTerminal() const { return m_OnTerminal; }
 
-    /// Prints one row per input; on a terminal no more than fit, except for the final table.
-    void print(std::vector<std::string> rows, bool isLast) {
+    /// The text of one row per input; on a terminal no more than fit, except for the final table.
+    std::string format(std::vector<std::string> rows, bool isLast) {
         std::string text;
         if (m_OnTerminal && m_Lines != 0) {
             text = fmt::format("\x1b[{}A\x1b[J", m_Lines);
@@ -87,9 +107,9 @@ public:
             rows.back() = fmt::format("{} more inputs", hidden);
         }
         text += fmt::format("{}{}", fmt::join(rows, "\n"), rows.empty() ? "" : "\n");
-        // Without automatic wrapping, since a wrapped line would shift the table.
-        printOutput(m_OnTerminal ? "\x1b[?7l" + text + "\x1b[?7h" : text);
         m_Lines = rows.size() + 1;
+        // Without automatic wrapping, since a wrapped line would shift the table.
+        return m_OnTerminal ? "\x1b[?7l" + text + "\x1b[?7h" : text;
     }
 
 private:
@@ -215,10 +235,9 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
     bool isClosed = false;
     for (; g_IsEnding == 0 && !isClosed && now < end; now = Clock::now()) {
         if (now >= nextPrint) {
-            if (!waitForOutput()) {
+            if (!printUntil(end, table.format(watch.formatRows(now - start, now, isJson), false))) {
                 break;
             }
-            table.print(watch.formatRows(now - start, now, isJson), false);
             nextPrint = std::max(nextPrint + interval, now);
         }
         const auto wait = std::chrono::ceil<milliseconds>(std::min(nextPrint, end) - now);
@@ -236,14 +255,15 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
     }
     watch.end(isClosed ? reader.getTornBytes() : 0);
     const FaultLog& faults = watch.getCheck().getFaults();
-    // A signal ends the watch even if nobody reads its output.
-    if (waitForOutput()) {
-        const Seconds watched = now - start;
-        table.print(watch.formatRows(watched, now, isJson), true);
-        printOutput(isJson ? formatJsonReport(reader.getRawName(), watch.getCheck(), watched)
-                           : fmt::format("{} watched for {:.1f} s: {}{}", reader.getName(), watched.count(),
-                                         formatCount(faults.getRecords(), "record"),
-                                         faults.isEmpty() ? ", no faults\n" : "\n" + faults.toLines()));
+    const Seconds watched = now - start;
+    const std::string result =
+        isJson ? formatJsonReport(reader.getRawName(), watch.getCheck(), watched)
+               : fmt::format("{} watched for {:.1f} s: {}{}", reader.getName(), watched.count(),
+                             formatCount(faults.getRecords(), "record"),
+                             faults.isEmpty() ? ", no faults\n" : "\n" + faults.toLines());
+    const std::string last = table.format(watch.formatRows(watched, now, isJson), true) + result;
+    if (!printUntil(isClosed ? Clock::time_point::max() : now, last)) {
+        throw CommandError(DeviceUnusable, "Nobody reads standard output, so the result is lost");
     }
     faults.requireNone(reader.getName());
 }

@@ -64,7 +64,7 @@ void checkName(const std::string& path, std::uint32_t size, bool force) {
 CppUtil::FileDescriptor openStandIn(const std::string& path, std::uint32_t size, bool force) {
     OpenFile opened = openForWriting(path, O_RDWR, force);
     checkExisting(path, opened.status, size, true);
-    if (::ftruncate(opened.file.get(), size) != 0) {
+    if (opened.status.st_size < size && ::ftruncate(opened.file.get(), size) != 0) {
         throw systemError("Cannot create " + path);
     }
     return std::move(opened.file);
@@ -72,7 +72,8 @@ CppUtil::FileDescriptor openStandIn(const std::string& path, std::uint32_t size,
 
 /// In single quotes, or in $'...' so that no control character gets to the terminal.
 std::string quoteForShell(const std::string& word) {
-    if (std::regex_match(word, std::regex("[A-Za-z0-9_%+,./:=@-]*"))) {
+    constexpr const char* PLAIN = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_%+,./:=@-";
+    if (word.find_first_not_of(PLAIN) == std::string::npos) {
         return word;
     }
     if (CppUtil::escapeControls(word) != word) {
@@ -140,9 +141,11 @@ void createStandIns(const std::string& directory, bool withFifo, bool force) {
     clearRouter(routerDevice.memory());
 }
 
-std::string standInCommandLine(const std::string& directory, bool withFifo) {
+std::string standInCommandLine(const std::string& directory) {
+    std::error_code ignored;
+    const bool hasFifo = std::filesystem::is_fifo(std::filesystem::path(directory) / "pktio", ignored);
     return fmt::format("zeptfem -d {}{} -f \"udp://239.1.2.3:5000 FILE.ts\"", quoteForShell(directory),
-                       withFifo ? " -k" : "");
+                       hasFifo ? " -k" : "");
 }
 
 }  // namespace Vel::Zepctl

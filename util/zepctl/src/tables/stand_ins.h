@@ -22,6 +22,6 @@ void createStandIns(const std::string& directory, bool withFifo, bool force);
 
 /// The zeptfem command line that uses them, quoted for a shell where necessary. It keeps a FIFO open, so that
 /// its reader can be restarted.
-[[nodiscard]] std::string standInCommandLine(const std::string& directory, bool withFifo);
+[[nodiscard]] std::string standInCommandLine(const std::string& directory);
 
 }  // namespace Vel::Zepctl

@@ -67,7 +67,7 @@ void declareCreate(CLI::App& app, Arguments& args) {
         app, "create", "Create files that stand in for the devices, with empty tables",
         "Prints the zeptfem command line that uses the files.\n\nExample: zepctl create /tmp/zep", [&] {
             createStandIns(args.directory, args.withFifo, args.force);
-            printOutput(standInCommandLine(args.directory, args.withFifo) + '\n');
+            printOutput(standInCommandLine(args.directory) + '\n');
         });
     create.add_option("DIR", args.directory, "directory for the files; created if missing")->required();
     create.add_flag("--fifo", args.withFifo, "also create the FIFO pktio");
