@@ -20,7 +20,7 @@ _zeptfem() {
         elif [ "$word" = help ]; then
             wants=help
         elif [ "$wants ${path[*]}" = 'command run' ]; then
-            wants=file  # an argument of the command that run starts
+            wants='file'  # an argument of the command that run starts
         elif grep -qxF -e "$word" <<<"$names"; then
             path+=("$word")
             help=$("$1" "${path[@]}" --help 2>/dev/null)
