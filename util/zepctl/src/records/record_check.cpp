@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 
+#include <fmt/format.h>
+
 #include "command_line.h"
 #include "command_result.h"
 
@@ -127,6 +129,16 @@ void RecordCheck::end(std::size_t tornBytes) {
         comparison.end(m_Faults);
     }
     m_Faults.addTornRecord(tornBytes);
+}
+
+void RecordCheck::requireComparisons() {
+    for (auto& [tsiidx, comparison] : m_Comparisons) {
+        if (comparison.isEmpty()) {
+            throw CommandError(DeviceUnusable,
+                               fmt::format("{} has no packet to compare the records of TSIIDX {} with",
+                                           comparison.getFileName(), tsiidx));
+        }
+    }
 }
 
 bool RecordCheck::isSettled() {

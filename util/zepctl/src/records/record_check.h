@@ -115,6 +115,8 @@ public:
     void end(std::size_t tornBytes);
     /// Whether every comparison has found a difference or all that it expected.
     bool isSettled();
+    /// Throws CommandError if there was nothing to compare an input with.
+    void requireComparisons();
 
     const FaultLog& getFaults() const { return m_Faults; }
     /// By TSIIDX.

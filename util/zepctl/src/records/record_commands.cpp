@@ -94,6 +94,7 @@ void checkRecords(const std::string& file, const Arguments& args) {
         readToEnd(reader, check);
     }
     check.end(reader.getTornBytes());
+    check.requireComparisons();
     const std::string name = reader.getName();
     printOutput(args.json ? formatJsonReport(reader.getRawName(), check) : formatReport(name, check));
     check.getFaults().requireNone(name);

@@ -85,11 +85,6 @@ void RecordComparison::add(const RecordView& record, FaultLog& faults) {
 }
 
 void RecordComparison::end(FaultLog& faults) {
-    if (m_Begin == 0 && !m_IsDifferent && findNext() == nullptr) {
-        throw CommandError(DeviceUnusable, m_File.getName() +
-                                               " has no packet to compare the records of TSIIDX " +
-                                               std::to_string(m_Tsiidx) + " with");
-    }
     if (!isSettled()) {
         faults.add({FaultKind::Missing, faults.getRecords(), m_Tsiidx, pidOf(get(m_Next)),
                     static_cast<std::uint32_t>(m_Next), 0});

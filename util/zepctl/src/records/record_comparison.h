@@ -25,6 +25,9 @@ public:
     void end(FaultLog& faults);
     /// Whether a difference has been found or all expected packets have arrived.
     bool isSettled() { return m_IsDifferent || findNext() == nullptr; }
+    /// Whether no packet of the file was expected: nothing has been compared.
+    bool isEmpty() { return m_Begin == 0 && !m_IsDifferent && findNext() == nullptr; }
+    std::string getFileName() const { return m_File.getName(); }
 
 private:
     /// The packet with that index in the file, valid until the next call; none at the end of the file, where
