@@ -1,7 +1,5 @@
 #include "arguments.h"
 
-#include <unistd.h>
-
 #include <filesystem>
 
 #include "command_result.h"
@@ -33,18 +31,6 @@ std::string Arguments::getPktio() const {
         throw CommandError(WrongUse, "Name the directory of the devices with -d DIR or in ZEP_DIR");
     }
     return std::filesystem::path(deviceDirectory) / "pktio";
-}
-
-const std::string& requireExisting(const std::string& path) {
-    if (::access(path.c_str(), F_OK) == 0) {
-        return path;
-    }
-    if (errno != ENOENT) {
-        throw systemError("Cannot find " + path);
-    }
-    throw CommandError(DeviceUnusable, path +
-                                           " does not exist; -d DIR names a directory of stand-ins, which "
-                                           "\"zepctl create --fifo DIR\" creates");
 }
 
 }  // namespace Vel::Zepctl

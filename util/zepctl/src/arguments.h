@@ -13,7 +13,7 @@ namespace Vel::Zepctl {
 
 /// What a command line gives. Parsing it stores the values here and then runs the command, so this object
 /// must outlive the parsing, and is neither copied nor moved. One command runs per parse, so commands share
-/// values of the same meaning. Thread-bound.
+/// some of the values. Thread-bound.
 struct Arguments {
     /// Declares the global options, which name the devices: `-t` and `-r` name one each, `-d` a directory
     /// that holds all three.
@@ -54,8 +54,5 @@ struct Arguments {
     std::vector<std::string> against;
     std::optional<double> seconds;  ///< limit of a watch, or of a check that waits
 };
-
-/// Returns `path`. Throws CommandError if nothing has that name: usually nobody has named the stand-ins.
-const std::string& requireExisting(const std::string& path);
 
 }  // namespace Vel::Zepctl

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -12,6 +13,19 @@
 #include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::Zepctl {
+
+/// Returns `path`. Throws CommandError if nothing has that name: usually nobody has named the stand-ins.
+inline const std::string& requireExisting(const std::string& path) {
+    if (::access(path.c_str(), F_OK) == 0) {
+        return path;
+    }
+    if (errno != ENOENT) {
+        throw systemError("Cannot find " + path);
+    }
+    throw CommandError(DeviceUnusable, path +
+                                           " does not exist; -d DIR names a directory of stand-ins, which "
+                                           "\"zepctl create --fifo DIR\" creates");
+}
 
 /// Creates the directory and those above it, unless it exists. Throws CommandError.
 inline void createDirectory(const std::string& path) {

@@ -17,6 +17,7 @@
 #include "command_line.h"
 #include "command_result.h"
 #include "commands.h"
+#include "plain_file.h"
 
 namespace Vel::Zepctl {
 

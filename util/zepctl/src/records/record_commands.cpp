@@ -79,7 +79,8 @@ void readUntil(Clock::time_point end, RecordReader& reader, RecordCheck& check, 
     }
 }
 
-void checkRecords(const std::string& file, const Arguments& args) {
+void checkRecords(const Arguments& args) {
+    const std::string file = args.getRecordFile();
     RecordCheck check(args.against, args.strict);
     const Seconds limit(args.seconds.value_or(0));
     const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(limit);
@@ -138,7 +139,7 @@ figures and lists the keys of the JSON object.
 Example: zepctl records check out.rec
          some-receiver | zepctl records check --json - > result.json
          zepctl records check --against 3=a.ts:0x100,0x101 --wait 10 out.rec)",
-        [&] { checkRecords(args.getRecordFile(), args); });
+        [&] { checkRecords(args); });
     check.add_option("FILE", args.file,
                      "records, or - for standard input (default: pktio in the directory of -d)");
     check.add_flag("--json", args.json, "print the result as JSON");

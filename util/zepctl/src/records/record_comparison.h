@@ -26,7 +26,7 @@ public:
     /// Whether a difference has been found or all expected packets have arrived.
     bool isSettled() { return m_IsDifferent || findNext() == nullptr; }
     /// Whether no packet of the file was expected: nothing has been compared.
-    bool isEmpty() { return m_Begin == 0 && !m_IsDifferent && findNext() == nullptr; }
+    bool isEmpty() { return m_Begin == 0 && !m_IsDifferent && isSettled(); }
     std::string getFileName() const { return m_File.getName(); }
 
 private:

@@ -233,11 +233,10 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
     // Records that a plain file already holds did not arrive now.
     bool isLive = !reader.isPlainFile();
     bool isClosed = false;
-    for (; g_IsEnding == 0 && !isClosed && now < end; now = Clock::now()) {
+    bool isPrinted = true;
+    for (; g_IsEnding == 0 && !isClosed && isPrinted && now < end; now = Clock::now()) {
         if (now >= nextPrint) {
-            if (!printUntil(end, table.format(watch.formatRows(now - start, now, isJson), false))) {
-                break;
-            }
+            isPrinted = printUntil(end, table.format(watch.formatRows(now - start, now, isJson), false));
             nextPrint = std::max(nextPrint + interval, now);
         }
         const auto wait = std::chrono::ceil<milliseconds>(std::min(nextPrint, end) - now);
@@ -262,7 +261,8 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
                              formatCount(faults.getRecords(), "record"),
                              faults.isEmpty() ? ", no faults\n" : "\n" + faults.toLines());
     const std::string last = table.format(watch.formatRows(watched, now, isJson), true) + result;
-    if (!printUntil(isClosed ? Clock::time_point::max() : now, last)) {
+    // After a part of a row, the result would be on the same line.
+    if (!isPrinted || !printUntil(isClosed ? Clock::time_point::max() : now, last)) {
         throw CommandError(DeviceUnusable, "Nobody reads standard output, so the result is lost");
     }
     faults.requireNone(reader.getName());

@@ -6,8 +6,8 @@
 
 #include <fmt/format.h>
 
-#include "arguments.h"
 #include "command_result.h"
+#include "plain_file.h"
 
 namespace Vel::Zepctl {
 
