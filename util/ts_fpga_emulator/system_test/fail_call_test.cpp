@@ -108,8 +108,10 @@ TEST_P(FailCallTest, EmulatorReportsItAndWritesAGaplessBeginning) {
         emulator->signal(SIGUSR1);
         clearInput(1);
         clearRoute(2);
-        ASSERT_TRUE(
-            eventually([&] { return isOver() || emulator->countLog("[info] Detected removed") == 2; }));
+        // The allocation that failed may have been that of one of these lines.
+        const std::size_t removals = call == "malloc" ? 1 : 2;
+        ASSERT_TRUE(eventually(
+            [&] { return isOver() || emulator->countLog("[info] Detected removed") >= removals; }));
         const int status = emulator->isRunning() ? emulator->terminate() : emulator->wait();
 
         ASSERT_TRUE(status == 0 || status == 1) << status << emulator->out() << emulator->err();
