@@ -42,7 +42,7 @@ protected:
         const int last = call == "clock_nanosleep" ? 20 : 1 << 20;
         for (const int failure : GetParam().second) {
             error = failure;
-            for (int at = 1; at < last; at += call == "malloc" ? 1 + at / 32 : 1) {
+            for (int at = 1; at < last; at += call == "malloc" ? 1 + at / 16 : 1) {
                 SCOPED_TRACE(call + ' ' + std::to_string(at) + ": " + std::strerror(error));
                 std::filesystem::remove(m_Mark);
                 m_At = std::to_string(at);
