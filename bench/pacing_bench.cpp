@@ -37,6 +37,7 @@
 namespace {
 
 using namespace Vel;
+using Bench::PID;
 using Bench::Player;
 using Bench::secondsOf;
 
@@ -44,7 +45,6 @@ constexpr double PACKET_BITS = Ts::TS_PACKET_SIZE * 8;
 constexpr double PCR_HZ = 27e6;
 constexpr double PCR_INTERVAL = 0.04;  // seconds
 constexpr double DUE_GROUP = 250e-6;   // seconds
-constexpr std::uint32_t PID = 0x100;
 /// From the start of the inputs until everything that happens only once is over: threads have started, and
 /// every input has read ahead and written its first packets.
 constexpr double START = 1;

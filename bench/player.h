@@ -15,6 +15,8 @@
 
 namespace Vel::Bench {
 
+inline constexpr std::uint32_t PID = 0x100;  // of every packet of a file
+
 /// The program from table changes to the data device, with inputs 0 to N-1 that all play the same file. The
 /// benchmark takes the place of the monitors. An input starts to play with its first route.
 class Player {

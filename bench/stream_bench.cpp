@@ -31,12 +31,12 @@
 namespace {
 
 using namespace Vel;
+using Bench::PID;
 using Bench::Player;
 using Utils::FPGAMonEvent_CPUPIDAdded;
 using Utils::FPGAMonEvent_CPUPIDRemoved;
 using Utils::FPGAMonEvent_InputTSRemoved;
 
-constexpr std::uint32_t PID = 0x100;
 constexpr std::uint32_t PACKETS = 1'000'000;      // of one input
 constexpr std::uint32_t ALL_PACKETS = 6'400'000;  // of many inputs together
 constexpr std::size_t BLOCK_PACKETS = 348;        // 64 KiB

@@ -1,7 +1,7 @@
 # ZEPTFEM_SANITIZE takes a list for -fsanitize, for example "address,undefined" or "thread".
 if(ZEPTFEM_SANITIZE)
-  # -O1 overrides the build type's level: sanitizer builds favour build time over speed.
-  add_compile_options(-O1 -fsanitize=${ZEPTFEM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  # These override the build type's levels: sanitizer builds favour build time over speed, and need lines only.
+  add_compile_options(-O1 -g1 -fsanitize=${ZEPTFEM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   # With the checks compiled in, GCC sees uninitialised members in the standard library's regular expressions.
   add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   add_link_options(-fsanitize=${ZEPTFEM_SANITIZE})

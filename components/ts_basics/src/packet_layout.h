@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "vel/ts_basics/tspacket.h"
@@ -18,6 +19,7 @@ inline constexpr std::uint8_t CONTINUITY_COUNTER = 0x0F;
 inline constexpr std::uint8_t DISCONTINUITY_INDICATOR = 0x80;  // byte 5
 inline constexpr std::uint8_t PCR_FLAG = 0x10;
 inline constexpr std::uint8_t OPCR_FLAG = 0x08;
+inline constexpr std::size_t PCR_SIZE = 6;  // and that of an OPCR
 
 /// @param b the bytes of a packet, as in isIntact()
 inline std::uint32_t pidOf(const std::uint8_t* b) {

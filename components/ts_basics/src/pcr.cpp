@@ -10,9 +10,8 @@ namespace Vel::Ts {
 
 namespace {
 
-/// Bytes of a packet that hold its PCR (ISO/IEC 13818-1, 2.4.3.4).
+/// Where a packet holds its PCR (ISO/IEC 13818-1, 2.4.3.4).
 constexpr std::size_t PCR_OFFSET = 6;
-constexpr std::size_t PCR_SIZE = 6;
 
 }  // namespace
 

@@ -12,7 +12,6 @@ namespace {
 /// Times have 33 bits.
 constexpr std::uint64_t TIME_MASK = (std::uint64_t{1} << 33) - 1;
 
-constexpr std::size_t PCR_SIZE = 6;
 constexpr std::size_t STAMP_SIZE = 5;  // of a PTS or DTS
 constexpr std::size_t ESCR_SIZE = 6;
 /// Of an ESCR, below the layout of a PTS: an extension of 9 bits and a marker bit.

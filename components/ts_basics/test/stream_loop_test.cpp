@@ -19,7 +19,7 @@ using Bytes = std::vector<std::uint8_t>;
 using TestSupport::TestPacket;
 
 constexpr std::uint64_t WRAP = std::uint64_t{1} << 33;  // of times, in 90 kHz ticks
-constexpr std::uint64_t MS = 90;
+constexpr std::uint64_t UNITS_PER_MS = 90;
 constexpr std::uint32_t EXTENSION = 299;  // of every PCR and ESCR
 
 /// A number as bits, most significant first.
@@ -127,11 +127,11 @@ void expectContinued(const TimedPacket& content) {
             return Bytes(packet.getDataPtr(), packet.getDataPtr() + TS_PACKET_SIZE);
         };
         next(TestPacket{.pcr = FIRST_PCR * 300}.bytes());
-        Bytes expected = content.bytes(pass * 30 * MS);
+        Bytes expected = content.bytes(pass * 30 * UNITS_PER_MS);
         const bool isIntact = content.sync == SYNC_BYTE && !content.transportError && content.pid != NULL_PID;
         expected[3] = static_cast<std::uint8_t>(expected[3] | (isIntact ? pass : 0));
         ASSERT_EQ(next(content.bytes(0)), expected) << "pass " << pass;
-        next(TestPacket{.pcr = (FIRST_PCR + 20 * MS) % WRAP * 300}.bytes());
+        next(TestPacket{.pcr = (FIRST_PCR + 20 * UNITS_PER_MS) % WRAP * 300}.bytes());
         ASSERT_TRUE(loop.endPass());
     }
 }
@@ -199,7 +199,7 @@ std::vector<Bytes> streamOf(const std::string& words) {
         const std::uint32_t pid = 0x100U + static_cast<unsigned char>(word[0]);
         const auto at = word.find_first_of("-0123456789");
         const std::int64_t ms = word[1] == '.' ? 0 : std::stoll(word.substr(at));
-        const std::uint64_t time = static_cast<std::uint64_t>(ms) * MS % WRAP;
+        const std::uint64_t time = static_cast<std::uint64_t>(ms) * UNITS_PER_MS % WRAP;
         TestPacket plain{.pid = pid};
         if (word[1] != '.') {
             plain.pcr = time * 300;
@@ -229,8 +229,8 @@ std::optional<std::int64_t> lengthOf(const std::string& words) {
     loop.continuePacket(packet);
     const auto base = static_cast<std::int64_t>(packet.getPcr() / 300);
     const std::int64_t ticks = base > std::int64_t{WRAP / 2} ? base - std::int64_t{WRAP} : base;
-    EXPECT_EQ(ticks % std::int64_t{MS}, 0);
-    return ticks / std::int64_t{MS};
+    EXPECT_EQ(ticks % std::int64_t{UNITS_PER_MS}, 0);
+    return ticks / std::int64_t{UNITS_PER_MS};
 }
 
 TEST(StreamLoop, APassIsAsLongAsItsPacketsTake) {

@@ -7,6 +7,7 @@
 #include <thread>
 #include <utility>
 
+#include <fmt/format.h>
 #include <spdlog/async.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
@@ -103,6 +104,17 @@ std::shared_ptr<ILogsystem> getLogsystem() {
                 "No logsystem initialized. Falling back to stdout.");
     }
     return g_ProcessLogsystem;
+}
+
+void write(spdlog::logger& logger, spdlog::level::level_enum level, const spdlog::source_loc& where,
+           fmt::string_view format, fmt::format_args args) noexcept {
+    try {
+        if (logger.should_log(level)) {
+            // "{}" selects spdlog's formatting overload, the only one that reports its own failures.
+            logger.log(where, level, "{}", fmt::vformat(format, args));
+        }
+    } catch (...) {  // no memory to report it either
+    }
 }
 
 std::string makeLoggerName(std::string_view headerFile, std::string_view signature) {

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include <gmock/gmock.h>
+#include <spdlog/logger.h>
 #include <spdlog/sinks/ostream_sink.h>
 
 #include "test_files.h"

@@ -14,44 +14,44 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
-constexpr nanoseconds START = std::chrono::seconds(5);
+constexpr nanoseconds BEGIN = std::chrono::seconds(5);
 
 /// Packets of several inputs, released on a clock that passes only in sleeps and, on request, in releases.
-struct Play {
-    explicit Play(std::vector<std::deque<nanoseconds>> inputs) : due(std::move(inputs)) {
+struct PlayedInputs {
+    explicit PlayedInputs(std::vector<std::deque<nanoseconds>> inputs) : due(std::move(inputs)) {
         for (std::size_t i = 0; i < due.size(); ++i) {
             pacer.add();
             handles.push_back({[this, i](nanoseconds limit) { return release(i, limit); }});
         }
         for (std::size_t i = 0; i < due.size(); ++i) {
-            pacer.schedule(handles[i], START + due[i].front());
+            pacer.schedule(handles[i], BEGIN + due[i].front());
         }
     }
 
     Pacer::Rest release(std::size_t i, nanoseconds limit) {
-        for (int n = 0; n < most && !due[i].empty() && START + due[i].front() <= limit;
+        for (int n = 0; n < most && !due[i].empty() && BEGIN + due[i].front() <= limit;
              ++n, due[i].pop_front()) {
             if (onRelease(i)) {
-                return {START + due[i].front(), true};
+                return {BEGIN + due[i].front(), true};
             }
             sent.emplace_back(i, now() - due[i].front());
         }
-        return {due[i].empty() ? std::nullopt : std::optional(START + due[i].front()), false};
+        return {due[i].empty() ? std::nullopt : std::optional(BEGIN + due[i].front()), false};
     }
 
     void run(const std::function<void(nanoseconds nextDue)>& check = [](auto) {}) {
         for (auto rest = pacer.releaseDue(); rest.nextDue; rest = pacer.releaseDue()) {
             ++wakeUps;
-            check(*rest.nextDue - START);
+            check(*rest.nextDue - BEGIN);
             nowNs = std::max(
                 nowNs, static_cast<std::uint64_t>(pacer.toSteady(*rest.nextDue).time_since_epoch().count()));
         }
     }
 
-    nanoseconds now() const { return nanoseconds(nowNs) - START; }
+    nanoseconds now() const { return nanoseconds(nowNs) - BEGIN; }
 
-    std::uint64_t nowNs = START.count();
-    std::vector<std::deque<nanoseconds>> due;                                   // since START
+    std::uint64_t nowNs = BEGIN.count();
+    std::vector<std::deque<nanoseconds>> due;                                   // since BEGIN
     std::function<bool(std::size_t i)> onRelease = [](auto) { return false; };  // whether the device is full
     std::vector<std::pair<std::size_t, nanoseconds>> sent;                      // input and lateness
     int most = 1'000'000;                                                       // packets of one release
@@ -74,7 +74,7 @@ TEST(Pacer, WakesUpForGroupsOfAllInputsTogether) {
     for (std::size_t i = 0; i < inputs.size(); ++i) {
         inputs[i] = every(microseconds(1500), 1000, i * microseconds(23));
     }
-    Play play(std::move(inputs));
+    PlayedInputs play(std::move(inputs));
     play.run([&](nanoseconds nextDue) {
         ASSERT_GT(nextDue, play.now() + Pacer::GROUP_TIME)
             << "a group is everything that is due in this time";
@@ -90,7 +90,7 @@ TEST(Pacer, WakesUpForGroupsOfAllInputsTogether) {
 TEST(Pacer, LatePacketsAreSentAtOnceAndALatePacerShiftsAllInputs) {
     for (const int stallMs : {900, 1100, 60'000}) {
         SCOPED_TRACE(stallMs);
-        Play play({every(milliseconds(1), 3000), every(milliseconds(10), 300)});
+        PlayedInputs play({every(milliseconds(1), 3000), every(milliseconds(10), 300)});
         play.onRelease = [&](auto) {
             play.nowNs += play.sent.size() == 1100 ? static_cast<std::uint64_t>(stallMs) * 1'000'000 : 0;
             return false;
@@ -110,16 +110,16 @@ TEST(Pacer, LatePacketsAreSentAtOnceAndALatePacerShiftsAllInputs) {
 }
 
 TEST(Pacer, ShiftsBeforeAStreamSeesTheLateTime) {
-    Play play({{milliseconds(10)}});
+    PlayedInputs play({{milliseconds(10)}});
     play.nowNs += 3'000'000'000;
-    EXPECT_EQ(play.pacer.now(), START + milliseconds(10)) << "else a feed would take itself for late";
+    EXPECT_EQ(play.pacer.now(), BEGIN + milliseconds(10)) << "else a feed would take itself for late";
     play.nowNs += 500'000'000;
-    EXPECT_EQ(play.pacer.now(), START + milliseconds(510));
-    EXPECT_EQ(play.pacer.progress(), START + milliseconds(10));
+    EXPECT_EQ(play.pacer.now(), BEGIN + milliseconds(510));
+    EXPECT_EQ(play.pacer.progress(), BEGIN + milliseconds(10));
 }
 
 TEST(Pacer, ADeviceThatIsTooSlowButNeverStallsShiftsTheSchedule) {
-    Play play({every(milliseconds(1), 5000), every(milliseconds(1), 5000)});
+    PlayedInputs play({every(milliseconds(1), 5000), every(milliseconds(1), 5000)});
     int calls = 0;
     play.onRelease = [&](auto) {
         play.nowNs += 1'000'000;  // twice as long as the streams allow
@@ -145,7 +145,7 @@ TEST(Pacer, EndsAtOnceWhileItWaitsForAnHourOrForPackets) {
 }
 
 TEST(Pacer, ABacklogDoesNotDelayOtherInputs) {
-    Play play({std::deque<nanoseconds>(20'000), every(milliseconds(1), 10)});
+    PlayedInputs play({std::deque<nanoseconds>(20'000), every(milliseconds(1), 10)});
     play.most = 100;
     play.onRelease = [&](auto) {
         play.nowNs += 1000;
@@ -158,7 +158,7 @@ TEST(Pacer, ABacklogDoesNotDelayOtherInputs) {
 }
 
 TEST(Pacer, AnInputIsRemovedAfterItsReleaseInProgress) {
-    Play play({every(milliseconds(1), 100), every(milliseconds(1), 100)});
+    PlayedInputs play({every(milliseconds(1), 100), every(milliseconds(1), 100)});
     std::latch isReleasing(1);
     std::atomic<bool> isReleased = false;
     play.onRelease = [&](std::size_t i) {

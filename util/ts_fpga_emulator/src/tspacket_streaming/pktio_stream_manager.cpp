@@ -3,6 +3,8 @@
 #include <exception>
 #include <utility>
 
+#include <spdlog/logger.h>
+
 #include "tspacket_streaming/max_rate_adapter.h"
 #include "tspacket_streaming/pcr_rate_adapter.h"
 

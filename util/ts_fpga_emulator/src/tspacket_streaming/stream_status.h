@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include <spdlog/logger.h>
+#include <spdlog/fwd.h>
 
 #include "tspacket_streaming/ts_file.h"
 #include "vel/cpp_utils/counter.h"

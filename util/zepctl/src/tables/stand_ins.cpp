@@ -28,7 +28,7 @@ using namespace Drivers::Zep;
 
 namespace {
 
-using Words = std::vector<std::uint32_t>;
+using DeviceWords = std::vector<std::uint32_t>;
 
 constexpr std::uint32_t FIFO = 0;  // in place of the size of a device
 
@@ -84,7 +84,7 @@ std::string quoteForShell(const std::string& word) {
 }
 
 template <typename Row>
-void putClearedRows(Words& words, std::uint32_t base, std::uint32_t rows) {
+void putClearedRows(DeviceWords& words, std::uint32_t base, std::uint32_t rows) {
     Row row;
     row.toWords();
     for (std::uint32_t i = 0; i < rows; ++i) {
@@ -92,7 +92,7 @@ void putClearedRows(Words& words, std::uint32_t base, std::uint32_t rows) {
     }
 }
 
-void writeBackwards(Drivers::IMemIf& memory, const Words& words) {
+void writeBackwards(Drivers::IMemIf& memory, const DeviceWords& words) {
     for (auto i = static_cast<std::uint32_t>(words.size()); i-- > 0;) {
         memory.write32(i, words[i]);
     }
@@ -102,7 +102,7 @@ void writeBackwards(Drivers::IMemIf& memory, const Words& words) {
 }  // namespace
 
 void clearTsio(Drivers::IMemIf& memory) {
-    Words words(TSIO_DEVICE.size / sizeof(std::uint32_t));
+    DeviceWords words(TSIO_DEVICE.size / sizeof(std::uint32_t));
     putClearedRows<IpInEntry>(words, IpLut::TABLE.base, IpLut::TABLE.rows);
     putClearedRows<PhysInEntry>(words, PhysInMap::TABLE.base, PhysInMap::TABLE.rows);
     putClearedRows<PhysOutEntry>(words, PhysOutMap::TABLE.base, PhysOutMap::TABLE.rows);
@@ -111,7 +111,7 @@ void clearTsio(Drivers::IMemIf& memory) {
 }
 
 void clearRouter(Drivers::IMemIf& memory) {
-    Words words(ROUTER_DEVICE.size / sizeof(std::uint32_t));
+    DeviceWords words(ROUTER_DEVICE.size / sizeof(std::uint32_t));
     putClearedRows<PidLutEntry>(words, PidLut::TABLE.base, PidLut::TABLE.rows);
     putClearedRows<PidLutEntry>(words, PidLut::UPPER_BASE, PidLut::TABLE.rows);
     putClearedRows<TsiMapEntry>(words, TsiMap::TABLE.base, TsiMap::TABLE.rows);

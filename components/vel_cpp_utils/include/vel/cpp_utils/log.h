@@ -5,11 +5,11 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
-#include <fmt/format.h>
-#include <spdlog/logger.h>
+#include <fmt/core.h>
+#include <spdlog/common.h>
+#include <spdlog/fwd.h>
 
 namespace Vel::Log {
 
@@ -79,36 +79,29 @@ struct LocatedFormat {
 template <typename... Args>
 using Format = LocatedFormat<std::type_identity_t<Args>...>;
 
-/// Formats and queues one line. Never throws: if memory is short, the line is dropped. So logging is safe in
-/// thread bodies, event handlers and destructors.
-template <typename... Args>
-void write(spdlog::logger& logger, spdlog::level::level_enum level, Format<Args...> format,
-           Args&&... args) noexcept {
-    try {
-        // "{}" selects spdlog's formatting overload, the only one that reports its own failures.
-        logger.log(format.where, level, "{}", fmt::format(format.text, std::forward<Args>(args)...));
-    } catch (...) {  // no memory to report it either
-    }
-}
+/// Formats and queues one line if the logger has that level. Never throws: if memory is short, the line is
+/// dropped. So logging is safe in thread bodies, event handlers and destructors.
+void write(spdlog::logger& logger, spdlog::level::level_enum level, const spdlog::source_loc& where,
+           fmt::string_view format, fmt::format_args args) noexcept;
 
 template <typename... Args>
 void debug(spdlog::logger& logger, Format<Args...> format, Args&&... args) noexcept {
-    write(logger, spdlog::level::debug, format, std::forward<Args>(args)...);
+    write(logger, spdlog::level::debug, format.where, format.text, fmt::make_format_args(args...));
 }
 
 template <typename... Args>
 void info(spdlog::logger& logger, Format<Args...> format, Args&&... args) noexcept {
-    write(logger, spdlog::level::info, format, std::forward<Args>(args)...);
+    write(logger, spdlog::level::info, format.where, format.text, fmt::make_format_args(args...));
 }
 
 template <typename... Args>
 void warning(spdlog::logger& logger, Format<Args...> format, Args&&... args) noexcept {
-    write(logger, spdlog::level::warn, format, std::forward<Args>(args)...);
+    write(logger, spdlog::level::warn, format.where, format.text, fmt::make_format_args(args...));
 }
 
 template <typename... Args>
 void error(spdlog::logger& logger, Format<Args...> format, Args&&... args) noexcept {
-    write(logger, spdlog::level::err, format, std::forward<Args>(args)...);
+    write(logger, spdlog::level::err, format.where, format.text, fmt::make_format_args(args...));
 }
 
 }  // namespace Vel::Log
