@@ -1,8 +1,10 @@
 #include "tspacket_streaming/packet_dispatcher.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <csignal>
 #include <thread>
 
@@ -33,6 +35,7 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     const auto readRecords = [&](std::uint32_t count) {
         for (; count > 0; --count) {
             for (std::size_t read = 0; read < SIZE;) {
+                ASSERT_TRUE(CppUtil::waitFor(reader.get(), POLLIN, {}, std::chrono::minutes(1)));
                 const ssize_t got = ::read(reader.get(), &record[read], SIZE - read);
                 ASSERT_GT(got, 0);
                 read += static_cast<std::size_t>(got);
@@ -48,10 +51,11 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     stop.request_stop();
     {
         const std::jthread last(write, 'c', 1);  // is completed, because it has been started
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
         readRecords(1);
     }
+    const auto begin = std::chrono::steady_clock::now();
     write('d', 2);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1)) << "patience";
     ::fcntl(reader.get(), F_SETFL, O_NONBLOCK);
     const ssize_t got = ::read(reader.get(), record.data(), SIZE);
     EXPECT_TRUE(0 < got && got < ssize_t{SIZE}) << got << ": a started record is given up after a while";
