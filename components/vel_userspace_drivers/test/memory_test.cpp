@@ -66,10 +66,7 @@ TEST(LinDevMemAccessor, AccessLiesWithinTheSegmentAndSuitsItsWidth) {
         {[&] { memory.write32(0x40000000, 1); }, "4294967296 and byte size 4" + boundary},
         {[&] { memory.readBlock32(1, LARGEST); }, "4 and byte size 17179869180" + boundary},
         {[&] { memory.readBlock16(LARGEST, LARGEST); }, "8589934590 and byte size 8589934590" + boundary},
-        {[&] {
-             memory.writeBlock32(4095, {7, 7});
-         },
-         "16380 and byte size 8" + boundary},
+        {[&] { memory.writeBlock32(4095, std::vector(2, 7U)); }, "16380 and byte size 8" + boundary},
         {check(6, MemAccessType::R32), "6, byte size 4 and memory access type \"R32" + alignment},
         {check(5, MemAccessType::W16), "5, byte size 4 and memory access type \"W16" + alignment},
         {check(0, static_cast<MemAccessType>(6)),

@@ -15,7 +15,6 @@
 #include "tables/stand_ins.h"
 
 namespace Vel::Zepctl {
-
 namespace {
 
 using namespace Drivers::Zep;
@@ -97,8 +96,6 @@ protected:
 
     WatchedMemory memory;
 };
-
-}  // namespace
 
 TEST_F(InputTableTest, RowsMoveAsLittleAsPossible) {
     const struct {
@@ -220,4 +217,5 @@ TEST_F(RouteTableTest, RowsOfOtherSoftwareAreKeptInOrderIfTheyHaveARoute) {
               "5 0x0001 --out --no-cpu --pididx 4095 --filter 3\n9 0x0001 --pididx 1 --filter 255\n");
 }
 
+}  // namespace
 }  // namespace Vel::Zepctl
