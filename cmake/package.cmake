@@ -16,6 +16,10 @@ foreach(program zeptfem zepctl)
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${PROJECT_BINARY_DIR}/packaging/changelog.gz
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# systemd and udev look in lib, whatever the name of the directory for libraries is.
+install(FILES packaging/zeptfem.service DESTINATION lib/systemd/system)
+install(FILES packaging/sysusers.conf DESTINATION lib/sysusers.d RENAME zeptfem.conf)
+install(FILES packaging/60-zeptfem.rules DESTINATION lib/udev/rules.d)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -35,6 +39,9 @@ if(CMAKE_CROSSCOMPILING)
   file(WRITE ${CPACK_PROJECT_CONFIG_FILE}
     "set(SHLIBDEPS_EXECUTABLE ${PROJECT_BINARY_DIR}/packaging/dpkg-shlibdeps)\n")
 endif()
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/postinst
+  ${PROJECT_SOURCE_DIR}/packaging/prerm ${PROJECT_SOURCE_DIR}/packaging/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS bubblewrap)  # for zepctl run
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The zeptfem developers <zeptfem@packages.invalid>")
