@@ -1,4 +1,5 @@
 # The manual pages and, with CPack, the Debian package: cmake --build --preset release --target package
+# With ZEPTFEM_STATIC, a tarball for any root file system instead.
 set(pages ${PROJECT_SOURCE_DIR}/docs/zeptfem.8 ${PROJECT_SOURCE_DIR}/docs/zepctl.1)
 configure_file(${PROJECT_SOURCE_DIR}/packaging/changelog.in ${PROJECT_BINARY_DIR}/packaging/changelog @ONLY)
 foreach(page ${pages} ${PROJECT_BINARY_DIR}/packaging/changelog)
@@ -16,16 +17,36 @@ foreach(program zeptfem zepctl)
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${PROJECT_BINARY_DIR}/packaging/changelog.gz
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
-# systemd and udev look in lib, whatever the name of the directory for libraries is.
-install(FILES packaging/zeptfem.service DESTINATION lib/systemd/system)
-install(FILES packaging/sysusers.conf DESTINATION lib/sysusers.d RENAME zeptfem.conf)
-install(FILES packaging/60-zeptfem.rules DESTINATION lib/udev/rules.d)
+if(ZEPTFEM_STATIC)
+  # The static programs contain code of these packages.
+  foreach(package libc6-dev gcc-12-base libspdlog-dev libfmt-dev libcxxopts-dev libcli11-dev nlohmann-json3-dev)
+    install(FILES ${CMAKE_SYSROOT}/usr/share/doc/${package}/copyright
+      DESTINATION ${CMAKE_INSTALL_DOCDIR}/licences RENAME ${package})
+  endforeach()
+  foreach(licence LGPL-2.1 GPL-2 GPL-3)
+    install(FILES /usr/share/common-licenses/${licence} DESTINATION ${CMAKE_INSTALL_DOCDIR}/licences)
+  endforeach()
+  execute_process(COMMAND zcat ${CMAKE_SYSROOT}/usr/share/doc/libc6-dev/changelog.Debian.gz
+    COMMAND sed "s/^glibc (\\(.*\\)) .*/\\1/; q" OUTPUT_VARIABLE glibc_version OUTPUT_STRIP_TRAILING_WHITESPACE)
+  configure_file(packaging/licences.in packaging/README @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/README DESTINATION ${CMAKE_INSTALL_DOCDIR}/licences)
+else()
+  # systemd and udev look in lib, whatever the name of the directory for libraries is.
+  install(FILES packaging/zeptfem.service DESTINATION lib/systemd/system)
+  install(FILES packaging/sysusers.conf DESTINATION lib/sysusers.d RENAME zeptfem.conf)
+  install(FILES packaging/60-zeptfem.rules DESTINATION lib/udev/rules.d)
+endif()
 
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+if(ZEPTFEM_STATIC)
+  set(CPACK_GENERATOR TXZ)
+  set(CPACK_PACKAGE_FILE_NAME zeptfem_${PROJECT_VERSION}_${ZEPTFEM_ARCH}-static)
+else()
+  set(CPACK_GENERATOR DEB)
+  set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE "")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
