@@ -2,6 +2,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "command_line.h"
 #include "command_result.h"
@@ -17,17 +18,33 @@
 namespace Vel::Zepctl {
 
 namespace Zep = Drivers::Zep;
+using Json = nlohmann::ordered_json;
 
 namespace {
 
+Json jsonOf(const Zep::IpInEntry& input) {
+    return {{"uri", buildInputUri(input)}, {"tsiidx", input.getTSIIDX()}};
+}
+
+Json jsonOf(const Zep::PidLutEntry& route) {
+    return {{"tsiidx", route.getTSIIDX()},     {"pid", route.getPID()},
+            {"pididx", route.getPIDIDX()},     {"cpu_route", route.isCpuRoute()},
+            {"out_route", route.isOutRoute()}, {"filtidx", route.getFiltTabIDX()}};
+}
+
 /// To be called after the lock is released: the reader of the output may be slow, or need the lock itself.
 template <typename Row>
-void printRows(const std::vector<Row>& rows, std::string (*format)(const Row&)) {
+void printRows(const std::vector<Row>& rows, std::string (*format)(const Row&), bool isJson) {
     std::string lines;
+    Json array = Json::array();
     for (const Row& row : rows) {
-        lines += format(row) + '\n';
+        isJson ? array.push_back(jsonOf(row)) : void(lines += format(row) + '\n');
     }
-    printOutput(lines);
+    printOutput(isJson ? array.dump(2) + '\n' : lines);
+}
+
+void addJson(CLI::App& command, Arguments& args) {
+    command.add_flag("--json", args.json, "print a JSON array with an object for each row");
 }
 
 void printPorts() {
@@ -99,13 +116,15 @@ void declareInput(CLI::App& app, Arguments& args) {
                                       });
     remove.add_option("URI", args.uri, "as input list prints it")->required();
 
-    declareCommand(
-        input, "list", "Print the inputs in the form that input add accepts",
-        "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list", [&] {
-            const InputTable table(LockedDevice(args.tsio, Zep::TSIO_DEVICE, Access::Read).memory());
-            printRows(table.list(), formatInput);
-            table.checkOrder();
-        });
+    addJson(declareCommand(input, "list", "Print the inputs in the form that input add accepts",
+                           "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list",
+                           [&] {
+                               const InputTable table(
+                                   LockedDevice(args.tsio, Zep::TSIO_DEVICE, Access::Read).memory());
+                               printRows(table.list(), formatInput, args.json);
+                               table.checkOrder();
+                           }),
+            args);
 }
 
 void declareRouteKey(CLI::App& command, Arguments& args) {
@@ -143,12 +162,15 @@ void declareRoute(CLI::App& app, Arguments& args) {
                        });
     declareRouteKey(remove, args);
 
-    declareCommand(
-        route, "list", "Print the routes in the form that route add accepts",
-        "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list", [&] {
-            const RouteTable table(LockedDevice(args.router, Zep::ROUTER_DEVICE, Access::Read).memory());
-            printRows(table.list(), formatRoute);
-        });
+    addJson(
+        declareCommand(route, "list", "Print the routes in the form that route add accepts",
+                       "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list",
+                       [&] {
+                           const RouteTable table(
+                               LockedDevice(args.router, Zep::ROUTER_DEVICE, Access::Read).memory());
+                           printRows(table.list(), formatRoute, args.json);
+                       }),
+        args);
 }
 
 }  // namespace

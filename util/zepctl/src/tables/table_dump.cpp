@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "command_line.h"
 #include "command_result.h"
@@ -70,6 +71,33 @@ std::string dumpTable(const Arguments& args) {
     return lines.str();
 }
 
+/// An array with an object for each line "ROW (0xWORD): KEY:VALUE, KEY:VALUE".
+std::string toJson(const std::string& dumped) {
+    auto rows = nlohmann::ordered_json::array();
+    std::istringstream lines(dumped);
+    for (std::string line; std::getline(lines, line);) {
+        const auto numberOf = [](const std::string& text) {
+            return std::stoul(text, nullptr, text.starts_with("0x") ? 16 : 10);
+        };
+        nlohmann::ordered_json row = {{"row", numberOf(line)},
+                                      {"word", numberOf(line.substr(line.find('(') + 1))}};
+        std::istringstream fields(line.substr(line.find(": ") + 1));
+        for (std::string field; std::getline(fields >> std::ws, field, ',');) {
+            const std::string value = field.substr(field.find(':') + 1);
+            auto& item = row[CLI::detail::to_lower(field.substr(0, field.find(':')))];
+            if (value == "YES" || value == "NO") {
+                item = value == "YES";
+            } else if (value.find_first_of(".:") == std::string::npos) {
+                item = numberOf(value);
+            } else {  // an address
+                item = value;
+            }
+        }
+        rows.push_back(std::move(row));
+    }
+    return rows.dump(2) + '\n';
+}
+
 }  // namespace
 
 void declareDump(CLI::App& app, Arguments& args) {
@@ -81,13 +109,14 @@ void declareDump(CLI::App& app, Arguments& args) {
         "An empty row of pidlut or physinmap holds a fill value, not zeros. An all-zero row is therefore\n"
         "printed. In pidlut it routes nothing; in physinmap it is in use and feeds input 0.\n\n"
         "Example: zepctl dump iplut\n         zepctl dump pidlut --first 0 --count 16 --all --bank 1",
-        [&] { printOutput(dumpTable(args)); });
+        [&] { printOutput(args.json ? toJson(dumpTable(args)) : dumpTable(args)); });
     dump.add_option("TABLE", args.table, "the table")->required()->check(CLI::IsMember(names));
     addNumber(dump, "--first", args.firstRow, {0, ROWS - 1}, "first row (default: first row of the table)");
     addNumber(dump, "--count", args.rowCount, {0, ROWS}, "number of rows to read (default: all that follow)");
     addNumber(dump, "--bank", args.bank, {0, 1},
               "bank of pidlut; 0: in use (default), 1: the other, whatever the value of the bank select bit");
     dump.add_flag("--all", args.allRows, "also print empty rows");
+    dump.add_flag("--json", args.json, "print a JSON array with an object for each row");
 }
 
 }  // namespace Vel::Zepctl
