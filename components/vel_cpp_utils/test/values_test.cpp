@@ -87,7 +87,8 @@ TEST(Addresses, OtherTextsAndSizesAreRefusedByName) {
     };
     for (const std::string text :
          {"", "256.0.0.1", "1.2.3.256", "1.2.3.4.5", "10..2.3", ".10.2.3", ".1.2.3.4", "1.2.3.4x", "1.2. 3.4",
-          " 1.2.3.4", "1.2.3.4\n", "1.2.3.-4", "+1.2.3.4", "1234.1.1.1", "10.20.30", "10.20.30.", "1.2.3."}) {
+          " 1.2.3.4", "1.2.3.4\n", "1.2.3.-4", "+1.2.3.4", "1234.1.1.1", "0001.2.3.4", "10.20.30",
+          "10.20.30.", "1.2.3."}) {
         EXPECT_EQ(thrownText<ParsingError>([&] { IpAdrContainer::fromString(text); }),
                   unreadable("IPv4 address", text));
     }

@@ -172,7 +172,8 @@ TEST(Rows, SettersEnableWhereTheyShould) {
     EXPECT_FALSE(map.isRemap());
     map.setRemapPID(0x100);
     EXPECT_TRUE(map.isRemap() && !map.isEnabled());
-    IpOutEntry out(9, MAC, IP, 5000, true);
+    IpOutEntry out(9, MacAdrContainer(), IP, 5000, true);
+    out.setMac(MAC);
     out.clear();
     EXPECT_EQ(encoded(out), Words({0x00000011, 0x22334455, 0, 0x0000FFFF})) << "the MAC address stays";
 }

@@ -6,7 +6,10 @@
 
 #include <chrono>
 #include <csignal>
+#include <optional>
 #include <thread>
+
+#include <gmock/gmock.h>
 
 #include "support.h"
 #include "vel/cpp_utils/error.h"
@@ -24,12 +27,12 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     const CppUtil::FileDescriptor reader(::open(path.c_str(), O_RDWR));
     std::string record(SIZE, '\0');
     std::stop_source stop;
-    PacketDispatcher dispatcher(path, stop.get_token());
+    std::optional<PacketDispatcher> dispatcher(std::in_place, path, stop.get_token());
     const auto write = [&](char content, std::uint32_t records) {
         auto packet = Ts::LowlevInTSPacket::create<SIZE>();
         std::fill_n(packet.getWriteDataPtr(), SIZE, content);
         for (; records > 0; --records) {
-            dispatcher.dispatch(packet, stop.get_token());
+            dispatcher->dispatch(packet, stop.get_token());
         }
     };
     const auto readRecords = [&](std::uint32_t count) {
@@ -60,6 +63,10 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
     const ssize_t got = ::read(reader.get(), record.data(), SIZE);
     EXPECT_TRUE(0 < got && got < ssize_t{SIZE}) << got << ": a started record is given up after a while";
     EXPECT_EQ(::read(reader.get(), record.data(), SIZE), -1) << "the second one is not started";
+    testing::internal::CaptureStdout();
+    dispatcher.reset();
+    EXPECT_TRUE(Log::drain(std::chrono::minutes(1)));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::HasSubstr("no progress for 1 s"));
 }
 
 TEST(PacketDispatcher, ADeviceThatFailsWithinARecordIsReportedToTheNextOne) {

@@ -172,6 +172,11 @@ TEST_F(InputTableTest, AWriterKilledAtAnyStoreLeavesATableThatTheNextOneMends) {
         add(input(7, 25));
         EXPECT_EQ(InputTable(memory).list(), (std::vector{input(251, 10), input(252, 20), input(7, 25),
                                                           input(253, 30), input(254, 40)}));
+        memory.words = killed;
+        for (const std::uint32_t host : {10, 20, 30, 40}) {
+            remove(input(0, host));
+        }
+        EXPECT_THAT(InputTable(memory).list(), testing::Each(input(9, 15)));
         killed[store.first] = store.second;
     }
 }
