@@ -4,9 +4,11 @@
 
 #include <array>
 #include <csignal>
+#include <sstream>
 
 #include <gmock/gmock.h>
 #include <spdlog/logger.h>
+#include <spdlog/sinks/ostream_sink.h>
 
 #include "test_files.h"
 #include "vel/cpp_utils/assertion.h"
@@ -94,6 +96,14 @@ TEST(Log, FullQueueDropsOldestLines) {
     const auto lines = std::ranges::count(text, '\n');
     EXPECT_TRUE(lines >= 8192 && lines < LINES) << lines;
     EXPECT_THAT(text, testing::EndsWith(fmt::format(" {}\n", LINES - 1)));
+}
+
+TEST(Log, LocationIsThatOfTheStatement) {
+    std::ostringstream text;
+    spdlog::logger logger("located", std::make_shared<spdlog::sinks::ostream_sink_mt>(text));
+    logger.set_pattern("%s:%# %v");
+    info(logger, "{}", "message");
+    EXPECT_EQ(text.str(), fmt::format("log_test.cpp:{} message\n", __LINE__ - 1));
 }
 
 TEST(AssertionDeathTest, FailureIsWrittenAndAbortsUnlessItIsTurnedOff) {

@@ -57,8 +57,9 @@ TEST(PacketDispatcher, ThreadsDoNotMixTheirRecordsAndAStopEndsTheOutput) {
         readRecords(1);
     }
     const auto begin = std::chrono::steady_clock::now();
-    write('d', 2);
+    write('d', 1);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1)) << "patience";
+    write('d', 1);
     ::fcntl(reader.get(), F_SETFL, O_NONBLOCK);
     const ssize_t got = ::read(reader.get(), record.data(), SIZE);
     EXPECT_TRUE(0 < got && got < ssize_t{SIZE}) << got << ": a started record is given up after a while";

@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <sstream>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <spdlog/logger.h>
