@@ -1,5 +1,5 @@
 # The manual pages and, with CPack, the Debian package: cmake --build --preset release --target package
-# With ZEPTFEM_STATIC, a tarball for any root file system instead.
+# With ZEPTFEM_STATIC, what scripts/cross puts into a tarball for any root file system is installed instead.
 set(pages ${PROJECT_SOURCE_DIR}/docs/zeptfem.8 ${PROJECT_SOURCE_DIR}/docs/zepctl.1)
 configure_file(${PROJECT_SOURCE_DIR}/packaging/changelog.in ${PROJECT_BINARY_DIR}/packaging/changelog @ONLY)
 foreach(page ${pages} ${PROJECT_BINARY_DIR}/packaging/changelog)
@@ -28,6 +28,9 @@ if(ZEPTFEM_STATIC)
   endforeach()
   execute_process(COMMAND zcat ${CMAKE_SYSROOT}/usr/share/doc/libc6-dev/changelog.Debian.gz
     COMMAND sed "s/^glibc (\\(.*\\)) .*/\\1/; q" OUTPUT_VARIABLE glibc_version OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT glibc_version)
+    message(FATAL_ERROR "The version of the C library in ${CMAKE_SYSROOT} is unknown")
+  endif()
   configure_file(packaging/licences.in packaging/README @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/packaging/README DESTINATION ${CMAKE_INSTALL_DOCDIR}/licences)
 else()
@@ -37,16 +40,11 @@ else()
   install(FILES packaging/60-zeptfem.rules DESTINATION lib/udev/rules.d)
 endif()
 
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-if(ZEPTFEM_STATIC)
-  set(CPACK_GENERATOR TXZ)
-  set(CPACK_PACKAGE_FILE_NAME zeptfem_${PROJECT_VERSION}_${ZEPTFEM_ARCH}-static)
-else()
-  set(CPACK_GENERATOR DEB)
-  set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE "")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
