@@ -14,6 +14,7 @@
 #include "fake_memory.h"
 #include "fpga_monitoring/iplut_monitor.h"
 #include "fpga_monitoring/pidlut_monitor.h"
+#include "recording_consumer.h"
 #include "require.h"
 
 namespace {
@@ -21,25 +22,14 @@ namespace {
 using namespace Vel;
 
 /// The rows that have been reported as added and not as removed.
-struct Present : Utils::IFPGAEventConsumer {
-    void handleEvent(std::unique_ptr<Utils::FPGAMonEvent> event) override {
-        note<Utils::FPGAMonEvent_InputTSAdded>(*event, true, &Utils::FPGAMonEvent_InputTSAdded::getUri);
-        note<Utils::FPGAMonEvent_InputTSRemoved>(*event, false, &Utils::FPGAMonEvent_InputTSRemoved::getUri);
-        note<Utils::FPGAMonEvent_CPUPIDAdded>(*event, true, &Utils::FPGAMonEvent_CPUPIDAdded::getPID);
-        note<Utils::FPGAMonEvent_CPUPIDRemoved>(*event, false, &Utils::FPGAMonEvent_CPUPIDRemoved::getPID);
-        ++events;
-    }
-    template <typename Event>
-    void note(const Utils::FPGAMonEvent& event, bool isAdded, auto what) {
-        if (const auto* seen = dynamic_cast<const Event*>(&event)) {
-            const std::string row = fmt::format("{}@{}", (seen->*what)(), seen->getTSIIDX());
-            isAdded ? static_cast<void>(rows.insert(row)) : static_cast<void>(rows.erase(row));
-        }
-    }
-
+std::set<std::string> presentRows(const Utils::RecordingConsumer& consumer) {
     std::set<std::string> rows;
-    int events = 0;
-};
+    for (const std::string& event : consumer.events) {
+        event[0] == '+' ? static_cast<void>(rows.insert(event.substr(1)))
+                        : static_cast<void>(rows.erase(event.substr(1)));
+    }
+    return rows;
+}
 
 void load(Drivers::FakeMemory& memory, const std::uint8_t* data, std::size_t size, std::uint32_t base) {
     std::memcpy(&memory.words[base], data, std::min<std::size_t>(size, 4096));
@@ -57,20 +47,20 @@ bool isSorted(Drivers::FakeMemory& memory) {
 
 template <typename Table>
 void poll(const std::shared_ptr<Drivers::FakeMemory>& memory, const std::uint8_t* data, std::size_t size) {
-    Present present;
-    Utils::TableLutMonitor<Table> monitor(memory, present);
+    Utils::RecordingConsumer consumer;
+    Utils::TableLutMonitor<Table> monitor(memory, consumer);
     load(*memory, data, size / 2, Table::LAYOUT.base);
     bool isOrdered = isSorted<Table>(*memory);
     monitor.pollLut();
     load(*memory, data + size / 2, size - size / 2, Table::LAYOUT.base);
     isOrdered = isOrdered && isSorted<Table>(*memory);
     monitor.pollLut();
-    const int events = present.events;
+    const std::size_t events = consumer.events.size();
     monitor.pollLut();
-    REQUIRE(present.events == events);
-    Present atOnce;
+    REQUIRE(consumer.events.size() == events);
+    Utils::RecordingConsumer atOnce;
     Utils::TableLutMonitor<Table>(memory, atOnce).pollLut();
-    REQUIRE(!isOrdered || present.rows == atOnce.rows);
+    REQUIRE(!isOrdered || presentRows(consumer) == presentRows(atOnce));
 }
 
 }  // namespace

@@ -15,10 +15,7 @@ using Octets = std::vector<std::uint8_t>;
 
 TEST(Error, TextIsCategoryDetailAndPlace) {
     EXPECT_STREQ(InitializationError("detail", "f.cpp", 1).what(), "Initialization Error: detail(f.cpp:1)");
-    EXPECT_STREQ(ParsingError("detail", "f.cpp", 22).what(), "Generic parsing Error: detail(f.cpp:22)");
     EXPECT_STREQ(OutOfRangeError("detail", "f.cpp", 333).what(), "Out of Range Error: detail(f.cpp:333)");
-    EXPECT_STREQ(InvalidArgumentError("detail", "f.cpp", -1).what(),
-                 "Invalid Argument Error: detail(f.cpp:-1)");
     EXPECT_STREQ(NotImplementedError("", "f.cpp", 0).what(), "Not Implemented Error: (f.cpp:0)");
     const Error& error = IOError("detail", "reason", "f.cpp", 1);
     EXPECT_STREQ(error.what(), "IOErrorr: detail(f.cpp:1)");

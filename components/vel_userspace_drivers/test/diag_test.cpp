@@ -12,7 +12,6 @@ namespace Vel::Drivers::Zep {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using Words = std::vector<std::uint32_t>;
 using CppUtil::InvalidArgumentError;
 
@@ -124,8 +123,6 @@ TEST_F(Diag, RangeIsRefusedBeforeAnythingIsRead) {
     EXPECT_EQ(refusal([&] { readPidLut(absent, 4294967295, 2, true); }),
               "Invalid Argument Error: Offset (4294967295) and count (2) exceeds the size (2048) of the ZEP "
               "PID LUT.");
-    EXPECT_THAT(refusal([&] { dumpIpLut(absent, 1, 256, 0, true, output); }), HasSubstr("Offset (1)"));
-    EXPECT_THAT(refusal([&] { dumpOPidMap(absent, 0, 4097, true, output); }), HasSubstr("count (4097)"));
     EXPECT_EQ(refusal([&] { dumpOPidMap(absent, 0, 1, true, output); }),
               "Invalid Argument Error: Offset value 0 is not permitted in the ZEP O-PID MAP, since this is a "
               "reserved value.");

@@ -5,6 +5,7 @@
 #include "fake_memory.h"
 #include "fpga_monitoring/iplut_monitor.h"
 #include "fpga_monitoring/pidlut_monitor.h"
+#include "recording_consumer.h"
 #include "support.h"
 #include "thrown_text.h"
 #include "vel/userspace_drivers/interfaces/pci/pciif.h"
@@ -36,10 +37,10 @@ const TableRule PID_LUT = {
 /// An event's text without its sign.
 std::string describe(const TableRule& table, std::uint64_t row) {
     if (&table == &PID_LUT) {
-        return fmt::format("{}@{}", row >> 32 & 0x1FFF, row >> 45 & 0xFF);
+        return fmt::format("{} {}", row >> 32 & 0x1FFF, row >> 45 & 0xFF);
     }
     const std::uint64_t port = row & 0xFFFF;
-    return fmt::format("udp://{}.{}.{}.{}{}@{}", row >> 56, row >> 48 & 0xFF, row >> 40 & 0xFF,
+    return fmt::format("udp://{}.{}.{}.{}{} {}", row >> 56, row >> 48 & 0xFF, row >> 40 & 0xFF,
                        row >> 32 & 0xFF, port == 0 ? "" : ":" + std::to_string(port), row >> 16 & 0xFF);
 }
 
@@ -86,8 +87,6 @@ bool contains(const TableRule& table, const Rows& rows, std::uint64_t wanted) {
     return found != rows.end() && *found == wanted;
 }
 
-constexpr const char* CHANGE_END = "end";
-
 Events changes(const TableRule& table, const Rows& before, const Rows& after) {
     Events events;
     const auto pass = [&](char sign, const Rows& rows, const Rows& others) {
@@ -99,28 +98,9 @@ Events changes(const TableRule& table, const Rows& before, const Rows& after) {
     };
     pass('-', before, after);
     pass('+', after, before);
-    events.emplace_back(CHANGE_END);
+    events.emplace_back(RecordingConsumer::CHANGE_END);
     return events;
 }
-
-/// Records each event as "+" or "-", the URI or the PID, "@" and the TSIIDX.
-struct RecordingConsumer : IFPGAEventConsumer {
-    void handleEvent(std::unique_ptr<FPGAMonEvent> event) override {
-        note<FPGAMonEvent_InputTSAdded>('+', *event, &FPGAMonEvent_InputTSAdded::getUri);
-        note<FPGAMonEvent_InputTSRemoved>('-', *event, &FPGAMonEvent_InputTSRemoved::getUri);
-        note<FPGAMonEvent_CPUPIDAdded>('+', *event, &FPGAMonEvent_CPUPIDAdded::getPID);
-        note<FPGAMonEvent_CPUPIDRemoved>('-', *event, &FPGAMonEvent_CPUPIDRemoved::getPID);
-    }
-    void handleChangeEnd() override { events.emplace_back(CHANGE_END); }
-    template <typename Event>
-    void note(char sign, const FPGAMonEvent& event, auto what) {
-        if (const auto* seen = dynamic_cast<const Event*>(&event)) {
-            events.push_back(fmt::format("{}{}@{}", sign, (seen->*what)(), seen->getTSIIDX()));
-        }
-    }
-
-    Events events;
-};
 
 class LutModelTest : public testing::TestWithParam<const TableRule*> {
 protected:
@@ -209,8 +189,8 @@ TEST(LutMonitor, FileTruncatedAfterItsUsedRowsIsNoticedAndPickedUpAgain) {
     EXPECT_EQ(poll(), "nothing thrown");
     device->write32(IP_LUT.lowerBase + 1, 0);
     monitor.pollLut();
-    EXPECT_THAT(consumer.events, testing::ElementsAre("+udp://239.1.2.3:5000@5", CHANGE_END,
-                                                      "-udp://239.1.2.3:5000@5", CHANGE_END));
+    EXPECT_THAT(consumer.events,
+                testing::ElementsAre("+udp://239.1.2.3:5000 5", "end", "-udp://239.1.2.3:5000 5", "end"));
 }
 
 }  // namespace

@@ -5,7 +5,11 @@
 #include <deque>
 #include <functional>
 #include <future>
+#include <sstream>
 #include <utility>
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/ostream_sink.h>
 
 #include "support.h"
 #include "tspacket_streaming/max_rate_adapter.h"
@@ -116,6 +120,33 @@ TEST(PktioStreamIn, RoutesAndRemovalsTakeEffectWhileTheDeviceIsFull) {
         EXPECT_EQ(records, written);
         EXPECT_EQ(dispatcher.getRecordCount(), written);
     }
+}
+
+/// The rate of a status line lies between those for the times around its limits.
+TEST(StreamStatus, TheRateIsThatOfTheTimeSinceTheLastLine) {
+    using std::chrono::steady_clock;
+    const TemporaryFolder folder;
+    writeFile(folder / "ts", Bytes(3 * Ts::TS_PACKET_SIZE));
+    std::ostringstream text;
+    spdlog::logger logger("status", std::make_shared<spdlog::sinks::ostream_sink_mt>(text));
+    auto lastBefore = steady_clock::now();
+    StreamStatus status;
+    auto lastAfter = steady_clock::now();
+    for (const int written : {1, 1'000'000, 3}) {
+        for (int i = 0; i < written; ++i) {
+            status.packetsWritten.increment();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        const auto per = [&](auto time) { return written / std::chrono::duration<double>(time).count(); };
+        const auto before = steady_clock::now();
+        const double highest = per(before - lastAfter);
+        status.log(logger, 1, "uri", TsFile(folder / "ts", {}));
+        lastAfter = steady_clock::now();
+        const double rate = std::stod(text.str().substr(text.str().rfind("rate=") + 5));
+        EXPECT_TRUE(per(lastAfter - std::exchange(lastBefore, before)) - 0.5 <= rate &&
+                    rate <= highest + 0.5);
+    }
+    EXPECT_THAT(text.str(), testing::HasSubstr("state=waiting read=1 written=1 held=0 percent=33 rate="));
 }
 
 }  // namespace

@@ -1,17 +1,9 @@
 #include "tspacket_streaming/ts_file.h"
 
 #include <array>
-#include <chrono>
-#include <sstream>
-#include <thread>
-
-#include <gmock/gmock.h>
-#include <spdlog/logger.h>
-#include <spdlog/sinks/ostream_sink.h>
 
 #include "support.h"
 #include "thrown_text.h"
-#include "tspacket_streaming/stream_status.h"
 
 namespace Vel::Utils {
 namespace {
@@ -53,33 +45,6 @@ TEST(TsFile, PacketsAreReadInOrderAndTheEndIsSeenExactly) {
     EXPECT_FALSE(directory.isAtEnd());
     EXPECT_EQ(thrownText<CppUtil::IOError>([&] { static_cast<void>(directory.readPacket(packet)); }),
               "IOErrorr: Unknown error occurred when reading from \"" + folder / "." + "\"");
-}
-
-TEST(StreamStatus, TheRateIsThatOfTheTimeSinceTheLastLine) {
-    using std::chrono::steady_clock;
-    const TemporaryFolder folder;
-    writeFile(folder / "ts", patternBytes(3 * SIZE));
-    std::ostringstream text;
-    spdlog::logger logger("status", std::make_shared<spdlog::sinks::ostream_sink_mt>(text));
-    std::array<steady_clock::time_point, 2> last = {steady_clock::now()};  // before and after
-    StreamStatus status;
-    last[1] = steady_clock::now();
-    for (const int written : {1, 1'000'000, 3}) {
-        for (int i = 0; i < written; ++i) {
-            status.packetsWritten.increment();
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        const auto before = steady_clock::now();
-        status.log(logger, 1, "uri", TsFile(folder / "ts", {}));
-        const auto after = steady_clock::now();
-        const std::string line = text.str();
-        const double rate = std::stod(line.substr(line.rfind("rate=") + 5));
-        const auto per = [&](auto time) { return written / std::chrono::duration<double>(time).count(); };
-        EXPECT_LE(rate, per(before - last[1]) + 0.5);
-        EXPECT_GE(rate, per(after - last[0]) - 0.5);
-        last = {before, after};
-    }
-    EXPECT_THAT(text.str(), testing::HasSubstr("state=waiting read=1 written=1 held=0 percent=33 rate="));
 }
 
 }  // namespace

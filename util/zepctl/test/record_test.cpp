@@ -342,13 +342,12 @@ TEST(RecordWatch, HasOneRowPerInputAndDoesNotTimeWhatWasThereBefore) {
     EXPECT_THAT(watch.formatRows(Seconds(1.4), START, false),
                 testing::ElementsAre("      1  no records yet"));
     watch.add(bytesOf(recordsOf("1 3")), std::nullopt);
+    watch.add(bytesOf(recordsOf("0t 1t")), START);
     for (int i = 0; i <= 7; ++i) {
-        const std::string records = std::to_string(4 + i) + "p" + std::to_string(999 * i) +
-                                    (i == 0   ? " 0t 1t"
-                                     : i == 7 ? " 2t"
-                                              : "");
-        watch.add(bytesOf(recordsOf(records)), START + milliseconds(1000) * i);
+        const std::string record = recordsOf(std::to_string(4 + i) + "p" + std::to_string(999 * i));
+        watch.add(bytesOf(record), START + milliseconds(1000) * i);
     }
+    watch.add(bytesOf(recordsOf("2t")), START + milliseconds(7000));
     EXPECT_THAT(watch.formatRows(Seconds(3725.4), START + milliseconds(7000), false),
                 testing::ElementsAre(
                     "   3725       3        1.5        1.5          10           1      +4.0    +1001",

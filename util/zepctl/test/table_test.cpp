@@ -10,6 +10,7 @@
 
 #include "fake_memory.h"
 #include "fpga_monitoring/iplut_monitor.h"
+#include "recording_consumer.h"
 #include "tables/input_table.h"
 #include "tables/route_table.h"
 #include "tables/stand_ins.h"
@@ -30,17 +31,11 @@ void putRow(WatchedMemory& memory, const Table& table, std::size_t index, Row ro
     std::ranges::copy(row.getWords(), &memory.words.at(table.base + index * Row::WORDS));
 }
 
-/// What zeptfem's monitor of the IP LUT reports, "+" or "-" and the URI, if it knows the words `initial` and
-/// reads on while `stores` are made: before each load, the next one with a chance of one in `loadsPerStore`.
+/// What zeptfem's monitor of the IP LUT reports, "+" or "-", the URI and the TSIIDX, if it knows the words
+/// `initial` and reads on while `stores` are made: before each load, the next one with a chance of one in
+/// `loadsPerStore`.
 std::vector<std::string> eventsSeen(const Words& initial, const Stores& stores, unsigned loadsPerStore) {
-    struct Consumer : Utils::IFPGAEventConsumer {
-        void handleEvent(std::unique_ptr<Utils::FPGAMonEvent> event) override {
-            const auto* added = dynamic_cast<const Utils::FPGAMonEvent_InputTSAdded*>(event.get());
-            const auto* removed = dynamic_cast<const Utils::FPGAMonEvent_InputTSRemoved*>(event.get());
-            events.push_back(added != nullptr ? "+" + added->getUri() : "-" + removed->getUri());
-        }
-        std::vector<std::string> events;
-    } consumer;
+    Utils::RecordingConsumer consumer;
     const auto memory = std::make_shared<WatchedMemory>();
     Utils::IpLutMonitor monitor(memory, consumer);
     memory->words = initial;
@@ -58,6 +53,7 @@ std::vector<std::string> eventsSeen(const Words& initial, const Stores& stores, 
         monitor.pollLut();
     }
     monitor.pollLut();
+    std::erase(consumer.events, consumer.CHANGE_END);
     return consumer.events;
 }
 
@@ -141,12 +137,12 @@ TEST_F(InputTableTest, AReaderNeverSeesAnotherInputComeOrGo) {
         for (std::uint32_t tsiidx = 5; tsiidx < 15; ++tsiidx) {
             const Words initial = memory.words;
             memory.stores.clear();
-            const std::string removal = "-" + buildInputUri(inputs[tsiidx]);
+            const std::string removal = "-" + formatInput(inputs[tsiidx]);
             remove(inputs[tsiidx]);
             addRandom(tsiidx);
             for (const unsigned loadsPerStore : {1U, 2U, 10U, 100U, 2000U}) {
                 EXPECT_THAT(eventsSeen(initial, memory.stores, loadsPerStore),
-                            testing::UnorderedElementsAre(removal, "+" + buildInputUri(inputs[tsiidx])));
+                            testing::UnorderedElementsAre(removal, "+" + formatInput(inputs[tsiidx])));
             }
         }
         auto sorted = inputs;
@@ -160,7 +156,7 @@ TEST_F(InputTableTest, ATableThatIsEmptiedShowsNoOtherInputs) {
     const Words initial = memory.words;
     clearTsio(memory);
     EXPECT_THAT(eventsSeen(initial, memory.stores, 2000),
-                testing::UnorderedElementsAre("-udp://239.0.0.10:5000", "-udp://239.0.0.20:5000"));
+                testing::UnorderedElementsAre("-udp://239.0.0.10:5000 254", "-udp://239.0.0.20:5000 255"));
 }
 
 TEST_F(InputTableTest, AWriterKilledAtAnyStoreLeavesATableThatTheNextOneMends) {

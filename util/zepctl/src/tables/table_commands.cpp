@@ -38,7 +38,11 @@ void printRows(const std::vector<Row>& rows, std::string (*format)(const Row&), 
     std::string lines;
     Json array = Json::array();
     for (const Row& row : rows) {
-        isJson ? array.push_back(jsonOf(row)) : void(lines += format(row) + '\n');
+        if (isJson) {
+            array.push_back(jsonOf(row));
+        } else {
+            lines += format(row) + '\n';
+        }
     }
     printOutput(isJson ? array.dump(2) + '\n' : lines);
 }
@@ -116,15 +120,14 @@ void declareInput(CLI::App& app, Arguments& args) {
                                       });
     remove.add_option("URI", args.uri, "as input list prints it")->required();
 
-    addJson(declareCommand(input, "list", "Print the inputs in the form that input add accepts",
-                           "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list",
-                           [&] {
-                               const InputTable table(
-                                   LockedDevice(args.tsio, Zep::TSIO_DEVICE, Access::Read).memory());
-                               printRows(table.list(), formatInput, args.json);
-                               table.checkOrder();
-                           }),
-            args);
+    CLI::App& list = declareCommand(
+        input, "list", "Print the inputs in the form that input add accepts",
+        "Prints lines like\n  udp://239.1.2.3:5000 3\n\nExample: zepctl input list", [&] {
+            const InputTable table(LockedDevice(args.tsio, Zep::TSIO_DEVICE, Access::Read).memory());
+            printRows(table.list(), formatInput, args.json);
+            table.checkOrder();
+        });
+    addJson(list, args);
 }
 
 void declareRouteKey(CLI::App& command, Arguments& args) {
@@ -162,15 +165,13 @@ void declareRoute(CLI::App& app, Arguments& args) {
                        });
     declareRouteKey(remove, args);
 
-    addJson(
-        declareCommand(route, "list", "Print the routes in the form that route add accepts",
-                       "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list",
-                       [&] {
-                           const RouteTable table(
-                               LockedDevice(args.router, Zep::ROUTER_DEVICE, Access::Read).memory());
-                           printRows(table.list(), formatRoute, args.json);
-                       }),
-        args);
+    CLI::App& list = declareCommand(
+        route, "list", "Print the routes in the form that route add accepts",
+        "Prints lines like\n  3 0x0100 --pididx 1 --filter 255\n\nExample: zepctl route list", [&] {
+            const RouteTable table(LockedDevice(args.router, Zep::ROUTER_DEVICE, Access::Read).memory());
+            printRows(table.list(), formatRoute, args.json);
+        });
+    addJson(list, args);
 }
 
 }  // namespace
