@@ -5,11 +5,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <string_view>
 
-#include <climits>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
