@@ -48,7 +48,8 @@ struct Arguments {
     std::optional<std::uint32_t> bank;      ///< else bank 0, the one in use
     bool allRows = false;                   ///< also those that are not in use
 
-    std::string file;  ///< of records
+    std::string file;    ///< of records
+    std::string output;  ///< file to write
     bool json = false;
     bool strict = false;
     std::vector<std::string> against;

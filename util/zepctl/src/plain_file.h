@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "command_result.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
@@ -57,6 +58,27 @@ struct OpenFile {
         throw systemError("Cannot create " + path);
     }
     return opened;
+}
+
+/// Throws CommandError unless an output of that status can be overwritten: a plain file with a single link,
+/// other than the input.
+inline void requireOutput(const std::string& path, const struct stat& status, const struct stat& input) {
+    const bool isInput = status.st_dev == input.st_dev && status.st_ino == input.st_ino;
+    if (isInput || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
+        const std::string reason = isInput ? "the input file" : "not a plain file with a single link";
+        throw CommandError(DeviceUnusable, "Cannot create " + path + ": it is " + reason);
+    }
+}
+
+/// Opens an output for writing, and truncates it.
+/// @throws CommandError when that fails, and as requireOutput()
+[[nodiscard]] inline CppUtil::FileDescriptor createOutput(const std::string& path, const struct stat& input) {
+    OpenFile opened = openForWriting(path, O_WRONLY, true);
+    requireOutput(path, opened.status, input);
+    if (::ftruncate(opened.file.get(), 0) != 0) {
+        throw systemError("Cannot create " + path);
+    }
+    return std::move(opened.file);
 }
 
 }  // namespace Vel::Zepctl

@@ -113,15 +113,20 @@ RecordCheck::RecordCheck(const std::vector<std::string>& against, bool isStrict)
 
 void RecordCheck::add(std::span<const std::uint8_t> records) {
     for (; records.size() >= Ts::RECORD_SIZE; records = records.subspan(Ts::RECORD_SIZE)) {
-        const RecordView record(records.data());
-        if (m_Faults.addRecord(record)) {
-            m_Inputs[record.getTsiidx()].add(record, m_Faults);
-        }
-        // Also with a bad sync byte, which the file may have as well.
-        if (const auto found = m_Comparisons.find(record.getTsiidx()); found != m_Comparisons.end()) {
-            found->second.add(record, m_Faults);
-        }
+        add(RecordView(records.data()));
     }
+}
+
+const RecordInput* RecordCheck::add(const RecordView& record) {
+    RecordInput* input = m_Faults.addRecord(record) ? &m_Inputs[record.getTsiidx()] : nullptr;
+    if (input != nullptr) {
+        input->add(record, m_Faults);
+    }
+    // Also with a bad sync byte, which the file may have as well.
+    if (const auto found = m_Comparisons.find(record.getTsiidx()); found != m_Comparisons.end()) {
+        found->second.add(record, m_Faults);
+    }
+    return input;
 }
 
 void RecordCheck::end(std::size_t tornBytes) {

@@ -111,6 +111,8 @@ public:
 
     /// Takes the next complete records.
     void add(std::span<const std::uint8_t> records);
+    /// Takes the next record. Returns its input, or null if it cannot be attributed to one.
+    const RecordInput* add(const RecordView& record);
     /// Takes the size of the incomplete record at the end of the stream, 0 if there is none.
     void end(std::size_t tornBytes);
     /// Whether every comparison has found a difference or all that it expected.

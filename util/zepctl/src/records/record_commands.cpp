@@ -173,12 +173,14 @@ on Ctrl-C, or when the last writer closes a FIFO; the exit status is then 1 if t
 as in a check. The man page explains the figures and lists the JSON keys.
 
 Example: zepctl records watch pktio --for 60)",
-        [&] { watchRecords(args.getRecordFile(), args.seconds, args.json); });
+        [&] { watchRecords(args.getRecordFile(), args.seconds, args.json, args.output); });
     watch.add_option(
         "FILE", args.file,
         "FIFO, growing file or device, or - for standard input (default: pktio in the directory of -d)");
     watch.add_flag("--json", args.json, "print one JSON object per line: inputs, and finally the result");
     watch.add_option("--for", args.seconds, "stop after SECONDS")->type_name("SECONDS")->check(checkSeconds);
+    watch.add_option("--save", args.output, "save rate, lateness and faults of each second as CSV")
+        ->type_name("PATH");
 }
 
 }  // namespace Vel::Zepctl

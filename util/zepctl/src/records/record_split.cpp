@@ -54,26 +54,14 @@ void RecordSplit::prepareDirectory() const {
     for (std::uint32_t tsiidx = 0; tsiidx <= MAX_TSIIDX; ++tsiidx) {
         const std::string path = getPath(tsiidx);
         if (struct stat status{}; ::lstat(path.c_str(), &status) == 0) {
-            requireOutput(path, status);
+            requireOutput(path, status, m_Input);
         }
-    }
-}
-
-void RecordSplit::requireOutput(const std::string& path, const struct stat& status) const {
-    const bool isInput = status.st_dev == m_Input.st_dev && status.st_ino == m_Input.st_ino;
-    if (isInput || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
-        const char* reason = isInput ? "the input file" : "not a plain file with a single link";
-        throw CommandError(DeviceUnusable, fmt::format("Cannot create {}: it is {}", path, reason));
     }
 }
 
 /// The name may have been taken by something else since it was checked, so the opened file is checked again.
 void RecordSplit::open(Output& output) const {
-    OpenFile opened = openForWriting(output.path, O_WRONLY, true);
-    requireOutput(output.path, opened.status);
-    if (::ftruncate(opened.file.get(), 0) == 0) {
-        output.file.reset(::fdopen(opened.file.release(), "wb"));
-    }
+    output.file.reset(::fdopen(createOutput(output.path, m_Input).release(), "wb"));
     if (!output.file) {
         throw systemError("Cannot create " + output.path);
     }

@@ -47,7 +47,6 @@ public:
 private:
     std::string getPath(std::uint32_t tsiidx) const;
     void prepareDirectory() const;
-    void requireOutput(const std::string& path, const struct stat& status) const;
     void open(Output& output) const;
 
     std::string m_Directory;

@@ -9,11 +9,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "command_result.h"
+#include "plain_file.h"
 #include "records/record_reader.h"
 #include "records/record_report.h"
 
@@ -70,6 +72,20 @@ void endOnSignals() {
         text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
     }
     return true;
+}
+
+/// Adds complete lines to a plain file.
+void append(const CppUtil::FileDescriptor& file, const std::string& path, std::string_view lines) {
+    const off_t start = ::lseek(file.get(), 0, SEEK_CUR);
+    while (!lines.empty()) {
+        const ssize_t got = ::write(file.get(), lines.data(), lines.size());
+        if (got < 0 && errno != EINTR) {
+            const CommandError error = systemError("Cannot write " + path);
+            [[maybe_unused]] const int ignored = ::ftruncate(file.get(), start);  // drops a part of a line
+            throw error;
+        }
+        lines.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    }
 }
 
 /// Whether standard output understands control sequences.
@@ -148,14 +164,14 @@ double ArrivalRate::rateBetween(const Burst& from, const Burst& to) {
     return packets * BITS_PER_PACKET / Seconds(to.start - from.start).count();
 }
 
-void ArrivalDrift::add(ArrivalTime at, const ClockTime& clock) {
+std::optional<Milliseconds> ArrivalDrift::add(ArrivalTime at, const ClockTime& clock) {
     if (clock.timeBases != m_TimeBase) {
         *this = {};
         m_TimeBase = clock.timeBases;
     }
     const Seconds pcr = clock.elapsed;
     if (m_TimeBase == 0 || pcr == m_LastPcr) {
-        return;
+        return std::nullopt;
     }
     m_LastPcr = pcr;
     const Sample sample{pcr, at.time_since_epoch() - pcr};
@@ -168,6 +184,7 @@ void ArrivalDrift::add(ArrivalTime at, const ClockTime& clock) {
         m_WindowStart = m_WindowStart.value_or(at);
         m_Earliest = sample;
     }
+    return m_First ? std::optional<Milliseconds>(sample.lateness - m_First->lateness) : std::nullopt;
 }
 
 std::optional<Drift> ArrivalDrift::get() const {
@@ -179,16 +196,38 @@ std::optional<Drift> ArrivalDrift::get() const {
 }
 
 void RecordWatch::add(std::span<const std::uint8_t> records, std::optional<ArrivalTime> arrival) {
-    m_Check.add(records);
-    for (const auto& [tsiidx, input] : m_Check.getInputs()) {
-        Arrival& known = m_Arrivals[tsiidx];
-        const std::uint64_t packets = input.getTotal().packets - known.packets;
-        known.packets += packets;
-        if (packets != 0 && arrival) {
-            known.rate.add(*arrival, packets);
-            known.drift.add(*arrival, input.getTime());
+    for (; records.size() >= Ts::RECORD_SIZE; records = records.subspan(Ts::RECORD_SIZE)) {
+        const RecordView record(records.data());
+        const RecordInput* input = m_Check.add(record);
+        if (input == nullptr) {
+            continue;
+        }
+        Arrival& known = m_Arrivals[record.getTsiidx()];
+        if (arrival) {
+            known.rate.add(*arrival, 1);
+            if (const auto lateness = known.drift.add(*arrival, input->getTime())) {
+                known.lateness.push_back(lateness->count());
+            }
         }
     }
+}
+
+std::string RecordWatch::takeCsvRows(Seconds watched, ArrivalTime now) {
+    std::string rows;
+    for (auto& [tsiidx, arrival] : m_Arrivals) {
+        std::vector<double> lateness = std::exchange(arrival.lateness, {});
+        std::ranges::sort(lateness);
+        const PacketCounts& total = m_Check.getInputs().at(tsiidx).getTotal();
+        const std::uint64_t faults = total.continuityErrors + total.transportErrors;
+        const auto rate = arrival.rate.getLatest(now);
+        rows +=
+            fmt::format("{:.3f},{},{},", watched.count(), tsiidx, rate ? fmt::format("{:.0f}", *rate) : "");
+        rows += lateness.empty() ? ",,"
+                                 : fmt::format("{:.1f},{:.1f},{:.1f}", lateness.front(),
+                                               lateness[lateness.size() / 2], lateness.back());
+        rows += fmt::format(",{}\n", faults - std::exchange(arrival.faults, faults));
+    }
+    return rows;
 }
 
 std::vector<std::string> RecordWatch::formatRows(Seconds watched, ArrivalTime now, bool isJson) const {
@@ -208,7 +247,7 @@ std::vector<std::string> RecordWatch::formatRows(Seconds watched, ArrivalTime no
         }
         rows.push_back(fmt::format("{:7.0f}  {:6}  {:>9}  {:>9}  {:10}  {:10}  {:>8}  {:>7}", watched.count(),
                                    tsiidx, formatBitRate(arrival.rate.getLatest(now)),
-                                   formatBitRate(arrival.rate.getOverall()), arrival.packets,
+                                   formatBitRate(arrival.rate.getOverall()), input.getTotal().packets,
                                    input.getTotal().continuityErrors,
                                    drift ? fmt::format("{:+.1f}", drift->lateness.count()) : "-",
                                    drift ? fmt::format("{:+.0f}", drift->ppm) : "-"));
@@ -219,23 +258,36 @@ std::vector<std::string> RecordWatch::formatRows(Seconds watched, ArrivalTime no
     return rows;
 }
 
-void watchRecords(const std::string& path, std::optional<double> seconds, bool isJson) {
+void watchRecords(const std::string& path, std::optional<double> seconds, bool isJson,
+                  const std::string& savePath) {
     endOnSignals();
     RecordReader reader(path);
+    CppUtil::FileDescriptor saved;
+    if (!savePath.empty()) {
+        saved = createOutput(savePath, reader.getStatus());
+        append(saved, savePath, RecordWatch::CSV_HEADER);
+    }
     RecordWatch watch;
     WatchTable table(isJson);
     const auto start = Clock::now();
     const auto end = seconds ? start + std::chrono::duration_cast<Clock::duration>(Seconds(*seconds))
                              : Clock::time_point::max();
-    const auto interval = table.isOnTerminal() ? TERMINAL_INTERVAL : LINE_INTERVAL;
+    const auto interval = table.isOnTerminal() && !saved.isOpen() ? TERMINAL_INTERVAL : LINE_INTERVAL;
     auto nextPrint = start + interval;
     auto now = start;
     // Records that a plain file already holds did not arrive now.
     bool isLive = !reader.isPlainFile();
     bool isClosed = false;
     bool isPrinted = true;
+    const auto save = [&] {
+        const std::string rows = watch.takeCsvRows(now - start, now);
+        if (saved.isOpen()) {
+            append(saved, savePath, rows);
+        }
+    };
     for (; g_IsEnding == 0 && !isClosed && isPrinted && now < end; now = Clock::now()) {
         if (now >= nextPrint) {
+            save();
             isPrinted = printUntil(end, table.format(watch.formatRows(now - start, now, isJson), false));
             nextPrint = std::max(nextPrint + interval, now);
         }
@@ -252,6 +304,7 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
         isLive |= reader.isAtEnd();
         isClosed = reader.isAtEnd() && !reader.isPlainFile();
     }
+    save();
     watch.end(isClosed ? reader.getTornBytes() : 0);
     const FaultLog& faults = watch.getCheck().getFaults();
     const Seconds watched = now - start;

@@ -42,10 +42,12 @@ private:
     std::deque<Burst> m_Latest;  // those of the last two seconds and the one before them
 };
 
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
 /// How far arrival has moved away from the PCR since the first two seconds of a time base.
 struct Drift {
-    std::chrono::duration<double, std::milli> lateness{};  // positive: later than the PCR indicates
-    double ppm = 0;                                        // of PCR time
+    Milliseconds lateness{};  // positive: later than the PCR indicates
+    double ppm = 0;           // of PCR time
 };
 
 /// Compares the times at which PCRs arrive with the times that they hold. Within a burst, the PCRs are ahead
@@ -53,8 +55,9 @@ struct Drift {
 /// by its earliest PCR, which is at the end of a burst. Reentrant.
 class ArrivalDrift {
 public:
-    /// Takes the clock after the records that arrived at that time. Without a new PCR it is ignored.
-    void add(ArrivalTime at, const ClockTime& clock);
+    /// Takes the clock after a record that arrived at that time. Returns the lateness of a new PCR, relative
+    /// to the earliest one of the first window, once that is complete.
+    std::optional<Milliseconds> add(ArrivalTime at, const ClockTime& clock);
     /// None until two windows of two seconds are complete.
     std::optional<Drift> get() const;
 
@@ -89,12 +92,19 @@ public:
     /// @param watched time since the watch began
     /// @param isJson each line is an object; without records, there is none
     std::vector<std::string> formatRows(Seconds watched, ArrivalTime now, bool isJson) const;
+    /// Names the columns of takeCsvRows().
+    static constexpr const char* CSV_HEADER =
+        "seconds,tsiidx,arrival_bit_rate,lateness_min_ms,lateness_median_ms,lateness_max_ms,faults\n";
+    /// One line for each input: the rate as in formatRows(), and the lateness of PCRs and the faults since
+    /// the previous call. What is not known is empty.
+    std::string takeCsvRows(Seconds watched, ArrivalTime now);
 
 private:
     struct Arrival {
-        std::uint64_t packets = 0;
         ArrivalRate rate;
         ArrivalDrift drift;
+        std::vector<double> lateness;  // in ms, since the previous takeCsvRows()
+        std::uint64_t faults = 0;      // until then
     };
 
     RecordCheck m_Check;
@@ -107,7 +117,9 @@ private:
 /// prints a summary. Handles those signals for the rest of the program. Main thread.
 /// @param path "-" for standard input; a FIFO does not need a writer yet
 /// @param seconds time limit, none for no limit
-/// @throws CommandError when reading or printing fails, and finally if there were faults
-void watchRecords(const std::string& path, std::optional<double> seconds, bool isJson);
+/// @param savePath where the rows of each second are saved as CSV; empty for nowhere
+/// @throws CommandError when reading, printing or saving fails, and finally if there were faults
+void watchRecords(const std::string& path, std::optional<double> seconds, bool isJson,
+                  const std::string& savePath);
 
 }  // namespace Vel::Zepctl
