@@ -62,7 +62,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/postinst
   ${PROJECT_SOURCE_DIR}/packaging/prerm ${PROJECT_SOURCE_DIR}/packaging/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS bubblewrap)  # for zepctl run
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "bubblewrap, gnuplot-nox | gnuplot")  # for zepctl run and zepctl records plot
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The zeptfem developers <zeptfem@packages.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "stand-in for an FPGA that moves transport streams")
 set(CPACK_PACKAGE_DESCRIPTION

@@ -13,7 +13,7 @@ void declareTableCommands(CLI::App& app, Arguments& args);
 /// Of these, `dump`.
 void declareDump(CLI::App& app, Arguments& args);
 
-/// `records check`, `records split` and `records watch`.
+/// `records check`, `records split`, `records watch` and `records plot`.
 void declareRecordCommands(CLI::App& app, Arguments& args);
 
 /// `run`, which runs a program that opens the devices at their default paths, with the stand-ins there:

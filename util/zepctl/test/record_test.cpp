@@ -354,10 +354,10 @@ TEST(RecordWatch, HasOneRowPerInputAndDoesNotTimeWhatWasThereBefore) {
                     "   3725     255        0.4        0.4           3           0         -        -"));
     // The first two seconds are the reference: their earliest PCR is 1 ms late.
     EXPECT_EQ(watch.takeCsvRows(Seconds(7), START + milliseconds(7000)),
-              "7.000,3,1504,2.0,4.0,6.0,1\n7.000,255,430,,,,0\n");
+              "7.000,3,1504,2.000,4.000,6.000,1\n7.000,255,430,,,,0\n");
     watch.add(bytesOf(recordsOf("12p7500 13p8000 15p8500e")), START + milliseconds(8500));
     EXPECT_EQ(watch.takeCsvRows(Seconds(8.5), START + milliseconds(8500)),
-              "8.500,3,1203,499.0,999.0,999.0,1\n8.500,255,430,,,,0\n");
+              "8.500,3,1203,499.000,999.000,999.000,1\n8.500,255,430,,,,0\n");
 }
 
 }  // namespace

@@ -88,6 +88,9 @@ void RecordInput::followClock(const RecordView& packet, PacketCounts& pid, Fault
         std::for_each(end - static_cast<std::ptrdiff_t>(packets), end,
                       [this](PacketCounts* timed) { count(*timed, &PacketCounts::timedPackets); });
     }
+    if (kind == Kind::NewTimeBase && time <= MAX_SKIP) {
+        m_Time.skipped += time;
+    }
     m_Time.timeBases += kind == Kind::NewTimeBase || !isChosen ? 1 : 0;
     m_Recent.clear();
 }

@@ -42,6 +42,7 @@ private:
 /// What the clock of an input has measured. The step to a new time base is left out.
 struct ClockTime {
     Ts::PcrTicks elapsed{0};      // 64 bits are enough for 21,000 years
+    Ts::PcrTicks skipped{0};      // left out of it, by jumps ahead of up to RecordInput::MAX_SKIP
     std::uint64_t timeBases = 0;  // a newly chosen PCR PID begins one as well
     std::uint64_t jumps = 0;      // PCRs that do not continue the clock, not announced by a discontinuity
     std::uint64_t gaps = 0;       // PCRs more than RecordInput::MAX_PCR_DISTANCE after the previous one
@@ -69,6 +70,8 @@ public:
 
     /// ISO/IEC 13818-1, 2.7.2.
     static constexpr std::chrono::milliseconds MAX_PCR_DISTANCE{100};
+    /// A jump ahead that may be due to lost packets.
+    static constexpr std::chrono::seconds MAX_SKIP{10};
 
     RecordInput() = default;
     RecordInput(const RecordInput&) = delete;

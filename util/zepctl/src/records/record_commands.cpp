@@ -1,17 +1,15 @@
 #include <unistd.h>
 
-#include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <iostream>
 #include <thread>
-#include <utility>
 
 #include <fmt/format.h>
 
 #include "command_line.h"
 #include "command_result.h"
 #include "commands.h"
+#include "records/record_plot.h"
 #include "records/record_report.h"
 #include "records/record_split.h"
 #include "records/record_watch.h"
@@ -38,29 +36,6 @@ std::string checkSeconds(const std::string& text) {
                ? std::string()
                : fmt::format("\"{}\" is not a number of seconds greater than 0 and at most {} (366 days)",
                              text, MAX_SECONDS);
-}
-
-/// Passes all records to a check or split, block by block. On a terminal, standard error shows the progress
-/// through a file, which may grow meanwhile; the cursor stays before it, so that the next line overwrites it.
-template <typename Consumer>
-void readToEnd(RecordReader& reader, Consumer& consumer) {
-    const auto size =
-        ::isatty(STDERR_FILENO) == 1 ? static_cast<std::uint64_t>(reader.getStatus().st_size) : 0;
-    std::uint64_t done = 0;
-    std::uint64_t shown = 0;
-    while (!reader.isAtEnd()) {
-        reader.waitForData();
-        const auto records = reader.read();
-        consumer.add(records);
-        done += records.size();
-        const std::uint64_t percent = size == 0 ? 0 : std::min(done, size) * 100 / size;
-        if (std::exchange(shown, percent) != percent) {
-            std::cerr << fmt::format("{:3} %\r", percent);
-        }
-    }
-    if (shown != 0) {
-        std::cerr << "     \r";
-    }
 }
 
 /// Passes records to a check until they are complete or the time is up. Starts over if a plain file is
@@ -172,7 +147,7 @@ PCR clock. A terminal shows one table; otherwise, one line per input is printed 
 on Ctrl-C, or when the last writer closes a FIFO; the exit status is then 1 if there were faults,
 as in a check. The man page explains the figures and lists the JSON keys.
 
-Example: zepctl records watch pktio --for 60)",
+Example: zepctl records watch pktio --for 60 --save out.csv)",
         [&] { watchRecords(args.getRecordFile(), args.seconds, args.json, args.output); });
     watch.add_option(
         "FILE", args.file,
@@ -181,6 +156,19 @@ Example: zepctl records watch pktio --for 60)",
     watch.add_option("--for", args.seconds, "stop after SECONDS")->type_name("SECONDS")->check(checkSeconds);
     watch.add_option("--save", args.output, "save rate, lateness and faults of each second as CSV")
         ->type_name("PATH");
+
+    CLI::App& plot = declareCommand(
+        records, "plot", "Draw a picture of records, or of what a watch has saved",
+        R"(Of records, it shows for each input, over its PCR time: the bit rate of the eight largest PIDs and
+the rest, in steps of 100 ms; the distance between PCRs; and the faults of a check with --strict. Of a
+file that ends in .csv, which watch --save has written: lateness, rate and faults over the time of
+arrival. PICTURE ends in .svg or .png; an existing one is replaced. Needs gnuplot.
+
+Example: zepctl records plot out.rec out.svg
+         zepctl records plot out.csv out.png)",
+        [&] { plotRecords(args.file, args.output); });
+    plot.add_option("FILE", args.file, "records, - for standard input, or a CSV file")->required();
+    plot.add_option("PICTURE", args.output, "file to draw")->required();
 }
 
 }  // namespace Vel::Zepctl

@@ -2,12 +2,17 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <iostream>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "vel/cpp_utils/posix/file_descriptor.h"
 #include "vel/cpp_utils/text.h"
@@ -64,5 +69,28 @@ private:
     std::vector<std::uint8_t> m_Known;
     off_t m_KnownOffset = 0;
 };
+
+/// Passes all records to a consumer, block by block. On a terminal, standard error shows the progress
+/// through a file, which may grow meanwhile; the cursor stays before it, so that the next line overwrites it.
+template <typename Consumer>
+void readToEnd(RecordReader& reader, Consumer& consumer) {
+    const auto size =
+        ::isatty(STDERR_FILENO) == 1 ? static_cast<std::uint64_t>(reader.getStatus().st_size) : 0;
+    std::uint64_t done = 0;
+    std::uint64_t shown = 0;
+    while (!reader.isAtEnd()) {
+        reader.waitForData();
+        const auto records = reader.read();
+        consumer.add(records);
+        done += records.size();
+        const std::uint64_t percent = size == 0 ? 0 : std::min(done, size) * 100 / size;
+        if (std::exchange(shown, percent) != percent) {
+            std::cerr << fmt::format("{:3} %\r", percent);
+        }
+    }
+    if (shown != 0) {
+        std::cerr << "     \r";
+    }
+}
 
 }  // namespace Vel::Zepctl

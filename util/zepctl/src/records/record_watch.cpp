@@ -74,17 +74,14 @@ void endOnSignals() {
     return true;
 }
 
-/// Adds complete lines to a plain file.
-void append(const CppUtil::FileDescriptor& file, const std::string& path, std::string_view lines) {
-    const off_t start = ::lseek(file.get(), 0, SEEK_CUR);
-    while (!lines.empty()) {
-        const ssize_t got = ::write(file.get(), lines.data(), lines.size());
-        if (got < 0 && errno != EINTR) {
-            const CommandError error = systemError("Cannot write " + path);
-            [[maybe_unused]] const int ignored = ::ftruncate(file.get(), start);  // drops a part of a line
-            throw error;
-        }
-        lines.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+/// Adds whole lines to a plain file, or nothing.
+void append(const CppUtil::FileDescriptor& file, const std::string& path, const std::string& lines) {
+    const off_t size = ::lseek(file.get(), 0, SEEK_CUR);
+    errno = ENOSPC;  // why a write may be short
+    if (::write(file.get(), lines.data(), lines.size()) != static_cast<ssize_t>(lines.size())) {
+        const CommandError error = systemError("Cannot write " + path);
+        [[maybe_unused]] const int result = ::ftruncate(file.get(), size);
+        throw error;
     }
 }
 
@@ -223,7 +220,7 @@ std::string RecordWatch::takeCsvRows(Seconds watched, ArrivalTime now) {
         rows +=
             fmt::format("{:.3f},{},{},", watched.count(), tsiidx, rate ? fmt::format("{:.0f}", *rate) : "");
         rows += lateness.empty() ? ",,"
-                                 : fmt::format("{:.1f},{:.1f},{:.1f}", lateness.front(),
+                                 : fmt::format("{:.3f},{:.3f},{:.3f}", lateness.front(),
                                                lateness[lateness.size() / 2], lateness.back());
         rows += fmt::format(",{}\n", faults - std::exchange(arrival.faults, faults));
     }
@@ -289,7 +286,7 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
         if (now >= nextPrint) {
             save();
             isPrinted = printUntil(end, table.format(watch.formatRows(now - start, now, isJson), false));
-            nextPrint = std::max(nextPrint + interval, now);
+            nextPrint = (nextPrint + interval > now ? nextPrint : now) + interval;
         }
         const auto wait = std::chrono::ceil<milliseconds>(std::min(nextPrint, end) - now);
         if (!reader.waitForData(std::clamp(wait, milliseconds(1), MAX_WAIT))) {

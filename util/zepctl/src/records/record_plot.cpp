@@ -1,0 +1,368 @@
+#include "records/record_plot.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "plain_file.h"
+#include "records/record_reader.h"
+#include "records/record_watch.h"
+
+namespace Vel::Zepctl {
+
+namespace {
+
+constexpr Ts::PcrTicks STEP = std::chrono::milliseconds(100);  // of bit rates
+constexpr std::size_t LARGEST_PIDS = 8;
+constexpr std::size_t MAX_INPUTS = 16;
+/// The kinds of faults that are drawn.
+constexpr std::size_t FAULT_KINDS = static_cast<std::size_t>(FaultKind::PcrGap) + 1;
+
+/// {0}: terminal, {1}: lines of the heading, {2}: their number, {3}: number of drawings, {4}: end of the time
+/// axis. Colour-blind people can tell the colours apart (Okabe and Ito). The key is beside the data.
+constexpr const char* STYLE = R"(
+$heading << END
+{1}END
+TOP = 20.*{2} + 15; H = TOP + 530*{3}
+set terminal {0} size 960,H noenhanced background '#ffffff'
+set encoding utf8; set multiplot; set lmargin at screen 0.1; set rmargin at screen 0.78
+set border 3 lc rgb '#444444'; set tics nomirror; set grid lt 1 lc rgb '#dddddd'; set style fill solid noborder
+set key at screen 0.79, graph 1 left top Left reverse samplen 2; set xrange [0:{4}]
+colours = '#0072b2 #e69f00 #009e73 #56b4e9 #d55e00 #f0e442 #cc79a7 #333333 #aaaaaa'
+panel(top, bottom) = sprintf('set tmargin at screen %f; set bmargin at screen %f', 1-(TOP+top)/H, 1-(TOP+bottom)/H)
+do for [i=1:|$heading|] {{set label i $heading[i] at screen 0.01, screen 1-20*(i-0.3)/H}}
+)";
+
+/// {0}: TSIIDX, {1}: data, {2}: columns of the rates, {3}: labels of the faults.
+constexpr const char* RECORDS = R"({1}
+eval panel(30, 250); set title 'TSIIDX {0}'; set ylabel 'kbit/s'; set yrange [0:*]; set y2range [0:1]; set format x ''
+plot $gaps using 1:(0):1:2:(0):(1) axes x1y2 with boxxyerror fc rgb '#dddddd' title 'no PCR for 100 ms', \
+     for [i={2}:2:-1] $rates using 1:(sum [c=2:i] column(c)) with fillsteps fc rgb word(colours, i-1) title columnhead(i), \
+     $breaks using 1:(1) axes x1y2 with impulses dt 2 lc rgb '#000000' title 'new time base'
+unset label; unset title; eval panel(265, 375)
+set ylabel 'PCR distance, ms'; set logscale y; set yrange [1:1000]; set ytics add (40)
+plot 100 lw 2 lc rgb '#d55e00' title '100 ms', 40 lw 2 lc rgb '#e69f00' title '40 ms', \
+     $distances using 1:($2 < 1 ? 1 : $2) with points pt 7 ps 0.4 lc rgb '#0072b2' title 'PCR'
+unset logscale; eval panel(390, 460); set ylabel 'faults'; set xlabel 'PCR time since the first PCR, s'; set format x
+set yrange [3.5:-0.5]; set y2range [3.5:-0.5]; unset ytics; set y2tics ({3})
+plot $faults using 1:($2-0.35):(0):(0.7) with vectors nohead lw 2 lc rgb '#d55e00' notitle
+unset xlabel; unset y2tics; set ytics autofreq nomirror; TOP = TOP + 530
+)";
+
+/// A row is about the time since the previous one. {0}: TSIIDX, {1}: data, {2}: number of faults.
+constexpr const char* CSV = R"({1}
+set datafile separator ','; set format x ''
+eval panel(30, 250); set title 'TSIIDX {0}'; set ylabel 'lateness, ms'; set yrange [*<-10:10<*]
+plot x=0, $rows using (begin=x, x=$1):($5):(begin):(x):($4):($6) with boxxyerror fc rgb '#56b4e9' \
+     title 'minimum to maximum', 0 lc rgb '#444444' notitle, x=0, \
+     $rows using (begin=x, x=$1, begin):($5):(x-begin):(0) with vectors nohead lw 2 lc rgb '#0072b2' title 'median'
+unset label; unset title; eval panel(265, 375); set ylabel 'kbit/s'; set yrange [0:*]
+plot 0 lc rgb '#444444' notitle, x=0, $rows using (begin=x, x=$1, begin):($3/1000):(x-begin):(0) with vectors nohead lw 2 \
+     lc rgb '#009e73' title 'rate over 2 s'
+eval panel(390, 460); set ylabel 'faults'; set xlabel 'time since the watch began, s'; set format x
+set yrange [0:1]; unset ytics
+plot $rows using 1:(0):(0):($7 > 0 ? 1 : NaN) with vectors nohead lw 2 lc rgb '#d55e00' title '{2}'
+unset xlabel; set ytics autofreq nomirror; TOP = TOP + 530
+)";
+
+std::string dataBlock(const std::string& name, const std::string& lines) {
+    return fmt::format("${} << END\n{}END\n", name, lines);
+}
+
+double secondsOf(Ts::PcrTicks time) {
+    return Seconds(time).count();
+}
+
+struct Picture {
+    std::string heading;
+    std::vector<std::string> drawings;
+    double end = 0;  // of the time axis, in seconds
+};
+
+/// The records of one input over its PCR time, and those whose time is known as lines for gnuplot.
+class InputPlot {
+public:
+    /// Takes the input after each of its records.
+    void follow(const RecordInput& input);
+    void addFault(std::size_t kind) {
+        ++m_FaultCounts[kind];
+        m_Faults.emplace(m_Time, kind);
+    }
+
+    bool isEmpty() const { return m_Steps.empty(); }
+    double getEnd() const { return secondsOf(m_Time); }
+    std::string format(std::uint32_t tsiidx, const RecordInput& input) const;
+
+private:
+    /// A step, a part of one, or an interval between PCRs that is longer than a step.
+    struct Step {
+        Ts::PcrTicks begin;
+        Ts::PcrTicks end;
+        std::map<std::uint32_t, double> packets;  // by PID; those of an interval are spread evenly over it
+    };
+
+    void addInterval(const RecordInput& input, Ts::PcrTicks interval);
+
+    ClockTime m_Clock;  // after the previous record
+    Ts::PcrTicks m_Time{0};
+    std::map<std::uint32_t, std::uint64_t> m_Timed;  // packets by PID, until then
+    std::vector<Step> m_Steps;
+    std::string m_Distances;
+    std::string m_Gaps;
+    std::string m_Breaks;
+    std::set<std::pair<Ts::PcrTicks, std::size_t>> m_Faults;
+    std::array<std::uint64_t, FAULT_KINDS> m_FaultCounts{};
+};
+
+void InputPlot::follow(const RecordInput& input) {
+    const ClockTime before = std::exchange(m_Clock, input.getTime());
+    const Ts::PcrTicks interval = m_Clock.elapsed - before.elapsed;
+    const Ts::PcrTicks end = m_Time + (m_Clock.skipped - before.skipped) + interval;
+    if (end - m_Time > RecordInput::MAX_PCR_DISTANCE) {
+        m_Gaps += fmt::format("{:.3f} {:.3f}\n", secondsOf(m_Time), secondsOf(end));
+    } else if (m_Clock.timeBases != before.timeBases && before.timeBases != 0) {
+        m_Breaks += fmt::format("{:.3f}\n", secondsOf(m_Time));
+    }
+    if (interval.count() != 0) {
+        m_Distances += fmt::format("{:.3f} {:.3f}\n", secondsOf(end), Milliseconds(interval).count());
+        addInterval(input, interval);
+    }
+    m_Time = end;
+}
+
+void InputPlot::addInterval(const RecordInput& input, Ts::PcrTicks interval) {
+    const bool isLong = interval > STEP;
+    const Ts::PcrTicks end = m_Time + interval;
+    std::map<std::uint32_t, double> packets;
+    for (const auto& [number, pid] : input.getPids()) {
+        const std::uint64_t timed = pid.counts.timedPackets - m_Timed[number];
+        if (timed != 0) {
+            packets[number] = static_cast<double>(timed) / secondsOf(interval);
+            m_Timed[number] += timed;
+        }
+    }
+    for (Ts::PcrTicks from = m_Time; from < end; from = m_Steps.back().end) {
+        const bool isContinued =
+            !m_Steps.empty() && m_Steps.back().end == from && from % STEP != Ts::PcrTicks(0);
+        if (!isContinued || isLong || from - m_Steps.back().begin > STEP) {
+            m_Steps.push_back({from, from, {}});
+        }
+        Step& step = m_Steps.back();
+        step.end = isLong ? end : std::min(end, from - from % STEP + STEP);
+        for (const auto& [number, rate] : packets) {
+            step.packets[number] += rate * secondsOf(step.end - from);
+        }
+    }
+}
+
+std::string InputPlot::format(std::uint32_t tsiidx, const RecordInput& input) const {
+    std::vector<std::pair<std::uint64_t, std::uint32_t>> pids;
+    for (const auto& [number, pid] : input.getPids()) {
+        if (pid.counts.timedPackets != 0) {
+            pids.emplace_back(pid.counts.timedPackets, number);
+        }
+    }
+    std::ranges::sort(pids, std::greater());
+    std::map<std::uint32_t, std::size_t> columns;  // by PID
+    std::string rates = "s";
+    for (const auto& [packets, number] : pids) {
+        const std::size_t column = std::min(columns.size(), LARGEST_PIDS);
+        rates += column < LARGEST_PIDS ? fmt::format(" \"PID 0x{:04x}\"", number) : "";
+        columns[number] = column;
+    }
+    if (pids.size() > LARGEST_PIDS) {
+        rates += " \"" + formatCount(pids.size() - LARGEST_PIDS, "other PID") + '"';
+    }
+    rates += '\n';
+    const std::size_t columnCount = std::min(pids.size(), LARGEST_PIDS + 1);
+    for (auto step = m_Steps.begin(); step != m_Steps.end();) {
+        std::vector<double> row(columnCount);
+        for (const auto& [number, packets] : step->packets) {
+            row[columns.at(number)] += packets * BITS_PER_PACKET / 1000 / secondsOf(step->end - step->begin);
+        }
+        rates += fmt::format("{:.3f} {:.1f}\n", secondsOf(step->begin), fmt::join(row, " "));
+        // The last step before a gap is closed, and not joined with the one after it.
+        if (const Ts::PcrTicks end = step->end; ++step == m_Steps.end() || step->begin != end) {
+            rates += fmt::format("{:.3f} {:.1f}\n\n", secondsOf(end), fmt::join(row, " "));
+        }
+    }
+    std::string faults;
+    for (const auto& [time, kind] : m_Faults) {
+        faults += fmt::format("{:.3f} {}\n", secondsOf(time), kind);
+    }
+    std::vector<std::string> labels;
+    for (std::size_t kind = 0; kind < FAULT_KINDS; ++kind) {
+        labels.push_back(
+            fmt::format("'{}' {}", formatCount(m_FaultCounts[kind], FAULT_TEXTS[kind].name), kind));
+    }
+    const std::string data = dataBlock("rates", rates) + dataBlock("gaps", m_Gaps) +
+                             dataBlock("breaks", m_Breaks) + dataBlock("distances", m_Distances) +
+                             dataBlock("faults", faults);
+    return fmt::format(RECORDS, tsiidx, data, columnCount + 1, fmt::join(labels, ", "));
+}
+
+class RecordPlot {
+public:
+    void add(std::span<const std::uint8_t> records) {
+        for (; records.size() >= Ts::RECORD_SIZE; records = records.subspan(Ts::RECORD_SIZE)) {
+            const RecordView record(records.data());
+            if (const RecordInput* checked = m_Check.add(record)) {
+                InputPlot& input = m_Inputs[record.getTsiidx()];
+                input.follow(*checked);
+                for (std::size_t kind = 0; kind < FAULT_KINDS; ++kind) {
+                    const auto count = m_Check.getFaults().get(static_cast<FaultKind>(kind)).count;
+                    if (std::exchange(m_FaultCounts[kind], count) != count) {
+                        input.addFault(kind);
+                    }
+                }
+            }
+        }
+    }
+
+    Picture draw(const std::string& name, std::size_t tornBytes) {
+        m_Check.end(tornBytes);
+        const FaultLog& faults = m_Check.getFaults();
+        // Faults that belong to no input are only in the heading.
+        Picture picture{
+            name + ": " + formatCount(faults.getRecords(), "record") + '\n' + faults.toLines(), {}, 0};
+        for (const auto& [tsiidx, input] : m_Inputs) {
+            if (input.isEmpty()) {
+                picture.heading += fmt::format("Not drawn: TSIIDX {}, which has no PCR clock\n", tsiidx);
+            } else {
+                picture.drawings.push_back(input.format(tsiidx, m_Check.getInputs().at(tsiidx)));
+                picture.end = std::max(picture.end, input.getEnd());
+            }
+        }
+        return picture;
+    }
+
+private:
+    RecordCheck m_Check{{}, true};
+    std::map<std::uint32_t, InputPlot> m_Inputs;  // by TSIIDX, like the inputs of the check
+    std::array<std::uint64_t, FAULT_KINDS> m_FaultCounts{};
+};
+
+Picture drawCsv(const std::string& path, const std::string& name) {
+    std::map<int, std::pair<std::string, std::uint64_t>> inputs;  // rows and number of faults by TSIIDX
+    Picture picture{name + '\n', {}, 0};
+    std::ifstream file(path);
+    std::string line;
+    bool isValid = !std::getline(file, line) || line + '\n' == RecordWatch::CSV_HEADER;
+    while (isValid && std::getline(file, line)) {
+        int tsiidx = 0;
+        isValid = std::sscanf(line.c_str(), "%lf,%d,", &picture.end, &tsiidx) == 2 &&
+                  std::ranges::count(line, ',') == 6 &&
+                  line.find_first_not_of("0123456789.,-") == std::string::npos;
+        inputs[tsiidx].first += line + '\n';
+        inputs[tsiidx].second += std::strtoull(line.c_str() + line.rfind(',') + 1, nullptr, 10);
+    }
+    if (!isValid) {
+        throw CommandError(
+            DeviceUnusable,
+            fmt::format("{} has a line that is not from records watch: \"{:.80}\"", name, line));
+    }
+    for (const auto& [tsiidx, rows] : inputs) {
+        picture.drawings.push_back(
+            fmt::format(CSV, tsiidx, dataBlock("rows", rows.first), formatCount(rows.second, "fault")));
+    }
+    return picture;
+}
+
+/// Throws CommandError, with the reason that gnuplot gives, unless it draws all of the script.
+void runGnuplot(const std::string& script, int output) {
+    constexpr int NOT_FOUND = 127;
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> errors(std::tmpfile(), &std::fclose);
+    std::array<int, 2> pipe{};
+    if (!errors || ::pipe2(pipe.data(), O_CLOEXEC) != 0) {
+        throw systemError("Cannot create a temporary file or a pipe");
+    }
+    const pid_t gnuplot = ::fork();
+    if (gnuplot == 0) {
+        ::dup2(pipe[0], STDIN_FILENO);
+        ::dup2(output, STDOUT_FILENO);
+        ::dup2(::fileno(errors.get()), STDERR_FILENO);
+        ::execlp("gnuplot", "gnuplot", "-d", nullptr);  // without the user's settings
+        ::_exit(NOT_FOUND);
+    }
+    ::close(pipe[0]);
+    std::signal(SIGPIPE, SIG_IGN);  // a gnuplot that fails does not read on
+    std::signal(SIGINT, SIG_IGN);   // ends gnuplot
+    std::FILE* input = ::fdopen(pipe[1], "w");
+    const bool isWritten = std::fwrite(script.data(), script.size(), 1, input) == 1;
+    const bool isSent = std::fclose(input) == 0 && isWritten;
+    int status = -1;
+    ::waitpid(gnuplot, &status, 0);
+    if (isSent && status == 0 && ::lseek(output, 0, SEEK_END) > 0) {
+        return;
+    }
+    std::string reason = WIFEXITED(status) && WEXITSTATUS(status) == NOT_FOUND
+                             ? "it cannot be run; install the package gnuplot-nox"
+                             : fmt::format("it ended without a message, with wait status {}", status);
+    // Its last line is the first error, since that ends it.
+    std::rewind(errors.get());
+    for (std::array<char, 400> text{}; std::fgets(text.data(), text.size(), errors.get()) != nullptr;) {
+        std::string line(text.data() + std::strspn(text.data(), " \t"));
+        reason = line == "\n" ? reason : line.substr(0, line.find('\n'));
+    }
+    throw CommandError(DeviceUnusable, "Cannot draw with gnuplot: " + reason);
+}
+
+}  // namespace
+
+void plotRecords(const std::string& file, const std::string& path) {
+    if (!path.ends_with(".svg") && !path.ends_with(".png")) {
+        throw CommandError(WrongUse, "PICTURE \"" + path + "\" does not end in .svg or .png");
+    }
+    RecordReader reader(file);
+    if (struct stat status{}; ::lstat(path.c_str(), &status) == 0) {
+        requireOutput(path, status, reader.getStatus());
+    }
+    const bool isCsv = file.ends_with(".csv");
+    RecordPlot plot;
+    if (!isCsv) {
+        readToEnd(reader, plot);
+    }
+    const std::string name = reader.getName();
+    const Picture picture = isCsv ? drawCsv(file, name) : plot.draw(name, reader.getTornBytes());
+    if (picture.drawings.empty() || picture.drawings.size() > MAX_INPUTS) {
+        throw CommandError(
+            DeviceUnusable,
+            fmt::format("{} has {} {}, but a picture shows 1 to {}", name, picture.drawings.size(),
+                        isCsv ? "inputs" : "inputs with a PCR clock", MAX_INPUTS));
+    }
+    // A file name may not be valid UTF-8, which an SVG file has to be.
+    using Json = nlohmann::json;
+    const auto text = Json(picture.heading).dump(-1, ' ', false, Json::error_handler_t::replace);
+    const std::string script =
+        fmt::format(STYLE, path.ends_with(".svg") ? "svg font 'sans-serif,13'" : "pngcairo font 'sans,10'",
+                    Json::parse(text).get<std::string>(), std::ranges::count(picture.heading, '\n'),
+                    picture.drawings.size(), picture.end);
+
+    const std::string part = fmt::format("{}.{}", path, ::getpid());
+    const CppUtil::FileDescriptor output(::open(part.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!output.isOpen()) {
+        throw systemError("Cannot create " + path);
+    }
+    try {
+        runGnuplot(script + fmt::format("{}", fmt::join(picture.drawings, "")), output.get());
+        std::filesystem::rename(part, path);
+    } catch (...) {
+        ::unlink(part.c_str());
+        throw;
+    }
+}
+
+}  // namespace Vel::Zepctl
