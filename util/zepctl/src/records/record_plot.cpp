@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <utility>
 
 #include <fmt/format.h>
@@ -28,8 +29,6 @@ namespace {
 constexpr Ts::PcrTicks STEP = std::chrono::milliseconds(100);  // of bit rates
 constexpr std::size_t LARGEST_PIDS = 8;
 constexpr std::size_t MAX_INPUTS = 16;
-/// The kinds of faults that are drawn.
-constexpr std::size_t FAULT_KINDS = static_cast<std::size_t>(FaultKind::PcrGap) + 1;
 
 /// {0}: terminal, {1}: lines of the heading, {2}: their number, {3}: number of drawings, {4}: end of the time
 /// axis. Colour-blind people can tell the colours apart (Okabe and Ito). The key is beside the data.
@@ -92,19 +91,13 @@ struct Picture {
     double end = 0;  // of the time axis, in seconds
 };
 
-/// The records of one input over its PCR time, and those whose time is known as lines for gnuplot.
+/// The records of one input over its PCR time; what is complete is text for gnuplot. Reentrant.
 class InputPlot {
 public:
     /// Takes the input after each of its records.
     void follow(const RecordInput& input);
-    void addFault(std::size_t kind) {
-        ++m_FaultCounts[kind];
-        m_Faults.emplace(m_Time, kind);
-    }
-
-    bool isEmpty() const { return m_Steps.empty(); }
-    double getEnd() const { return secondsOf(m_Time); }
-    std::string format(std::uint32_t tsiidx, const RecordInput& input) const;
+    /// Adds the drawing, or a line in the heading if no time is known.
+    void draw(std::uint32_t tsiidx, const RecordInput& input, Picture& picture) const;
 
 private:
     /// A step, a part of one, or an interval between PCRs that is longer than a step.
@@ -116,15 +109,15 @@ private:
 
     void addInterval(const RecordInput& input, Ts::PcrTicks interval);
 
-    ClockTime m_Clock;  // after the previous record
+    ClockTime m_Clock;                               // after the previous record
+    std::array<std::uint64_t, 4> m_FaultCounts{};    // until then, by kind
+    std::map<std::uint32_t, std::uint64_t> m_Timed;  // packets until then, by PID
     Ts::PcrTicks m_Time{0};
-    std::map<std::uint32_t, std::uint64_t> m_Timed;  // packets by PID, until then
     std::vector<Step> m_Steps;
     std::string m_Distances;
     std::string m_Gaps;
     std::string m_Breaks;
     std::set<std::pair<Ts::PcrTicks, std::size_t>> m_Faults;
-    std::array<std::uint64_t, FAULT_KINDS> m_FaultCounts{};
 };
 
 void InputPlot::follow(const RecordInput& input) {
@@ -141,6 +134,14 @@ void InputPlot::follow(const RecordInput& input) {
         addInterval(input, interval);
     }
     m_Time = end;
+    // In the order of FaultKind.
+    const std::array counts{input.getTotal().continuityErrors, input.getTotal().transportErrors,
+                            m_Clock.jumps, m_Clock.gaps};
+    for (std::size_t kind = 0; kind < counts.size(); ++kind) {
+        if (std::exchange(m_FaultCounts[kind], counts[kind]) != counts[kind]) {
+            m_Faults.emplace(m_Time, kind);
+        }
+    }
 }
 
 void InputPlot::addInterval(const RecordInput& input, Ts::PcrTicks interval) {
@@ -168,7 +169,11 @@ void InputPlot::addInterval(const RecordInput& input, Ts::PcrTicks interval) {
     }
 }
 
-std::string InputPlot::format(std::uint32_t tsiidx, const RecordInput& input) const {
+void InputPlot::draw(std::uint32_t tsiidx, const RecordInput& input, Picture& picture) const {
+    if (m_Steps.empty()) {
+        picture.heading += fmt::format("Not drawn: TSIIDX {}, which has no PCR clock\n", tsiidx);
+        return;
+    }
     std::vector<std::pair<std::uint64_t, std::uint32_t>> pids;
     for (const auto& [number, pid] : input.getPids()) {
         if (pid.counts.timedPackets != 0) {
@@ -204,14 +209,15 @@ std::string InputPlot::format(std::uint32_t tsiidx, const RecordInput& input) co
         faults += fmt::format("{:.3f} {}\n", secondsOf(time), kind);
     }
     std::vector<std::string> labels;
-    for (std::size_t kind = 0; kind < FAULT_KINDS; ++kind) {
+    for (std::size_t kind = 0; kind < m_FaultCounts.size(); ++kind) {
         labels.push_back(
             fmt::format("'{}' {}", formatCount(m_FaultCounts[kind], FAULT_TEXTS[kind].name), kind));
     }
     const std::string data = dataBlock("rates", rates) + dataBlock("gaps", m_Gaps) +
                              dataBlock("breaks", m_Breaks) + dataBlock("distances", m_Distances) +
                              dataBlock("faults", faults);
-    return fmt::format(RECORDS, tsiidx, data, columnCount + 1, fmt::join(labels, ", "));
+    picture.drawings.push_back(fmt::format(RECORDS, tsiidx, data, columnCount + 1, fmt::join(labels, ", ")));
+    picture.end = std::max(picture.end, secondsOf(m_Time));
 }
 
 class RecordPlot {
@@ -219,15 +225,8 @@ public:
     void add(std::span<const std::uint8_t> records) {
         for (; records.size() >= Ts::RECORD_SIZE; records = records.subspan(Ts::RECORD_SIZE)) {
             const RecordView record(records.data());
-            if (const RecordInput* checked = m_Check.add(record)) {
-                InputPlot& input = m_Inputs[record.getTsiidx()];
-                input.follow(*checked);
-                for (std::size_t kind = 0; kind < FAULT_KINDS; ++kind) {
-                    const auto count = m_Check.getFaults().get(static_cast<FaultKind>(kind)).count;
-                    if (std::exchange(m_FaultCounts[kind], count) != count) {
-                        input.addFault(kind);
-                    }
-                }
+            if (const RecordInput* input = m_Check.add(record)) {
+                m_Inputs[record.getTsiidx()].follow(*input);
             }
         }
     }
@@ -239,12 +238,7 @@ public:
         Picture picture{
             name + ": " + formatCount(faults.getRecords(), "record") + '\n' + faults.toLines(), {}, 0};
         for (const auto& [tsiidx, input] : m_Inputs) {
-            if (input.isEmpty()) {
-                picture.heading += fmt::format("Not drawn: TSIIDX {}, which has no PCR clock\n", tsiidx);
-            } else {
-                picture.drawings.push_back(input.format(tsiidx, m_Check.getInputs().at(tsiidx)));
-                picture.end = std::max(picture.end, input.getEnd());
-            }
+            input.draw(tsiidx, m_Check.getInputs().at(tsiidx), picture);
         }
         return picture;
     }
@@ -252,7 +246,6 @@ public:
 private:
     RecordCheck m_Check{{}, true};
     std::map<std::uint32_t, InputPlot> m_Inputs;  // by TSIIDX, like the inputs of the check
-    std::array<std::uint64_t, FAULT_KINDS> m_FaultCounts{};
 };
 
 Picture drawCsv(const std::string& path, const std::string& name) {
@@ -263,8 +256,9 @@ Picture drawCsv(const std::string& path, const std::string& name) {
     bool isValid = !std::getline(file, line) || line + '\n' == RecordWatch::CSV_HEADER;
     while (isValid && std::getline(file, line)) {
         int tsiidx = 0;
-        isValid = std::sscanf(line.c_str(), "%lf,%d,", &picture.end, &tsiidx) == 2 &&
-                  std::ranges::count(line, ',') == 6 &&
+        char comma = 0;
+        std::istringstream cells(line);
+        isValid = cells >> picture.end >> comma >> tsiidx && std::ranges::count(line, ',') == 6 &&
                   line.find_first_not_of("0123456789.,-") == std::string::npos;
         inputs[tsiidx].first += line + '\n';
         inputs[tsiidx].second += std::strtoull(line.c_str() + line.rfind(',') + 1, nullptr, 10);

@@ -79,9 +79,10 @@ void append(const CppUtil::FileDescriptor& file, const std::string& path, const 
     const off_t size = ::lseek(file.get(), 0, SEEK_CUR);
     errno = ENOSPC;  // why a write may be short
     if (::write(file.get(), lines.data(), lines.size()) != static_cast<ssize_t>(lines.size())) {
-        const CommandError error = systemError("Cannot write " + path);
+        const int reason = errno;
         [[maybe_unused]] const int result = ::ftruncate(file.get(), size);
-        throw error;
+        errno = reason;
+        throw systemError("Cannot write " + path);
     }
 }
 
