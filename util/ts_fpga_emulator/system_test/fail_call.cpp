@@ -1,6 +1,6 @@
 // Preloaded into a program under test, makes the N-th call of one function fail: FAIL_CALL names the
-// function, FAIL_AT is N, and FAIL_ERRNO is the errno, 0 for a short count, or -1 for a count of 0. The file
-// FAIL_MARK appears at that call.
+// function, FAIL_AT is N, and FAIL_ERRNO is the errno, 0 for a short count, or -1 for a count of 0 in this
+// call and all later ones. The file FAIL_MARK appears at that call.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -34,7 +34,11 @@ long readNumber(const char* variable) {
 
 bool isDue(const char* call) {
     const char* wanted = std::getenv("FAIL_CALL");
-    if (wanted == nullptr || std::strcmp(wanted, call) != 0 || ++g_Calls != readNumber("FAIL_AT")) {
+    if (wanted == nullptr || std::strcmp(wanted, call) != 0) {
+        return false;
+    }
+    const long later = ++g_Calls - readNumber("FAIL_AT");
+    if (later < 0 || (later > 0 && readNumber("FAIL_ERRNO") >= 0)) {
         return false;
     }
     // Past the functions below, which this must not count.

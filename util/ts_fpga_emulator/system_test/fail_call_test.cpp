@@ -129,6 +129,9 @@ TEST_P(FailCallTest, EmulatorReportsItAndWritesAGaplessBeginning) {
         ASSERT_TRUE(isUntouched || (!leavesNoTrace() && isReported()))
             << status << ' ' << written.size() << emulator->out() << emulator->err();
         ASSERT_FALSE(leavesNoTrace() && emulator->countLog("[error]") > 0) << emulator->out();
+        if (error == EINTR || error == 0) {
+            ASSERT_EQ(emulator->err(), "\nReceived signal SIGTERM\n");
+        }
     });
     EXPECT_TRUE(SANITIZED || (failures > 0) == (std::ranges::count(NOT_OF_EMULATOR, call) == 0)) << failures;
 }

@@ -32,7 +32,7 @@ void writeText(int fd, std::string_view text, const std::stop_token& stop, milli
     while (!text.empty() && waitFor(fd, POLLOUT, stop, limit)) {
         // A pipe that polls as writable takes this much at once.
         const ssize_t written = ::write(fd, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
-        if (written < 0 && errno != EINTR) {
+        if (written == 0 || (written < 0 && errno != EINTR)) {
             return;
         }
         text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
