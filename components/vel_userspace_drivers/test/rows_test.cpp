@@ -123,7 +123,7 @@ TEST(Rows, RefusedValueIsNamedAndChangesNothing) {
         {[&] { map.setRemapPID(8192); }, "Cannot set remap PID value - invalid PID value (8192)"},
         {[&] { map.setPIDIDX(0); }, "Cannot set PIDix - invalid PIDidx (0)"},
         {[&] { map.setPIDIDX(7); }, "Cannot set PIDix - invalid PIDidx (7)"},  // would link to itself
-        {[&] { map.setNextPIDIDX(9); }, "Cannot set NEXT PIDIX - invalid NEXT_PIDidx value (9)"},
+        {[] { PidMapEntry(1).setNextPIDIDX(1); }, "Cannot set NEXT PIDIX - invalid NEXT_PIDidx value (1)"},
         {[&] { map.setNextPIDIDX(4096); }, "Cannot set NEXT PIDIX - invalid NEXT_PIDidx value (4096)"},
         {[] { TsiMapEntry(256); }, "Cannot create TsiMapEntry - invalid TSIidx (256)"},
         {[] { TsiMapEntry(255, 4096); }, "Cannot create TsiMapEntry - invalid PIDidx (4096)"},

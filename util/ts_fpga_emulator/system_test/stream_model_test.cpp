@@ -90,8 +90,12 @@ protected:
                 replaceInputs();
                 truncateInputs();
             } else if (what < 5) {
+                // On for long, so that the file does not rush to its end.
+                const bool waitsForInput = random.oneIn(2);
+                waitsForInput ? changeRoute(tsiidx, PIDS[0]) : void();
+                changeRoute(tsiidx, PIDS[1 + random.below(3)]);
                 changeInput(n, tsiidx);
-                changeRoute(tsiidx, PIDS[0]);  // on for long, so that the file does not rush to its end
+                waitsForInput ? void() : changeRoute(tsiidx, PIDS[0]);
             } else {
                 changeRoute(tsiidx, PIDS[1 + random.below(3)]);
             }
@@ -261,7 +265,9 @@ private:
         }
         isAdded ? 0 : m_Inputs.erase(n);
         synchronize();
-        if (!isAdded) {
+        if (isAdded) {
+            expectProgress(tsiidx);
+        } else {
             m_Lives[tsiidx].back().span.mayTo = countWritten();
         }
     }

@@ -122,6 +122,23 @@ TEST(PktioStreamIn, RoutesAndRemovalsTakeEffectWhileTheDeviceIsFull) {
     }
 }
 
+/// No pacer thread runs, and the time is an hour ahead of that of waits.
+TEST(PktioStreamIn, EndsAtOnceWhileThePacerHasItsPackets) {
+    const TemporaryFolder folder;
+    Bytes file;
+    for (std::uint32_t i = 0; i < 200; ++i) {
+        const Bytes packet = TestPacket{.pid = 0x100, .pcr = i * 54'000}.bytes();  // 2 ms apart
+        file.insert(file.end(), packet.begin(), packet.end());
+    }
+    writeFile(folder / "input.ts", file);
+    auto nowNs = oneHourAhead();
+    PacketDispatcher dispatcher("/dev/null");
+    Pacer pacer(dispatcher, std::make_unique<FakeClock>(nowNs));
+    PktioStreamIn stream(folder / "input.ts", 3, pacer, dispatcher);
+    stream.changeRoutes(std::vector<PktioStreamIn::RouteChange>{{0x100, true}});
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // until it probably waits
+}
+
 /// The rate of a status line lies between those for the times around its limits.
 TEST(StreamStatus, TheRateIsThatOfTheTimeSinceTheLastLine) {
     using std::chrono::steady_clock;

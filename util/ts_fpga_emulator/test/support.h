@@ -36,6 +36,12 @@ private:
     std::uint64_t& m_NowNs;
 };
 
+/// For a FakeClock on which waits, which use the real time, take an hour.
+inline std::uint64_t oneHourAhead() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::nanoseconds(now + std::chrono::hours(1)).count());
+}
+
 /// The packet of a record whose header is 0.
 inline Ts::LowlevInTSPacket makePacket(const TestPacket& content) {
     auto packet = Ts::LowlevInTSPacket::create<Ts::RECORD_SIZE>();
