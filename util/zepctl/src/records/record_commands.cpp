@@ -154,8 +154,11 @@ Example: zepctl records watch pktio --for 60 --save out.csv)",
         "FIFO, growing file or device, or - for standard input (default: pktio in the directory of -d)");
     watch.add_flag("--json", args.json, "print one JSON object per line: inputs, and finally the result");
     watch.add_option("--for", args.seconds, "stop after SECONDS")->type_name("SECONDS")->check(checkSeconds);
-    watch.add_option("--save", args.output, "save rate, lateness and faults of each second as CSV")
-        ->type_name("PATH");
+    watch.add_option("--save", args.output, "save rate, lateness and faults of each second in a .csv file")
+        ->type_name("PATH")
+        ->check([](const std::string& path) {
+            return path.ends_with(".csv") ? std::string() : '"' + path + "\" does not end in .csv";
+        });
 
     CLI::App& plot = declareCommand(
         records, "plot", "Draw a picture of records, or of what a watch has saved",

@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -21,6 +19,7 @@
 #include "plain_file.h"
 #include "records/record_reader.h"
 #include "records/record_watch.h"
+#include "vel/cpp_utils/text.h"
 
 namespace Vel::Zepctl {
 
@@ -29,9 +28,10 @@ namespace {
 constexpr Ts::PcrTicks STEP = std::chrono::milliseconds(100);  // of bit rates
 constexpr std::size_t LARGEST_PIDS = 8;
 constexpr std::size_t MAX_INPUTS = 16;
+using Json = nlohmann::json;
 
-/// {0}: terminal, {1}: lines of the heading, {2}: their number, {3}: number of drawings, {4}: end of the time
-/// axis. Colour-blind people can tell the colours apart (Okabe and Ito). The key is beside the data.
+/// {0}: terminal, {1}: indented lines of the heading, {2}: their number, {3}: number of drawings, {4}: end of
+/// the time axis. Colour-blind people can tell the colours apart (Okabe and Ito). The key is beside the data.
 constexpr const char* STYLE = R"(
 $heading << END
 {1}END
@@ -48,7 +48,7 @@ do for [i=1:|$heading|] {{set label i $heading[i] at screen 0.01, screen 1-20*(i
 /// {0}: TSIIDX, {1}: data, {2}: columns of the rates, {3}: labels of the faults.
 constexpr const char* RECORDS = R"({1}
 eval panel(30, 250); set title 'TSIIDX {0}'; set ylabel 'kbit/s'; set yrange [0:*]; set y2range [0:1]; set format x ''
-plot $gaps using 1:(0):1:2:(0):(1) axes x1y2 with boxxyerror fc rgb '#dddddd' title 'no PCR for 100 ms', \
+plot $gaps using 1:(0):1:2:(0):(1) axes x1y2 with boxxyerror fc rgb '#dddddd' title 'no PCR for over 100 ms', \
      for [i={2}:2:-1] $rates using 1:(sum [c=2:i] column(c)) with fillsteps fc rgb word(colours, i-1) title columnhead(i), \
      $breaks using 1:(1) axes x1y2 with impulses dt 2 lc rgb '#000000' title 'new time base'
 unset label; unset title; eval panel(265, 375)
@@ -61,19 +61,18 @@ plot $faults using 1:($2-0.35):(0):(0.7) with vectors nohead lw 2 lc rgb '#d55e0
 unset xlabel; unset y2tics; set ytics autofreq nomirror; TOP = TOP + 530
 )";
 
-/// A row is about the time since the previous one. {0}: TSIIDX, {1}: data, {2}: number of faults.
+/// A row begins with the two ends of its interval. {0}: TSIIDX, {1}: data, {2}: number of faults.
 constexpr const char* CSV = R"({1}
 set datafile separator ','; set format x ''
 eval panel(30, 250); set title 'TSIIDX {0}'; set ylabel 'lateness, ms'; set yrange [*<-10:10<*]
-plot x=0, $rows using (begin=x, x=$1):($5):(begin):(x):($4):($6) with boxxyerror fc rgb '#56b4e9' \
-     title 'minimum to maximum', 0 lc rgb '#444444' notitle, x=0, \
-     $rows using (begin=x, x=$1, begin):($5):(x-begin):(0) with vectors nohead lw 2 lc rgb '#0072b2' title 'median'
+plot $rows using 1:6:1:2:5:7 with boxxyerror fc rgb '#56b4e9' title 'minimum to maximum', 0 lc rgb '#444444' notitle, \
+     $rows using 1:6:($2-$1):(0) with vectors nohead lw 2 lc rgb '#0072b2' title 'median'
 unset label; unset title; eval panel(265, 375); set ylabel 'kbit/s'; set yrange [0:*]
-plot 0 lc rgb '#444444' notitle, x=0, $rows using (begin=x, x=$1, begin):($3/1000):(x-begin):(0) with vectors nohead lw 2 \
-     lc rgb '#009e73' title 'rate over 2 s'
+plot 0 lc rgb '#444444' notitle, \
+     $rows using 1:($4/1000):($2-$1):(0) with vectors nohead lw 2 lc rgb '#009e73' title 'rate over 2 s'
 eval panel(390, 460); set ylabel 'faults'; set xlabel 'time since the watch began, s'; set format x
 set yrange [0:1]; unset ytics
-plot $rows using 1:(0):(0):($7 > 0 ? 1 : NaN) with vectors nohead lw 2 lc rgb '#d55e00' title '{2}'
+plot $rows using 2:(0):(0):($8 > 0 ? 1 : NaN) with vectors nohead lw 2 lc rgb '#d55e00' title '{2}'
 unset xlabel; set ytics autofreq nomirror; TOP = TOP + 530
 )";
 
@@ -180,7 +179,7 @@ void InputPlot::draw(std::uint32_t tsiidx, const RecordInput& input, Picture& pi
             pids.emplace_back(pid.counts.timedPackets, number);
         }
     }
-    std::ranges::sort(pids, std::greater());
+    std::ranges::stable_sort(pids, std::greater(), &std::pair<std::uint64_t, std::uint32_t>::first);
     std::map<std::uint32_t, std::size_t> columns;  // by PID
     std::string rates = "s";
     for (const auto& [packets, number] : pids) {
@@ -248,70 +247,103 @@ private:
     std::map<std::uint32_t, InputPlot> m_Inputs;  // by TSIIDX, like the inputs of the check
 };
 
+/// The cells of a line that RecordWatch has written, else nothing.
+Json parseRow(const std::string& line) {
+    std::string cells = '[' + line + ']';
+    for (std::size_t at = 0; (at = cells.find(",,", at)) != std::string::npos;) {
+        cells.insert(at + 1, "null");
+    }
+    Json row = Json::parse(cells, nullptr, false);
+    const auto isValue = [](const Json& cell) { return cell.is_number() || cell.is_null(); };
+    const bool isRow = row.is_array() && row.size() == 7 && row[0].is_number() &&
+                       row[1].is_number_unsigned() && row[1] <= MAX_TSIIDX &&
+                       std::all_of(row.begin() + 2, row.begin() + 6, isValue) && row[6].is_number_unsigned();
+    return isRow ? row : Json();
+}
+
 Picture drawCsv(const std::string& path, const std::string& name) {
-    std::map<int, std::pair<std::string, std::uint64_t>> inputs;  // rows and number of faults by TSIIDX
+    std::map<std::uint32_t, std::pair<std::string, std::uint64_t>> inputs;  // rows and number of faults
     Picture picture{name + '\n', {}, 0};
+    double begin = 0;  // of the interval up to picture.end
     std::ifstream file(path);
     std::string line;
     bool isValid = !std::getline(file, line) || line + '\n' == RecordWatch::CSV_HEADER;
     while (isValid && std::getline(file, line)) {
-        int tsiidx = 0;
-        char comma = 0;
-        std::istringstream cells(line);
-        isValid = cells >> picture.end >> comma >> tsiidx && std::ranges::count(line, ',') == 6 &&
-                  line.find_first_not_of("0123456789.,-") == std::string::npos;
-        inputs[tsiidx].first += line + '\n';
-        inputs[tsiidx].second += std::strtoull(line.c_str() + line.rfind(',') + 1, nullptr, 10);
+        const Json row = parseRow(line);
+        isValid = !row.is_null() && row[0] >= picture.end;
+        if (isValid) {
+            const double end = row[0];
+            begin = end > picture.end ? std::exchange(picture.end, end) : begin;
+            auto& [rows, faults] = inputs[row[1]];
+            rows += fmt::format("{:.3f},{}\n", begin, line);
+            faults += row[6].get<std::uint64_t>();
+        }
     }
     if (!isValid) {
-        throw CommandError(
-            DeviceUnusable,
-            fmt::format("{} has a line that is not from records watch: \"{:.80}\"", name, line));
+        throw CommandError(DeviceUnusable, fmt::format("{} has a line that is not from records watch: \"{}\"",
+                                                       name, CppUtil::escapeControls(line.substr(0, 80))));
     }
-    for (const auto& [tsiidx, rows] : inputs) {
+    for (const auto& [tsiidx, input] : inputs) {
         picture.drawings.push_back(
-            fmt::format(CSV, tsiidx, dataBlock("rows", rows.first), formatCount(rows.second, "fault")));
+            fmt::format(CSV, tsiidx, dataBlock("rows", input.first), formatCount(input.second, "fault")));
     }
     return picture;
 }
 
-/// Throws CommandError, with the reason that gnuplot gives, unless it draws all of the script.
-void runGnuplot(const std::string& script, int output) {
+/// What gnuplot draws. Its descriptors have no names, so that nothing is left if a signal ends this program.
+/// @throws CommandError, with the reason that gnuplot gives, unless it draws all of the script
+std::string runGnuplot(const std::string& script) {
     constexpr int NOT_FOUND = 127;
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> errors(std::tmpfile(), &std::fclose);
-    std::array<int, 2> pipe{};
-    if (!errors || ::pipe2(pipe.data(), O_CLOEXEC) != 0) {
-        throw systemError("Cannot create a temporary file or a pipe");
+    using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+    const File input(std::tmpfile(), &std::fclose);
+    const File errors(std::tmpfile(), &std::fclose);
+    if (!input || !errors || std::fwrite(script.data(), script.size(), 1, input.get()) != 1 ||
+        std::fflush(input.get()) != 0) {
+        throw systemError("Cannot write a temporary file");
     }
-    const pid_t gnuplot = ::fork();
-    if (gnuplot == 0) {
-        ::dup2(pipe[0], STDIN_FILENO);
-        ::dup2(output, STDOUT_FILENO);
-        ::dup2(::fileno(errors.get()), STDERR_FILENO);
-        ::execlp("gnuplot", "gnuplot", "-d", nullptr);  // without the user's settings
-        ::_exit(NOT_FOUND);
+    // -d: without the settings of its user.
+    const std::string command = fmt::format("exec gnuplot -d </dev/fd/{} 2>/dev/fd/{}", ::fileno(input.get()),
+                                            ::fileno(errors.get()));
+    std::FILE* output = ::popen(command.c_str(), "re");
+    if (output == nullptr) {
+        throw systemError("Cannot start gnuplot");
     }
-    ::close(pipe[0]);
-    std::signal(SIGPIPE, SIG_IGN);  // a gnuplot that fails does not read on
-    std::signal(SIGINT, SIG_IGN);   // ends gnuplot
-    std::FILE* input = ::fdopen(pipe[1], "w");
-    const bool isWritten = std::fwrite(script.data(), script.size(), 1, input) == 1;
-    const bool isSent = std::fclose(input) == 0 && isWritten;
-    int status = -1;
-    ::waitpid(gnuplot, &status, 0);
-    if (isSent && status == 0 && ::lseek(output, 0, SEEK_END) > 0) {
-        return;
+    std::string picture;
+    std::array<char, 65536> block{};
+    while (const std::size_t got = std::fread(block.data(), 1, block.size(), output)) {
+        picture.append(block.data(), got);
     }
-    std::string reason = WIFEXITED(status) && WEXITSTATUS(status) == NOT_FOUND
-                             ? "it cannot be run; install the package gnuplot-nox"
-                             : fmt::format("it ended without a message, with wait status {}", status);
+    const int status = ::pclose(output);
+    if (status == 0 && !picture.empty()) {
+        return picture;
+    }
+    std::string reason = WIFSIGNALED(status)
+                             ? fmt::format("signal {} ended it", WTERMSIG(status))
+                             : fmt::format("it ended with status {} and no picture", WEXITSTATUS(status));
     // Its last line is the first error, since that ends it.
-    std::rewind(errors.get());
     for (std::array<char, 400> text{}; std::fgets(text.data(), text.size(), errors.get()) != nullptr;) {
         std::string line(text.data() + std::strspn(text.data(), " \t"));
         reason = line == "\n" ? reason : line.substr(0, line.find('\n'));
     }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == NOT_FOUND) {
+        reason = "it cannot be run; install the package gnuplot-nox";
+    }
     throw CommandError(DeviceUnusable, "Cannot draw with gnuplot: " + reason);
+}
+
+/// Nobody sees a part of it under its name.
+void replaceFile(const std::string& path, const std::string& content, mode_t mode) {
+    const std::string part =
+        std::filesystem::path(path).replace_filename(fmt::format(".zepctl.{}", ::getpid()));
+    std::FILE* file = std::fopen(part.c_str(), "wxe");
+    const bool isWritten = file != nullptr && std::fwrite(content.data(), content.size(), 1, file) == 1;
+    if (file == nullptr || std::fclose(file) != 0 || !isWritten ||
+        (mode != 0 && ::chmod(part.c_str(), mode) != 0) || std::rename(part.c_str(), path.c_str()) != 0) {
+        const int reason = errno;
+        ::unlink(part.c_str());
+        errno = reason;
+        throw systemError("Cannot create " + path);
+    }
 }
 
 }  // namespace
@@ -321,15 +353,19 @@ void plotRecords(const std::string& file, const std::string& path) {
         throw CommandError(WrongUse, "PICTURE \"" + path + "\" does not end in .svg or .png");
     }
     RecordReader reader(file);
-    if (struct stat status{}; ::lstat(path.c_str(), &status) == 0) {
-        requireOutput(path, status, reader.getStatus());
+    struct stat replaced {};
+    if (::lstat(path.c_str(), &replaced) == 0) {
+        requireOutput(path, replaced, reader.getStatus());
     }
+    const std::string name = reader.getName();
     const bool isCsv = file.ends_with(".csv");
+    if (isCsv && !reader.isPlainFile()) {
+        throw CommandError(DeviceUnusable, name + " is not a plain file");
+    }
     RecordPlot plot;
     if (!isCsv) {
         readToEnd(reader, plot);
     }
-    const std::string name = reader.getName();
     const Picture picture = isCsv ? drawCsv(file, name) : plot.draw(name, reader.getTornBytes());
     if (picture.drawings.empty() || picture.drawings.size() > MAX_INPUTS) {
         throw CommandError(
@@ -338,25 +374,17 @@ void plotRecords(const std::string& file, const std::string& path) {
                         isCsv ? "inputs" : "inputs with a PCR clock", MAX_INPUTS));
     }
     // A file name may not be valid UTF-8, which an SVG file has to be.
-    using Json = nlohmann::json;
     const auto text = Json(picture.heading).dump(-1, ' ', false, Json::error_handler_t::replace);
-    const std::string script =
-        fmt::format(STYLE, path.ends_with(".svg") ? "svg font 'sans-serif,13'" : "pngcairo font 'sans,10'",
-                    Json::parse(text).get<std::string>(), std::ranges::count(picture.heading, '\n'),
-                    picture.drawings.size(), picture.end);
-
-    const std::string part = fmt::format("{}.{}", path, ::getpid());
-    const CppUtil::FileDescriptor output(::open(part.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (!output.isOpen()) {
-        throw systemError("Cannot create " + path);
+    std::istringstream lines(Json::parse(text).get<std::string>());
+    std::string heading;
+    for (std::string line; std::getline(lines, line);) {
+        heading += ' ' + line + '\n';  // a line that begins with END would end the data
     }
-    try {
-        runGnuplot(script + fmt::format("{}", fmt::join(picture.drawings, "")), output.get());
-        std::filesystem::rename(part, path);
-    } catch (...) {
-        ::unlink(part.c_str());
-        throw;
-    }
+    const std::string style = fmt::format(
+        STYLE, path.ends_with(".svg") ? "svg font 'sans-serif,13'" : "pngcairo font 'sans,10'", heading,
+        std::ranges::count(heading, '\n'), picture.drawings.size(), std::max(picture.end, 0.001));
+    replaceFile(path, runGnuplot(style + fmt::format("{}", fmt::join(picture.drawings, ""))),
+                replaced.st_mode & 0777);
 }
 
 }  // namespace Vel::Zepctl

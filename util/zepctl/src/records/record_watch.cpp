@@ -66,7 +66,8 @@ void endOnSignals() {
         }
         // A pipe that polls as writable takes this much at once.
         const ssize_t got = ::write(STDOUT_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
-        if (got < 0 && errno != EINTR && errno != EAGAIN) {
+        errno = got == 0 ? EIO : errno;
+        if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) {
             throw systemError("Cannot write to standard output");
         }
         text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
@@ -197,15 +198,19 @@ void RecordWatch::add(std::span<const std::uint8_t> records, std::optional<Arriv
     for (; records.size() >= Ts::RECORD_SIZE; records = records.subspan(Ts::RECORD_SIZE)) {
         const RecordView record(records.data());
         const RecordInput* input = m_Check.add(record);
-        if (input == nullptr) {
-            continue;
-        }
-        Arrival& known = m_Arrivals[record.getTsiidx()];
-        if (arrival) {
-            known.rate.add(*arrival, 1);
+        if (input != nullptr && arrival && record.hasPcr()) {
+            Arrival& known = m_Arrivals[record.getTsiidx()];
             if (const auto lateness = known.drift.add(*arrival, input->getTime())) {
                 known.lateness.push_back(lateness->count());
             }
+        }
+    }
+    for (const auto& [tsiidx, input] : m_Check.getInputs()) {
+        Arrival& known = m_Arrivals[tsiidx];
+        const std::uint64_t packets = input.getTotal().packets - known.packets;
+        known.packets += packets;
+        if (packets != 0 && arrival) {
+            known.rate.add(*arrival, packets);
         }
     }
 }

@@ -101,6 +101,7 @@ public:
 
 private:
     struct Arrival {
+        std::uint64_t packets = 0;
         ArrivalRate rate;
         ArrivalDrift drift;
         std::vector<double> lateness;  // in ms, since the previous takeCsvRows()
