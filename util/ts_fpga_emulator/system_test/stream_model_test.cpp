@@ -92,10 +92,14 @@ protected:
             } else if (what < 5) {
                 // On for long, so that the file does not rush to its end.
                 const bool waitsForInput = random.oneIn(2);
-                waitsForInput ? changeRoute(tsiidx, PIDS[0]) : void();
+                if (waitsForInput) {
+                    changeRoute(tsiidx, PIDS[0]);
+                }
                 changeRoute(tsiidx, PIDS[1 + random.below(3)]);
                 changeInput(n, tsiidx);
-                waitsForInput ? void() : changeRoute(tsiidx, PIDS[0]);
+                if (!waitsForInput) {
+                    changeRoute(tsiidx, PIDS[0]);
+                }
             } else {
                 changeRoute(tsiidx, PIDS[1 + random.below(3)]);
             }
