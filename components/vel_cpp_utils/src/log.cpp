@@ -58,6 +58,7 @@ std::shared_ptr<spdlog::logger> StdoutLogger::getLogger(const std::string& name)
 
 std::shared_ptr<spdlog::logger> StdoutLogger::getLogger(const std::string& name,
                                                         spdlog::level::level_enum level) {
+    const std::lock_guard lock(m_CreationLock);
     if (auto existing = spdlog::get(name)) {
         return existing;
     }

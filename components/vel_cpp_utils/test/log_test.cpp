@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
+#include <future>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -47,6 +49,22 @@ TEST(Log, LineIsTimeLevelAndMessageAndANameYieldsItsFirstLogger) {
         MatchesRegex(TIME + "\\[info\\] Detected added input TS: udp://239\\.10\\.0\\.1:5000 @ TSIIDX 3\n" +
                      TIME + "\\[warning\\] \\{literal\\} %v\n" + TIME + "\\[debug\\] \\{\\}\n" + TIME +
                      "\\[error\\] last\n"));
+}
+
+/// As streams that start together do.
+TEST(Log, ThreadsMayWantANewLoggerAtOnce) {
+    logged([](ILogsystem& logsystem) {
+        const auto getAll = [&] {
+            for (int i = 0; i < 2000; ++i) {
+                logsystem.getLogger(std::to_string(i));
+            }
+        };
+        std::array<std::future<void>, 4> threads;
+        std::ranges::generate(threads, [&] { return std::async(std::launch::async, getAll); });
+        for (auto& thread : threads) {
+            EXPECT_NO_THROW(thread.get());
+        }
+    });
 }
 
 TEST(Log, MissingLogsystemIsReplacedOnceWithAWarning) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -45,6 +46,7 @@ public:
 private:
     spdlog::level::level_enum m_DefaultLevel;
     std::vector<spdlog::sink_ptr> m_Sinks;
+    std::mutex m_CreationLock;  // of loggers
 };
 
 /// Waits until the worker has written every queued line. False once `patience` has passed without progress,
