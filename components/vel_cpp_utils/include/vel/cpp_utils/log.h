@@ -18,7 +18,8 @@ namespace Vel::Log {
 class ILogsystem {
 public:
     virtual ~ILogsystem() = default;
-    /// The logger of that name, created with the log system's default level if it does not exist yet.
+    /// The logger of that name, created with the log system's default level if it does not exist yet. Any
+    /// thread.
     virtual std::shared_ptr<spdlog::logger> getLogger(const std::string& name) = 0;
     /// The logger of that name, created with `level` if it does not exist yet; an existing one keeps its
     /// level.
