@@ -28,7 +28,7 @@ namespace {
 constexpr Ts::PcrTicks STEP = std::chrono::milliseconds(100);  // of bit rates
 constexpr std::size_t LARGEST_PIDS = 8;
 constexpr std::size_t MAX_INPUTS = 16;
-using Json = nlohmann::json;
+using Json = nlohmann::ordered_json;
 
 /// {0}: terminal, {1}: indented lines of the heading, {2}: their number, {3}: number of drawings, {4}: end of
 /// the time axis. Colour-blind people can tell the colours apart (Okabe and Ito). The key is beside the data.
