@@ -7,39 +7,19 @@
 #include <array>
 #include <fstream>
 #include <iostream>
-#include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <thread>
 
+#include "expected_records.h"
 #include "harness.h"
 #include "test_random.h"
 #include "vel/cpp_utils/posix/file_descriptor.h"
 
 namespace Vel::SystemTest {
 namespace {
-
-constexpr std::size_t NEVER = std::numeric_limits<std::size_t>::max();
-
-/// Something that was switched on and off while records went out. Bounds are numbers of records written: it
-/// may have an effect from the number before the change until the number after the change back. It must have
-/// it after a record that was written when the change had taken effect; 0 is the start of the file.
-struct Span {
-    std::size_t mayFrom = 0;
-    std::size_t mustFrom = NEVER;
-    std::size_t mustTo = NEVER;
-    std::size_t mayTo = NEVER;
-};
-
-/// An input from its addition to its removal.
-struct Life {
-    std::uint32_t n;  // of its file
-    Span span;
-    bool isStarted = false;                                  // by its first route
-    std::map<std::uint32_t, std::vector<Span>> routes = {};  // by PID
-};
 
 std::string changeLine(bool isAdded, const std::string& what, std::uint32_t tsiidx) {
     return std::string("[info] Detected ") + (isAdded ? "added " : "removed ") + what +
@@ -339,8 +319,6 @@ private:
         changeInput(SYNC, SYNC);
     }
 
-    /// Every record is a later packet of its file, from a PID that may be routed, and no packet between it
-    /// and the record before it was of a PID that must have been.
     void check() {
         const std::size_t written = countWritten();
         ASSERT_TRUE(eventually([&] {
@@ -350,49 +328,12 @@ private:
         std::unique_lock lock(m_ReadLock);
         const Bytes arrived = std::exchange(m_Arrived, {});
         lock.unlock();
-        struct Position {
-            const Life* life = nullptr;
-            std::size_t records = 0;  // up to its last one
-            std::size_t packet = 0;   // the next one of its file
-            std::size_t lastPacket = 0;
-        };
-        std::map<std::uint32_t, Position> positions;
         ASSERT_EQ(arrived.size() % RECORD, 0U);
         seen["records"] += arrived.size() / RECORD;
-        for (std::size_t i = 0; i < arrived.size() / RECORD; ++i) {
-            const auto record = arrived.begin() + static_cast<std::ptrdiff_t>(i * RECORD);
-            const std::uint32_t tsiidx = record[0];
-            SCOPED_TRACE("record " + std::to_string(i) + " of TSIIDX " + std::to_string(tsiidx));
-            const auto isAlive = [&](const Life& life) {
-                return life.span.mayFrom <= i && i < life.span.mayTo;
-            };
-            const auto life = std::ranges::find_if(m_Lives[tsiidx], isAlive);
-            ASSERT_TRUE(life != m_Lives[tsiidx].end()) << "no such input";
-            Position& at = positions[tsiidx];
-            if (at.life != &*life) {
-                at = {&*life};
-            }
-            const auto file = m_Files[life->n].begin();
-            for (;; ++at.packet) {
-                ASSERT_LT(at.packet, m_Files[life->n].size() / 188) << "not one of the file's next packets";
-                const auto packet = file + static_cast<std::ptrdiff_t>(at.packet * 188);
-                const auto& spans = life->routes[(packet[1] & 0x1FU) << 8 | packet[2]];
-                if (std::equal(packet, packet + 188, record + 4)) {
-                    ASSERT_TRUE(std::ranges::any_of(spans, [&](const Span& span) {
-                        return span.mayFrom <= i && i < span.mayTo;
-                    })) << "not routed";
-                    break;
-                }
-                ASSERT_TRUE(std::ranges::none_of(
-                    spans, [&](const Span& span) { return span.mustFrom <= at.records && i < span.mustTo; }))
-                    << "packet " << at.packet << " is missing before it";
-            }
-            const bool isJump = at.records > 0 && at.packet / CLOCK_PACKETS != at.lastPacket / CLOCK_PACKETS;
-            if (isClocked) {  // -m waits for hours for a clock that jumps back
-                seen["clock jumps"] += isJump ? 1 : 0;
-            }
-            at.records = i + 1;
-            at.lastPacket = at.packet++;
+        std::size_t jumps = 0;
+        judgeRecords(arrived, m_Files, m_Lives, CLOCK_PACKETS, jumps);
+        if (isClocked) {  // -m waits for hours for a clock that jumps back
+            seen["clock jumps"] += jumps;
         }
     }
 
