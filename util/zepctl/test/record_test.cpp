@@ -338,7 +338,7 @@ TEST(ArrivalDrift, IsHowFarArrivalMovesAwayFromThePcr) {
 }
 
 TEST(RecordWatch, HasOneRowPerInputAndDoesNotTimeWhatWasThereBefore) {
-    RecordWatch watch;
+    RecordWatch watch(true);
     EXPECT_THAT(watch.formatRows(Seconds(1.4), START, false),
                 testing::ElementsAre("      1  no records yet"));
     watch.add(bytesOf(recordsOf("1 3")), std::nullopt);

@@ -30,8 +30,11 @@ constexpr std::size_t LARGEST_PIDS = 8;
 constexpr std::size_t MAX_INPUTS = 16;
 using Json = nlohmann::ordered_json;
 
-/// {0}: terminal, {1}: indented lines of the heading, {2}: their number, {3}: number of drawings, {4}: end of
-/// the time axis. Colour-blind people can tell the colours apart (Okabe and Ito). The key is beside the data.
+/// What all drawings share. The key is to the right of the diagrams, where it covers no data. Colour-blind
+/// people can tell the colours apart; they are those of Okabe and Ito.
+///
+/// {0} terminal, {1} lines of the heading, each indented, {2} their number, {3} number of drawings, {4} end
+/// of the time axis in seconds
 constexpr const char* STYLE = R"(
 $heading << END
 {1}END
@@ -45,7 +48,9 @@ panel(top, bottom) = sprintf('set tmargin at screen %f; set bmargin at screen %f
 do for [i=1:|$heading|] {{set label i $heading[i] at screen 0.01, screen 1-20*(i-0.3)/H}}
 )";
 
-/// {0}: TSIIDX, {1}: data, {2}: columns of the rates, {3}: labels of the faults.
+/// The drawing of one input from records.
+///
+/// {0} TSIIDX, {1} data, {2} columns of the rates, {3} labels of the faults
 constexpr const char* RECORDS = R"({1}
 eval panel(30, 250); set title 'TSIIDX {0}'; set ylabel 'kbit/s'; set yrange [0:*]; set y2range [0:1]; set format x ''
 plot $gaps using 1:(0):1:2:(0):(1) axes x1y2 with boxxyerror fc rgb '#dddddd' title 'no PCR for over 100 ms', \
@@ -61,7 +66,9 @@ plot $faults using 1:($2-0.35):(0):(0.7) with vectors nohead lw 2 lc rgb '#d55e0
 unset xlabel; unset y2tics; set ytics autofreq nomirror; TOP = TOP + 530
 )";
 
-/// A row begins with the two ends of its interval. {0}: TSIIDX, {1}: data, {2}: number of faults.
+/// The drawing of one input from a CSV file. A row begins with the two ends of its interval.
+///
+/// {0} TSIIDX, {1} data, {2} number of faults
 constexpr const char* CSV = R"({1}
 set datafile separator ','; set format x ''
 eval panel(30, 250); set title 'TSIIDX {0}'; set ylabel 'lateness, ms'; set yrange [*<-10:10<*]

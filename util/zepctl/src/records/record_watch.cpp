@@ -200,7 +200,8 @@ void RecordWatch::add(std::span<const std::uint8_t> records, std::optional<Arriv
         const RecordInput* input = m_Check.add(record);
         if (input != nullptr && arrival && record.hasPcr()) {
             Arrival& known = m_Arrivals[record.getTsiidx()];
-            if (const auto lateness = known.drift.add(*arrival, input->getTime())) {
+            const auto lateness = known.drift.add(*arrival, input->getTime());
+            if (lateness && m_IsSaved) {
                 known.lateness.push_back(lateness->count());
             }
         }
@@ -270,7 +271,7 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
         saved = createOutput(savePath, reader.getStatus());
         append(saved, savePath, RecordWatch::CSV_HEADER);
     }
-    RecordWatch watch;
+    RecordWatch watch(saved.isOpen());
     WatchTable table(isJson);
     const auto start = Clock::now();
     const auto end = seconds ? start + std::chrono::duration_cast<Clock::duration>(Seconds(*seconds))
@@ -283,9 +284,8 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
     bool isClosed = false;
     bool isPrinted = true;
     const auto save = [&] {
-        const std::string rows = watch.takeCsvRows(now - start, now);
         if (saved.isOpen()) {
-            append(saved, savePath, rows);
+            append(saved, savePath, watch.takeCsvRows(now - start, now));
         }
     };
     for (; g_IsEnding == 0 && !isClosed && isPrinted && now < end; now = Clock::now()) {
@@ -299,7 +299,7 @@ void watchRecords(const std::string& path, std::optional<double> seconds, bool i
             continue;
         }
         if (reader.restartIfRewritten()) {
-            watch = {};
+            watch = RecordWatch(saved.isOpen());
             isLive = false;
         }
         const auto records = reader.read();

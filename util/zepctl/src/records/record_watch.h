@@ -78,6 +78,9 @@ private:
 /// What arrives, per input: counts, rates and drift. Thread-bound.
 class RecordWatch {
 public:
+    /// @param isSaved whether takeCsvRows() will be called; else it has no lateness
+    explicit RecordWatch(bool isSaved) : m_IsSaved(isSaved) {}
+
     /// Takes the next complete records.
     /// @param arrival none for records that a file already held: they are counted, but not timed
     void add(std::span<const std::uint8_t> records, std::optional<ArrivalTime> arrival);
@@ -108,6 +111,7 @@ private:
         std::uint64_t faults = 0;      // until then
     };
 
+    bool m_IsSaved;
     RecordCheck m_Check;
     std::map<std::uint32_t, Arrival> m_Arrivals;  // by TSIIDX, like the inputs of the check
 };
