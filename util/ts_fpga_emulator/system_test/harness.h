@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -192,9 +193,14 @@ protected:
             std::error_code ended;
             std::filesystem::directory_iterator threads("/proc/" + std::to_string(emulator->pid()) + "/task",
                                                         ended);
-            return std::any_of(begin(threads), end(threads), [](const auto& thread) {
-                return readFile<std::string>(thread.path() / "comm") == "fpga-monitor\n";
-            });
+            for (; threads != end(threads); threads.increment(ended)) {
+                std::ifstream comm(threads->path() / "comm");
+                // Reads nothing, and does not throw, if the thread ends at this moment.
+                if (std::string name; std::getline(comm, name) && name == "fpga-monitor") {
+                    return true;
+                }
+            }
+            return false;
         }));
     }
     /// The -f pair that links a file with these bytes to 239.1.2.n, port 5000.
