@@ -278,6 +278,13 @@ TEST(RecordReader, FollowsAFileThatGrowsAndRestartsWhenItIsRewritten) {
         EXPECT_EQ(readOnce(reader), expected);
         EXPECT_EQ(reader.getTornBytes(), content.size() % Ts::RECORD_SIZE);
     }
+    // After a record, what looks like packets is the beginning of a damaged record.
+    write(recordsOf("0"));
+    RecordReader reader(path);
+    EXPECT_EQ(readOnce(reader), "0");
+    write(recordsOf("0") + 'G' + std::string(187, 'x') + 'G');
+    EXPECT_EQ(readOnce(reader), "");
+    EXPECT_EQ(reader.getTornBytes(), 189U);
 }
 
 TEST(ArrivalRate, IsThatOfWholeBursts) {
