@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <optional>
 #include <thread>
 
@@ -83,6 +84,27 @@ TEST(PacketDispatcher, ADeviceThatFailsWithinARecordIsReportedToTheNextOne) {
     EXPECT_TRUE(dispatcher.waitForDevice({})) << "the wait is over, but not because of a stop request";
     EXPECT_THROW(dispatcher.tryDispatch(packet), CppUtil::IOError);
     EXPECT_EQ(dispatcher.getRecordCount(), 0U);
+}
+
+TEST(PacketDispatcher, LeavesTheProcessorToOthersWhileItWaits) {
+    std::signal(SIGPIPE, SIG_IGN);
+    const TemporaryFolder folder;
+    ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
+    PacketDispatcher dispatcher(folder / "fifo", {}, true);
+    auto packet = Ts::LowlevInTSPacket::create<4096>();
+    CppUtil::FileDescriptor reader;
+    for (const char* state : {"no reader yet", "full", "the reader has gone"}) {
+        while (dispatcher.tryDispatch(packet) == PacketDispatcher::Outcome::Written) {
+        }
+        const std::jthread waiting([&](const std::stop_token& stop) { dispatcher.waitForDevice(stop); });
+        const auto begin = std::chrono::steady_clock::now();
+        const std::clock_t used = std::clock();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - begin;
+        EXPECT_LT(static_cast<double>(std::clock() - used) / CLOCKS_PER_SEC, waited.count() / 2) << state;
+        reader = CppUtil::FileDescriptor(
+            reader.isOpen() ? -1 : ::open((folder / "fifo").c_str(), O_RDONLY | O_NONBLOCK));
+    }
 }
 
 }  // namespace
