@@ -86,7 +86,7 @@ TEST(PacketDispatcher, ADeviceThatFailsWithinARecordIsReportedToTheNextOne) {
     EXPECT_EQ(dispatcher.getRecordCount(), 0U);
 }
 
-TEST(PacketDispatcher, LeavesTheProcessorToOthersWhileItWaits) {
+TEST(PacketDispatcher, AWaitLeavesTheProcessorToOthersAndEndsAtOnceOnAStopRequest) {
     std::signal(SIGPIPE, SIG_IGN);
     const TemporaryFolder folder;
     ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
@@ -96,12 +96,22 @@ TEST(PacketDispatcher, LeavesTheProcessorToOthersWhileItWaits) {
     for (const char* state : {"no reader yet", "full", "the reader has gone"}) {
         while (dispatcher.tryDispatch(packet) == PacketDispatcher::Outcome::Written) {
         }
-        const std::jthread waiting([&](const std::stop_token& stop) { dispatcher.waitForDevice(stop); });
+        std::jthread waiting([&](const std::stop_token& stop) { dispatcher.waitForDevice(stop); });
         const auto begin = std::chrono::steady_clock::now();
         const std::clock_t used = std::clock();
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - begin;
         EXPECT_LT(static_cast<double>(std::clock() - used) / CLOCKS_PER_SEC, waited.count() / 2) << state;
+        const std::stop_token stop = waiting.get_stop_token();
+        waiting = {};
+        EXPECT_TRUE(TestSupport::eventually(
+            [&] {
+                const auto asked = std::chrono::steady_clock::now();
+                EXPECT_FALSE(dispatcher.waitForDevice(stop));
+                return std::chrono::steady_clock::now() - asked < std::chrono::milliseconds(500);
+            },
+            std::chrono::seconds(10)))
+            << state << ": no record has been started, so there is nothing to be patient for";
         reader = CppUtil::FileDescriptor(
             reader.isOpen() ? -1 : ::open((folder / "fifo").c_str(), O_RDONLY | O_NONBLOCK));
     }
