@@ -150,6 +150,8 @@ TEST(MonotonicClock, SleepsTheWholeTime) {
     const auto start = clock.now();
     clock.sleepFor(TIME, {});
     EXPECT_GE(clock.now() - start, TIME);
+    clock.sleepUntil(start + 2 * TIME);
+    EXPECT_GE(clock.now() - start, 2 * TIME);
 }
 
 }  // namespace

@@ -93,6 +93,25 @@ protected:
     WatchedMemory memory;
 };
 
+/// What was read or stored then does not count.
+TEST(Tables, ADeviceThatIsLostIsReportedByEveryCommand) {
+    WatchedMemory memory;
+    InputTable inputs(memory);
+    RouteTable routes(memory);
+    inputs.add(input(1, 1));
+    routes.add({3, 0x100, 7, false, true});
+    memory.isLost = true;
+    const std::function<void()> commands[] = {
+        [&] { InputTable again(memory); },   [&] { inputs.add(input(2, 2)); },
+        [&] { inputs.remove(input(1, 1)); }, [&] { inputs.clear(); },
+        [&] { RouteTable again(memory); },   [&] { routes.add({4, 0x100, 8, false, true}); },
+        [&] { routes.remove(3, 0x100); },    [&] { routes.clear(); },
+    };
+    for (const auto& command : commands) {
+        EXPECT_THROW(command(), Drivers::DevMemError) << &command - commands;
+    }
+}
+
 TEST_F(InputTableTest, RowsMoveAsLittleAsPossible) {
     const struct {
         Words before;
