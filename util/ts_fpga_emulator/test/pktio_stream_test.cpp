@@ -123,11 +123,11 @@ TEST(PktioStreamIn, RoutesAndRemovalsTakeEffectWhileTheDeviceIsFull) {
 }
 
 /// No pacer thread runs, and the time is an hour ahead of that of waits.
-TEST(PktioStreamIn, EndsAtOnceWhileThePacerHasItsPackets) {
+TEST(PktioStreamIn, ReadsNoFurtherAheadAndEndsAtOnceWhileThePacerHasItsPackets) {
     const TemporaryFolder folder;
     Bytes file;
-    for (std::uint32_t i = 0; i < 200; ++i) {
-        const Bytes packet = TestPacket{.pid = 0x100, .pcr = i * 54'000}.bytes();  // 2 ms apart
+    for (std::uint32_t i = 0; i < 20'000; ++i) {
+        const Bytes packet = TestPacket{.pid = 0x100, .pcr = i * 270}.bytes();  // 10 us apart
         file.insert(file.end(), packet.begin(), packet.end());
     }
     writeFile(folder / "input.ts", file);
@@ -136,7 +136,15 @@ TEST(PktioStreamIn, EndsAtOnceWhileThePacerHasItsPackets) {
     Pacer pacer(dispatcher, std::make_unique<FakeClock>(nowNs));
     PktioStreamIn stream(folder / "input.ts", 3, pacer, dispatcher);
     stream.changeRoutes(std::vector<PktioStreamIn::RouteChange>{{0x100, true}});
+    const auto hasReadAll = [&] {
+        testing::internal::CaptureStdout();
+        stream.logStatus("uri");
+        EXPECT_TRUE(Log::drain(std::chrono::minutes(1)));
+        return testing::internal::GetCapturedStdout().find(" read=10000 ") != std::string::npos;
+    };
+    EXPECT_TRUE(TestSupport::eventually(hasReadAll));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));  // until it probably waits
+    EXPECT_TRUE(hasReadAll());
 }
 
 /// The rate of a status line lies between those for the times around its limits.
