@@ -72,7 +72,7 @@ std::deque<nanoseconds> every(microseconds interval, int count, microseconds fir
 TEST(Pacer, WakesUpForGroupsOfAllInputsTogether) {
     std::vector<std::deque<nanoseconds>> inputs(64);
     for (std::size_t i = 0; i < inputs.size(); ++i) {
-        inputs[i] = every(microseconds(1500), 1000, i * microseconds(23));
+        inputs[i] = every(microseconds(1500), 1000, i * microseconds(25));
     }
     PlayedInputs play(std::move(inputs));
     play.run([&](nanoseconds nextDue) {

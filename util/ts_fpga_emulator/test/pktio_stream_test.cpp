@@ -145,6 +145,8 @@ TEST(PktioStreamIn, ReadsNoFurtherAheadAndEndsAtOnceWhileThePacerHasItsPackets) 
     EXPECT_TRUE(TestSupport::eventually(hasReadAll));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));  // until it probably waits
     EXPECT_TRUE(hasReadAll());
+    pacer.releaseDue();
+    EXPECT_EQ(dispatcher.getRecordCount(), 26U) << "all that is due within GROUP_TIME, in one turn";
 }
 
 /// The rate of a status line lies between those for the times around its limits.
