@@ -176,6 +176,17 @@ TEST(Rows, SettersEnableWhereTheyShould) {
     out.setMac(MAC);
     out.clear();
     EXPECT_EQ(encoded(out), Words({0x00000011, 0x22334455, 0, 0x0000FFFF})) << "the MAC address stays";
+    const auto cleared = [](auto row) {
+        row.clear();
+        return row;
+    };
+    EXPECT_EQ(encoded(cleared(IpInEntry(5, IP, 5000))), encoded(IpInEntry()));
+    EXPECT_EQ(encoded(cleared(PhysInEntry(5, 5))), encoded(PhysInEntry()));
+    EXPECT_EQ(cleared(PhysInEntry(5, 5)).getPHYIIDX(), PhysInEntry().getPHYIIDX());
+    EXPECT_EQ(encoded(cleared(PhysOutEntry(5, 5))), encoded(PhysOutEntry()));
+    EXPECT_EQ(encoded(cleared(PidLutEntry(5, 5, 5, 5, true, true))), encoded(PidLutEntry()));
+    EXPECT_EQ(encoded(cleared(PidMapEntry(5, 5, 5))), encoded(PidMapEntry()));
+    EXPECT_EQ(encoded(cleared(TsiMapEntry(5, 5))), encoded(TsiMapEntry()));
 }
 
 TEST(Rows, OrderIsByKeyAndEqualityByTheRest) {

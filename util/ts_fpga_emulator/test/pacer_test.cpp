@@ -210,6 +210,22 @@ TEST(FairLock, GoesToTheLongestWaiterAndAStoppedOneLeavesTheQueue) {
     EXPECT_EQ(order, (std::vector{0, 1, 3, 4}));
 }
 
+TEST(FairLock, ATurnLastsUntilSomebodyWaits) {
+    FairLock lock;
+    FairTurn turn(lock);
+    ASSERT_TRUE(turn.begin({}));
+    std::this_thread::sleep_for(2 * FairTurn::MAX_TIME);
+    for (int pieces = 0; pieces < 20; ++pieces) {
+        turn.endIfOver();
+    }
+    EXPECT_TRUE(turn.isTaken());
+    const std::jthread waiter([&] { EXPECT_TRUE(lock.lock({})); });
+    EXPECT_TRUE(TestSupport::eventually([&] {
+        turn.endIfOver();
+        return !turn.isTaken();
+    }));
+}
+
 TEST(FairLock, ExcludesOthersHoweverItIsReleased) {
     FairLock lock;
     int owners = 0;
