@@ -93,10 +93,18 @@ TEST(PacketDispatcher, AWaitLeavesTheProcessorToOthersAndEndsAtOnceOnAStopReques
     PacketDispatcher dispatcher(folder / "fifo", {}, true);
     auto packet = Ts::LowlevInTSPacket::create<4096>();
     CppUtil::FileDescriptor reader;
+    const auto wait = [&](const std::stop_token& stop) {
+        FairTurn turn(dispatcher.getWriteLock());
+        return turn.begin({}) && dispatcher.waitForDevice(stop);
+    };
     for (const char* state : {"no reader yet", "full", "the reader has gone"}) {
-        while (dispatcher.tryDispatch(packet) == PacketDispatcher::Outcome::Written) {
+        {
+            FairTurn turn(dispatcher.getWriteLock());
+            ASSERT_TRUE(turn.begin({}));
+            while (dispatcher.tryDispatch(packet) == PacketDispatcher::Outcome::Written) {
+            }
         }
-        std::jthread waiting([&](const std::stop_token& stop) { dispatcher.waitForDevice(stop); });
+        std::jthread waiting(wait);
         const auto begin = std::chrono::steady_clock::now();
         const std::clock_t used = std::clock();
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -107,7 +115,7 @@ TEST(PacketDispatcher, AWaitLeavesTheProcessorToOthersAndEndsAtOnceOnAStopReques
         EXPECT_TRUE(TestSupport::eventually(
             [&] {
                 const auto asked = std::chrono::steady_clock::now();
-                EXPECT_FALSE(dispatcher.waitForDevice(stop));
+                EXPECT_FALSE(wait(stop));
                 return std::chrono::steady_clock::now() - asked < std::chrono::milliseconds(500);
             },
             std::chrono::seconds(10)))
