@@ -219,7 +219,7 @@ TEST(FairLock, ATurnLastsUntilSomebodyWaits) {
         turn.endIfOver();
     }
     EXPECT_TRUE(turn.isTaken());
-    const std::jthread waiter([&] { EXPECT_TRUE(lock.lock({})); });
+    const std::jthread waiter([&](const std::stop_token& stop) { EXPECT_TRUE(lock.lock(stop)); });
     EXPECT_TRUE(TestSupport::eventually([&] {
         turn.endIfOver();
         return !turn.isTaken();

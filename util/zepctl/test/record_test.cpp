@@ -278,7 +278,7 @@ TEST(RecordReader, FollowsAFileThatGrowsAndRestartsWhenItIsRewritten) {
         EXPECT_EQ(readOnce(reader), expected);
         EXPECT_EQ(reader.getTornBytes(), content.size() % Ts::RECORD_SIZE);
     }
-    // After a record, what looks like packets is the beginning of a damaged record.
+    // Once a record has been read, bytes that look like packets are a damaged record.
     write(recordsOf("0"));
     RecordReader reader(path);
     EXPECT_EQ(readOnce(reader), "0");

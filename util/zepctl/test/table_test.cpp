@@ -93,7 +93,7 @@ protected:
     WatchedMemory memory;
 };
 
-/// What was read or stored then does not count.
+/// Whatever a command reads or stores after the loss is invalid.
 TEST(Tables, ADeviceThatIsLostIsReportedByEveryCommand) {
     WatchedMemory memory;
     InputTable inputs(memory);
