@@ -30,8 +30,8 @@ constexpr std::size_t LARGEST_PIDS = 8;
 constexpr std::size_t MAX_INPUTS = 16;
 using Json = nlohmann::ordered_json;
 
-/// What all drawings share. The key is to the right of the diagrams, where it covers no data. Colour-blind
-/// people can tell the colours apart; they are those of Okabe and Ito.
+/// What all drawings share. The key is to the right of the diagrams, where it covers no data. The
+/// colours are the Okabe-Ito palette, which colour-blind people can tell apart.
 ///
 /// {0} terminal, {1} lines of the heading, each indented, {2} their number, {3} number of drawings, {4} end
 /// of the time axis in seconds

@@ -78,7 +78,7 @@ private:
 /// What arrives, per input: counts, rates and drift. Thread-bound.
 class RecordWatch {
 public:
-    /// @param isSaved whether takeCsvRows() will be called; else it has no lateness
+    /// @param isSaved whether takeCsvRows() will be called; if not, no lateness is kept
     explicit RecordWatch(bool isSaved) : m_IsSaved(isSaved) {}
 
     /// Takes the next complete records.
