@@ -1,7 +1,6 @@
 #include "tspacket_streaming/pacer.h"
 
 #include <deque>
-#include <latch>
 #include <vector>
 
 #include "support.h"
@@ -166,18 +165,18 @@ TEST(Pacer, ABacklogDoesNotDelayOtherInputs) {
 
 TEST(Pacer, AnInputIsRemovedAfterItsReleaseInProgress) {
     PlayedInputs play({every(milliseconds(1), 100), every(milliseconds(1), 100)});
-    std::latch isReleasing(1);
+    std::atomic<bool> isReleasing = false;
     std::atomic<bool> isReleased = false;
     play.onRelease = [&](std::size_t i) {
         if (i == 0 && !isReleased) {
-            isReleasing.count_down();
+            isReleasing = true;
             std::this_thread::sleep_for(milliseconds(50));
             isReleased = true;
         }
         return false;
     };
     std::jthread pacing([&] { play.run(); });
-    isReleasing.wait();
+    ASSERT_TRUE(TestSupport::eventually([&] { return isReleasing.load(); }));
     play.pacer.remove(play.handles[0]);
     EXPECT_TRUE(isReleased);
     pacing.join();

@@ -2,9 +2,9 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <atomic>
 #include <deque>
 #include <functional>
-#include <future>
 #include <sstream>
 #include <utility>
 
@@ -49,13 +49,13 @@ TEST(PktioStreamIn, FilterIsCheckedAtTheReleaseAndARouteNeverChangesWithinOne) {
         file.insert(file.end(), packet.begin() + Ts::RECORD_HEADER_SIZE, packet.end());
     }
     writeFile(folder / "input.ts", file);
-    std::promise<void> inRelease;
-    std::uint32_t released = 0;
+    std::atomic<std::uint32_t> released = 0;
+    std::atomic<bool> isChanging = false;
     const auto onDelay = [&] {
         if (++released == 1) {
-            inRelease.set_value();
-            // Time for a change to take effect, if anything let it.
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            EXPECT_TRUE(TestSupport::eventually([&] { return isChanging.load(); }));
+            // Time for the change to take effect, if anything let it.
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
     };
     PktioStreamIn stream(folder / "input.ts", 3,
@@ -64,7 +64,8 @@ TEST(PktioStreamIn, FilterIsCheckedAtTheReleaseAndARouteNeverChangesWithinOne) {
                          dispatcher);
     using Changes = std::vector<PktioStreamIn::RouteChange>;
     stream.changeRoutes(Changes{{0x100, true}});
-    inRelease.get_future().wait();
+    ASSERT_TRUE(TestSupport::eventually([&] { return released > 0; }));
+    isChanging = true;
     stream.changeRoutes(Changes{{0x100, false}, {0x101, true}});
     Bytes expected;
     for (const std::uint32_t i : {2U, 4U, 5U, 7U}) {  // 0 is discarded, the change comes after 1 to 4
