@@ -123,6 +123,9 @@ TEST_F(Diag, RangeIsRefusedBeforeAnythingIsRead) {
     EXPECT_EQ(refusal([&] { readPidLut(absent, 4294967295, 2, true); }),
               "Invalid Argument Error: Offset (4294967295) and count (2) exceeds the size (2048) of the ZEP "
               "PID LUT.");
+    EXPECT_THROW(readIpLut(absent, 256, 1, true), InvalidArgumentError);
+    EXPECT_THROW(dumpIpLut(absent, 256, 1, 0, true, output), InvalidArgumentError);
+    EXPECT_THROW(dumpPidLut(absent, 2048, 1, 0, true, output), InvalidArgumentError);
     EXPECT_EQ(refusal([&] { dumpOPidMap(absent, 0, 1, true, output); }),
               "Invalid Argument Error: Offset value 0 is not permitted in the ZEP O-PID MAP, since this is a "
               "reserved value.");

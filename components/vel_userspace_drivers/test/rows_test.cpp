@@ -121,7 +121,7 @@ TEST(Rows, RefusedValueIsNamedAndChangesNothing) {
         {[] { PidMapEntry(1, 255, 8192); }, "Cannot create PidMapEntry - invalid PID value (8192)"},
         {[&] { map.setTSOIDX(256); }, "Cannot set TSOidx - invalid TSOidx (256)"},
         {[&] { map.setRemapPID(8192); }, "Cannot set remap PID value - invalid PID value (8192)"},
-        {[&] { map.setPIDIDX(0); }, "Cannot set PIDix - invalid PIDidx (0)"},
+        {[] { PidMapEntry(1).setPIDIDX(0); }, "Cannot set PIDix - invalid PIDidx (0)"},
         {[&] { map.setPIDIDX(7); }, "Cannot set PIDix - invalid PIDidx (7)"},  // would link to itself
         {[] { PidMapEntry(1).setNextPIDIDX(1); }, "Cannot set NEXT PIDIX - invalid NEXT_PIDidx value (1)"},
         {[&] { map.setNextPIDIDX(4096); }, "Cannot set NEXT PIDIX - invalid NEXT_PIDidx value (4096)"},
@@ -161,12 +161,12 @@ TEST(Rows, SettersEnableWhereTheyShould) {
     EXPECT_TRUE(enabledBy(IpInEntry(), [](auto& row) { row.setIp("10.0.0.1"); }));
     EXPECT_TRUE(enabledBy(IpInEntry(), [](auto& row) { row.setUdpPort(1); }));
     EXPECT_FALSE(enabledBy(IpInEntry(1, IP, 1), [](auto& row) { row.clear(); }));
-    EXPECT_FALSE(enabledBy(IpOutEntry(), [](auto& row) { row.setTSOIDX(3); }));
+    EXPECT_FALSE(enabledBy(IpOutEntry(), [](auto& row) { row.setTSOIDX(0); }));
     EXPECT_TRUE(enabledBy(IpOutEntry(), [](auto& row) { row.setMac(MAC); }));
     EXPECT_TRUE(enabledBy(IpOutEntry(), [](auto& row) { row.setIp(IP); }));
     EXPECT_TRUE(enabledBy(IpOutEntry(), [](auto& row) { row.setUdpPort(1); }));
     EXPECT_TRUE(enabledBy(IpOutEntry(), [](auto& row) { row.setRtp(false); }));
-    EXPECT_FALSE(enabledBy(PhysOutEntry(), [](auto& row) { row.setPHYOIDX(3); }));
+    EXPECT_FALSE(enabledBy(PhysOutEntry(), [](auto& row) { row.setPHYOIDX(0); }));
     EXPECT_FALSE(enabledBy(TsiMapEntry(), [](auto& row) { row.setPIDIDX(3); }));
     PidMapEntry map(9);
     EXPECT_FALSE(map.isRemap());
@@ -181,8 +181,9 @@ TEST(Rows, SettersEnableWhereTheyShould) {
         return row;
     };
     EXPECT_EQ(encoded(cleared(IpInEntry(5, IP, 5000))), encoded(IpInEntry()));
-    EXPECT_EQ(encoded(cleared(PhysInEntry(5, 5))), encoded(PhysInEntry()));
-    EXPECT_EQ(cleared(PhysInEntry(5, 5)).getPHYIIDX(), PhysInEntry().getPHYIIDX());
+    EXPECT_EQ(encoded(cleared(PhysInEntry(0, 5))), encoded(PhysInEntry()));
+    EXPECT_EQ(cleared(PhysInEntry(5, 5)).getPHYIIDX(), 31U) << "a port that has no name";
+    EXPECT_EQ(IpOutEntry().getTSOIDX() + PhysOutEntry().getTSOIDX() + TsiMapEntry().getTSIIDX(), 3 * 255U);
     EXPECT_EQ(encoded(cleared(PhysOutEntry(5, 5))), encoded(PhysOutEntry()));
     EXPECT_EQ(encoded(cleared(PidLutEntry(5, 5, 5, 5, true, true))), encoded(PidLutEntry()));
     EXPECT_EQ(encoded(cleared(PidMapEntry(5, 5, 5))), encoded(PidMapEntry()));
