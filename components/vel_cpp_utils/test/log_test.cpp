@@ -32,6 +32,7 @@ std::string logged(const std::function<void(ILogsystem&)>& body) {
 }
 
 TEST(Log, LineIsTimeLevelAndMessageAndANameYieldsItsFirstLogger) {
+    EXPECT_EQ(makeLoggerName("a/b.h", "N::C::<lambda()>") + makeLoggerName("b", ""), "b.h::N::Cb");
     const std::string text = logged([](ILogsystem& logsystem) {
         const auto logger = logsystem.getLogger("name that is not written");
         debug(*logger, "below the level");

@@ -59,8 +59,8 @@ TEST(UriParser, ComponentsAreTakenApart) {
                 ElementsAre("udp", "me", "pass:word", "239.1.1.1", "a/b", "frag"));
     EXPECT_EQ(authority.getPort(), 5000);
     EXPECT_THAT(uri.getQuery(), ElementsAre(Pair("x", "1"), Pair("y", "2")));
-    const UriAuthority withUser = Uri::parse("udp://me@h").getAuthority();
-    EXPECT_TRUE(withUser.isUserSet() && withUser.isPasswordSet());
+    const UriAuthority withUser = Uri::parse("udp://m@h").getAuthority();
+    EXPECT_TRUE(withUser.isUserSet() && withUser.isPasswordSet() && withUser.getUser() == "m");
     UriAuthority withoutUser = Uri::parse("udp://@h").getAuthority();
     EXPECT_EQ(withoutUser.getHost(), "@h");
     EXPECT_FALSE(withoutUser.isUserSet() || withoutUser.isPasswordSet());
@@ -96,11 +96,10 @@ TEST(UriParser, ParsedTextIsWrittenInCanonicalForm) {
         EXPECT_EQ(Uri::parse(text).toString(), text);
     }
     // A text and its canonical form.
-    for (const std::string both :
-         {"file:///x file:/x", "udp://h/ udp://h", "udp://h?a=1&a=2 udp://h?a=2",
-          "udp://h?a&b=1&& udp://h?b=1", "udp://h?a=b=c&d=&=x udp://h?=x&a=b=c&d=", "udp://h? udp://h",
-          "UDP://H UDP://H",
-          "udp:// udp:", "udp://me:pass:word@h:1/a?y=2&x=1#f udp://me:pass:word@h:1/a?x=1&y=2#f"}) {
+    for (const std::string both : {"file:///x file:/x", "udp://h/ udp://h", "udp://h?a=1&a=2 udp://h?a=2",
+                                   "udp://h?a&b=1&& udp://h?b=1", "udp://h?a=b=c&d=&=x udp://h?=x&a=b=c&d=",
+                                   "udp://h? udp://h", "UDP://H UDP://H", "udp:// udp:", "udp://#f udp:#f",
+                                   "udp://me:pass:word@h:1/a?y=2&x=1#f udp://me:pass:word@h:1/a?x=1&y=2#f"}) {
         const std::size_t space = both.find(' ');
         EXPECT_EQ(Uri::parse(both.substr(0, space)).toString(), both.substr(space + 1));
     }

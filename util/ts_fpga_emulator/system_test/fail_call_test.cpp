@@ -159,7 +159,7 @@ TEST_P(FailCallTest, CompanionLeavesEachTableAsItWasOrAsItShouldBe) {
                                          {"input", "list"},
                                          {"clear"},
                                          {"records", "check", folder / "in"},
-                                         {"records", "split", folder / "in", folder / "split"},
+                                         {"records", "split", folder / "in", folder / "new"},
                                          {"create", "--force", folder / "."},
                                          {"create", "--fifo", folder / "new"}};
     for (const auto& command : commands) {

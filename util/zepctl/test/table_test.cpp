@@ -106,6 +106,7 @@ TEST(Tables, ADeviceThatIsLostIsReportedByEveryCommand) {
         [&] { inputs.remove(input(1, 1)); }, [&] { inputs.clear(); },
         [&] { RouteTable again(memory); },   [&] { routes.add({4, 0x100, 8, false, true}); },
         [&] { routes.remove(3, 0x100); },    [&] { routes.clear(); },
+        [&] { clearTsio(memory); },
     };
     for (const auto& command : commands) {
         EXPECT_THROW(command(), Drivers::DevMemError) << &command - commands;
