@@ -29,11 +29,12 @@ using Words = std::vector<std::string>;
 void requireBwrap() {
     std::FILE* trial = ::popen("trap '' HUP INT TERM; bwrap --dev-bind / / --tmpfs /dev true 2>&1", "r");
     std::string reason(400, '\0');
-    const bool hasReason = trial == nullptr || std::fgets(reason.data(), 400, trial) != nullptr;
+    const bool hasReason = trial != nullptr && std::fgets(reason.data(), 400, trial) != nullptr;
     if (trial == nullptr || ::pclose(trial) != 0 || hasReason) {
         throw CommandError(
             DeviceUnusable,
-            "Cannot use bwrap (" + reason.substr(0, reason.find_first_of(std::string("\n\0", 2))) +
+            "Cannot use bwrap (" +
+                (hasReason ? reason.substr(0, reason.find_first_of(std::string("\n\0", 2))) : "no message") +
                 "); install the package bubblewrap, and "
                 "start a container with --privileged, or with the stand-ins mounted at the device paths");
     }

@@ -88,7 +88,7 @@ void PciIf::closeDevice() {
         ::munmap(m_MapBase, static_cast<std::size_t>(m_MapSize));
         m_MapBase = nullptr;
     }
-    m_File.close();
+    m_File = CppUtil::FileDescriptor();
 }
 
 Drivers::MemSegment PciIf::getMemSegment() const {

@@ -20,16 +20,16 @@ public:
         std::swap(m_Fd, other.m_Fd);
         return *this;
     }
-    ~FileDescriptor() { close(); }
+    ~FileDescriptor() {
+        if (isOpen()) {
+            ::close(m_Fd);
+        }
+    }
 
     int get() const { return m_Fd; }
     bool isOpen() const { return m_Fd != -1; }
     /// Gives up ownership.
     [[nodiscard]] int release() { return std::exchange(m_Fd, -1); }
-
-    /// Closes it now, for a caller that needs to know of a late write error. False, with errno, when that
-    /// fails.
-    bool close() { return !isOpen() || ::close(std::exchange(m_Fd, -1)) == 0; }
 
     /// For a device that fails with EAGAIN although poll() reports it as ready, as with a driver without poll
     /// support: keeps the caller from a busy loop.
