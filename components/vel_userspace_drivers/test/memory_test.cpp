@@ -110,9 +110,7 @@ TEST(PciIf, FailedConstructionNamesTheReasonAndReleasesWhatItHad) {
     };
     EXPECT_EQ(open(file.path, SIZE, 0),
               "PCI Error: File " + file.path + " is too short: it has 16383 bytes, but 16384 are needed.");
-    EXPECT_EQ(
-        open("no\x1b\nfile", SIZE, 0),
-        "PCI Error: Could not open device at path: no\\x1b\\x0afile. Error: \"No such file or directory\"");
+    EXPECT_THAT(open("no\x1b\nfile", SIZE, 0), HasSubstr("at path: no\\x1b\\x0afile. Error: \"No such"));
     EXPECT_THAT(open(file.path, 4096, 0xFFFFF000), HasSubstr("but 4294967296 are needed."));
     EXPECT_EQ(open(file.path, 4096, 1),
               "PCI Error: Failed mmap of 4096 bytes (offset: 1) from device: " + file.path + ". ");

@@ -35,40 +35,21 @@ Row decoded(const Words& words) {
     row.deserialize(words);
     return row;
 }
-/// Words of ones, read and written again: the bits that fields use.
-template <class Row>
-Words usedBits() {
-    return encoded(decoded<Row>(Words(Row::WORDS, 0xFFFFFFFF)));
-}
 
 TEST(Rows, WordsMatchTheLayout) {
     PidMapEntry linked(9, 3, 0x100);
     linked.setNextPIDIDX(7);
     const std::vector<std::pair<Words, Words>> cases = {
-        {encoded(IpInEntry()), {0xFFFFFFFF, 0x00FFFFFF}},
         {encoded(IpInEntry(5)), {0, 0x01050000}},
         {encoded(IpInEntry(5, "239.1.2.3", 5000)), {0xEF010203, 0x01051388}},
-        {usedBits<IpInEntry>(), {0xFFFFFFFF, 0x01FFFFFF}},
-        {encoded(IpOutEntry()), {0, 0, 0, 0x0000FFFF}},
         {encoded(IpOutEntry(9, MAC, IP, 5000, true)), {0x00000011, 0x22334455, 0xEF010101, 0x00031388}},
-        {usedBits<IpOutEntry>(), {0xFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0x3FFFF}},
-        {encoded(PhysInEntry()), {255}},
         {encoded(PhysInEntry(9, 3)), {3}},
-        {usedBits<PhysInEntry>(), {0xFFFFFFFF}},
-        {encoded(PhysOutEntry()), {0x0000001F}},
         {encoded(PhysOutEntry(9, 17)), {0x00000111}},
-        {usedBits<PhysOutEntry>(), {0x0000011F}},
-        {encoded(PidLutEntry()), {0x001FFFFF, 0xFF000FFF}},
         {encoded(PidLutEntry(0, 0, 1, true, false)), {0, 0xFF001001}},
         {encoded(PidLutEntry(5, 256, 7, 3, false, true)), {0x0000A100, 0x03002007}},
-        {usedBits<PidLutEntry>(), {0x001FFFFF, 0xFF003FFF}},
-        {encoded(PidMapEntry()), {0x001FFFFF, 0}},
         {encoded(PidMapEntry(9, 3)), {0x00400003, 0}},
         {encoded(linked), {0x00610003, 7}},
-        {usedBits<PidMapEntry>(), {0x007FFFFF, 0xFFF}},
-        {encoded(TsiMapEntry()), {0x00000FFF}},
         {encoded(TsiMapEntry(9, 5)), {0x00001005}},
-        {usedBits<TsiMapEntry>(), {0x00001FFF}},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
         EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
@@ -191,28 +172,13 @@ TEST(Rows, SettersEnableWhereTheyShould) {
 }
 
 TEST(Rows, OrderIsByKeyAndEqualityByTheRest) {
-    const IpInEntry in(5, "239.1.2.3", 5000);
-    EXPECT_LT(in, IpInEntry(1, "239.1.2.3", 5001));
-    EXPECT_GT(in, IpInEntry(9, "9.255.255.255", 9999)) << "as unsigned numbers";
-    EXPECT_EQ(in, decoded<IpInEntry>({0xEF010203, 0x00051388})) << "enabled or not";
-    const IpInEntry otherInput(6, "239.1.2.3", 5000);
-    EXPECT_TRUE(in != otherInput && !(in < otherInput) && !(in > otherInput));
-    EXPECT_NE(in, IpInEntry(5, "239.1.2.3", 5001));
-
+    EXPECT_EQ(IpInEntry(5, "239.1.2.3", 5000), decoded<IpInEntry>({0xEF010203, 0x00051388}))
+        << "enabled or not";
     const IpOutEntry out(9, MAC, IP, 5000, true);
     EXPECT_EQ(out, IpOutEntry(9, MacAdrContainer(), IP, 5000, false));
     EXPECT_NE(out, IpOutEntry(8, MAC, IP, 5000, true));
     EXPECT_LT(out, IpOutEntry(1, MAC, IP, 5001, true));
     EXPECT_GT(IpOutEntry(1, MAC, IpAdrContainer(0xEF010102), 1, true), out);
-
-    const PidLutEntry lut(5, 256, 7, 3, false, true);
-    EXPECT_LT(lut, PidLutEntry(5, 257, 1, 0, false, false));
-    EXPECT_GT(PidLutEntry(6, 0, 1, 0, false, false), lut);
-    for (const PidLutEntry& other :
-         {PidLutEntry(5, 256, 8, 3, false, true), PidLutEntry(5, 256, 7, 4, false, true),
-          PidLutEntry(5, 256, 7, 3, true, true), PidLutEntry(5, 256, 7, 3, false, false)}) {
-        EXPECT_TRUE(lut != other && !(lut < other) && !(lut > other));
-    }
 }
 
 TEST(PortNames, NameEachPortAndNoOther) {

@@ -107,10 +107,7 @@ public:
         std::size_t count = 0;
         std::istringstream text(out());
         for (std::string line; std::getline(text, line);) {
-            const std::size_t space = line.find(' ');
-            count += space != std::string::npos && line.compare(space + 1, beginning.size(), beginning) == 0
-                         ? 1
-                         : 0;
+            count += line.substr(line.find(' ') + 1).starts_with(beginning) ? 1 : 0;
         }
         return count;
     }

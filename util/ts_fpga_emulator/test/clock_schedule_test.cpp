@@ -15,9 +15,9 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-constexpr std::int64_t MS = 1'000'000;      // nanoseconds
-constexpr std::int64_t PCR_MS = 27'000;     // PCR ticks
-constexpr std::int64_t START = 5'000 * MS;  // of the clock
+constexpr std::int64_t MS = 1'000'000;        // nanoseconds
+constexpr std::int64_t PCR_MS = 27'000;       // PCR ticks
+constexpr std::int64_t START = 100'000 * MS;  // of the clock
 constexpr int LIMIT = ClockSchedule::MAX_HELD_PACKETS;
 
 std::shared_ptr<spdlog::logger> logTo(std::ostringstream& text) {
@@ -117,6 +117,9 @@ TEST(ClockSchedule, EveryPacketIsDueAtItsPcrTime) {
          {{14'999, 0}},
          "[warning] TSIIDX 3: PCRs are 1500 ms apart; PCRs more than 1000 ms apart cannot be paced\n" +
              unpaced},
+        {"PCRs not too far apart",
+         [](int i) { return i % 1000 == 0 ? Ms(i) : std::nullopt; },
+         {{1999, 1999}}},
         {"the second PCR in the last packet that may be held",
          [](int i) { return i == 9'989 || i == 9'999 ? Ms(i) : std::nullopt; },
          {{9'999, 9'999}}},

@@ -183,6 +183,14 @@ TEST(Pacer, AnInputIsRemovedAfterItsReleaseInProgress) {
     EXPECT_EQ(play.sent.size(), 101U) << "it gets no further turn";
 }
 
+TEST(Pacer, TheOthersKeepTheirOrderWhenAnInputIsRemoved) {
+    PlayedInputs play({{milliseconds(1)}, {milliseconds(10)}, {milliseconds(2)}, {milliseconds(3)}});
+    play.pacer.remove(play.handles[0]);
+    play.run();
+    EXPECT_EQ(std::ranges::max(play.sent, {}, &std::pair<std::size_t, nanoseconds>::second).second.count(),
+              0);
+}
+
 TEST(FairLock, GoesToTheLongestWaiterAndAStoppedOneLeavesTheQueue) {
     FairLock lock;
     ASSERT_TRUE(lock.lock({}));
@@ -205,14 +213,17 @@ TEST(FairLock, GoesToTheLongestWaiterAndAStoppedOneLeavesTheQueue) {
     waiters[2].request_stop();
     EXPECT_TRUE(TestSupport::eventually([&] { return left == 1; }));
     lock.handOver();
+    ASSERT_TRUE(lock.lock({}));  // after all those that were there before
+    order.push_back(9);
+    lock.handOver();
     waiters.clear();
-    EXPECT_EQ(order, (std::vector{0, 1, 3, 4}));
+    EXPECT_EQ(order, (std::vector{0, 1, 3, 4, 9}));
 }
 
 TEST(FairLock, ATurnLastsUntilSomebodyWaits) {
     FairLock lock;
     FairTurn turn(lock);
-    ASSERT_TRUE(turn.begin({}));
+    ASSERT_TRUE(!turn.isTaken() && turn.begin({}));
     std::this_thread::sleep_for(2 * FairTurn::MAX_TIME);
     for (int pieces = 0; pieces < 20; ++pieces) {
         turn.endIfOver();

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -135,11 +136,11 @@ TEST(PktioStreamIn, StopsAtTheReadAheadLimitAndEndsAtOnceWhileThePacerHasItsPack
     auto nowNs = oneHourAhead();
     PacketDispatcher dispatcher("/dev/null");
     Pacer pacer(dispatcher, std::make_unique<FakeClock>(nowNs));
-    PktioStreamIn stream(folder / "input.ts", 3, pacer, dispatcher);
-    stream.changeRoutes(std::vector<PktioStreamIn::RouteChange>{{0x100, true}});
+    std::optional<PktioStreamIn> stream(std::in_place, folder / "input.ts", 3, pacer, dispatcher);
+    stream->changeRoutes(std::vector<PktioStreamIn::RouteChange>{{0x100, true}});
     const auto hasReadToTheLimit = [&] {
         testing::internal::CaptureStdout();
-        stream.logStatus("uri");
+        stream->logStatus("uri");
         EXPECT_TRUE(Log::drain(std::chrono::minutes(1)));
         return testing::internal::GetCapturedStdout().find(" read=10000 ") != std::string::npos;
     };
@@ -152,6 +153,8 @@ TEST(PktioStreamIn, StopsAtTheReadAheadLimitAndEndsAtOnceWhileThePacerHasItsPack
         return dispatcher.getRecordCount() > 2;
     }));
     EXPECT_EQ(dispatcher.getRecordCount(), 26U) << "all that is due within GROUP_TIME, in one turn";
+    stream.reset();
+    EXPECT_FALSE(pacer.releaseDue().nextDue) << "it gets no further turn";
 }
 
 /// The rate of a status line lies between those for the times around its limits.
