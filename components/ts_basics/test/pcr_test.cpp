@@ -26,7 +26,7 @@ LowlevInTSPacket packetOf(const std::string& word) {
                           : 0x100U,
         .discontinuity = has('d'),
         .transportError = has('e'),
-        .adaptationLength = static_cast<std::uint8_t>(has('u') ? 6 : 7),
+        .adaptationLength = static_cast<std::uint8_t>(has('u') ? 6 : 183),
         .sync = has('y') ? std::uint8_t{0} : SYNC_BYTE,
     };
     if (const auto pcr = word.find_first_of("-0123456789"); pcr != std::string::npos) {
@@ -99,7 +99,7 @@ TEST(PcrClock, ChoosesAgainWhenThePidFallsSilent) {
     EXPECT_EQ(readAll(clock, "a7 b3"), "c 2/1");
     EXPECT_EQ(clock.getPid(), 0x101U);
     clock.restart();
-    EXPECT_EQ(readAll(clock, "a8 a9"), "c 1/1");
+    EXPECT_EQ(readAll(clock, "b4 b5"), "c 1/1");
 }
 
 }  // namespace

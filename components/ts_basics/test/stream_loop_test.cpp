@@ -40,7 +40,7 @@ std::string stamp(std::uint64_t time) {
 /// A packet with all times that the flags announce, each later than the one before by 1000 ticks, wherever
 /// they have room. `pts` and `pcr` are those of the stream, or `advance` later.
 struct TimedPacket {
-    static constexpr std::uint64_t FIRST_TIME = WRAP - 2500;
+    static constexpr std::uint64_t FIRST_TIME = WRAP - 2503;
     static constexpr std::uint64_t FIRST_STAMP = FIRST_TIME + 1000;  // without an adaptation field
 
     int fieldLength = -1;  // without an adaptation field
@@ -50,7 +50,7 @@ struct TimedPacket {
     bool escr = false;
     int moreHeader = 0;  // bytes after the times; negative: the header is too short for them
     std::uint8_t streamId = 0xE0;
-    std::uint8_t startCode = 1;
+    std::uint32_t startCode = 1;
     std::uint8_t marker = 0x8F;
     std::uint32_t pid = 0x200;
     bool scrambled = false;
@@ -80,7 +80,7 @@ struct TimedPacket {
         if (fieldLength >= 0) {
             packet[3] |= 0x20;
             packet[4] = static_cast<std::uint8_t>(fieldLength);
-            packet[5] = static_cast<std::uint8_t>((pcr ? 0x10 : 0) | (opcr ? 0x08 : 0));
+            packet[5] = static_cast<std::uint8_t>(0x67 | (pcr ? 0x10 : 0) | (opcr ? 0x08 : 0));
             int at = 6;
             for (const bool isThere : {pcr, opcr}) {
                 const bool hasRoom = pcrAdvances && at + 6 <= 5 + fieldLength && fieldLength <= 183;
@@ -96,7 +96,7 @@ struct TimedPacket {
             advance = 0;
         }
         std::string header = bits(startCode, 24) + bits(streamId, 8) + bits(0, 16) + bits(marker, 8) +
-                             bits(static_cast<unsigned>(stampFlags) << 6 | (escr ? 0x20 : 0), 8) +
+                             bits(static_cast<unsigned>(stampFlags) << 6 | (escr ? 0x3F : 0x1F), 8) +
                              bits(static_cast<unsigned>(headerLength()), 8);
         for (int i = 1; i < stampFlags; ++i) {
             header += "0011" + stamp(time += 1000 + advance);
@@ -171,7 +171,8 @@ TEST(StreamLoop, LeavesOtherPacketsAsTheyAre) {
     }
     for (const auto change : std::initializer_list<void (*)(TimedPacket&)>{
              [](TimedPacket& p) { p.scrambled = true; }, [](TimedPacket& p) { p.unitStart = false; },
-             [](TimedPacket& p) { p.marker = 0x4F; }, [](TimedPacket& p) { p.startCode = 2; },
+             [](TimedPacket& p) { p.marker = 0x4F; },
+             [](TimedPacket& p) { p.fieldLength = -1, p.startCode = 0x9F9F01; },
              [](TimedPacket& p) { p.moreHeader = -1; }}) {
         TimedPacket packet = all;
         packet.pesAdvances = false;

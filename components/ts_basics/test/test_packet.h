@@ -9,7 +9,8 @@
 
 namespace Vel::TestSupport {
 
-/// The fields of a transport packet for a test. The last four bytes of the packet hold its number.
+/// The fields of a transport packet for a test. The last four bytes of the packet hold its number. The
+/// rest would be an adaptation field with all flags, if the packet had one.
 struct TestPacket {
     std::uint32_t pid = 0x100;
     std::uint32_t number = 0;
@@ -24,7 +25,7 @@ struct TestPacket {
 
     /// The packet as the record of an input.
     std::vector<std::uint8_t> record(std::uint32_t tsiidx) const {
-        std::vector<std::uint8_t> record(Ts::RECORD_SIZE, 0xFF);
+        std::vector<std::uint8_t> record(Ts::RECORD_SIZE, 0x9F);
         Ts::writeRecordHeader(record.data(), tsiidx);
         Ts::writeRecordHeader(record.data() + Ts::RECORD_SIZE - Ts::RECORD_HEADER_SIZE, number);
         const bool adaptation = pcr || discontinuity;
