@@ -229,11 +229,18 @@ TEST(FairLock, ATurnLastsUntilSomebodyWaits) {
         turn.endIfOver();
     }
     EXPECT_TRUE(turn.isTaken());
-    const std::jthread waiter([&](const std::stop_token& stop) { EXPECT_TRUE(lock.lock(stop)); });
-    EXPECT_TRUE(TestSupport::eventually([&] {
-        turn.endIfOver();
-        return !turn.isTaken();
-    }));
+    const std::jthread rival([&](const std::stop_token& stop) {
+        while (!stop.stop_requested() && lock.lock(stop)) {
+            lock.handOver();
+        }
+    });
+    for (int turns = 0; turns < 10; ++turns) {
+        EXPECT_TRUE(TestSupport::eventually([&] {
+            turn.endIfOver();
+            return !turn.isTaken();
+        }));
+        ASSERT_TRUE(turn.begin({}));
+    }
 }
 
 TEST(FairLock, ExcludesOthersHoweverItIsReleased) {
