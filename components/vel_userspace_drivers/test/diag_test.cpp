@@ -30,7 +30,9 @@ TEST(Diag, ReadersKeepRowsInUseInRowOrder) {
     EXPECT_THAT(readPidLut(memory, 2047, 1, true), testing::SizeIs(1));
     EXPECT_EQ(getPidLutBase(memory, 1), 12288U);
     memory.words[1] = memory.words[129] = 0xFFFFFFFF;
-    EXPECT_EQ(getPidLutControlBit(memory), 1U);
+    EXPECT_TRUE(getPidLutControlBit(memory) == 1 && getIpLutControlBit(memory) == 0);
+    memory.words[0] = 1;
+    EXPECT_EQ(getIpLutControlBit(memory), 1U);
     EXPECT_THAT(readPidLut(memory, 0, 1, false), ElementsAre(PidLutEntry(2, 2, 2, 0, false, true)));
     EXPECT_EQ(getPidLutBase(memory, 7), 8192U);
 }
